@@ -1,0 +1,25 @@
+# Front door: `make example` analyses the bundled example study,
+# `make check` builds with sanitizers and runs the whole test suite.
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+BUILD ?= build
+CHECK_BUILD ?= build-check
+
+.PHONY: setup build example check clean
+
+setup:
+	@bash scripts/setup.sh
+
+build: setup
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS)
+
+example: build
+	@bash scripts/run-example.sh $(BUILD)
+
+check: setup
+	@cmake -S . -B $(CHECK_BUILD) -DCMAKE_BUILD_TYPE=Release -DFMRI_REM_SANITIZE=ON >/dev/null
+	@cmake --build $(CHECK_BUILD) -j $(JOBS)
+	@cd $(CHECK_BUILD) && ctest --output-on-failure -j $(JOBS)
+
+clean:
+	rm -rf $(BUILD) $(CHECK_BUILD)

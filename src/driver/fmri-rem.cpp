@@ -1,0 +1,2 @@
+// fmri-rem: group-level random-effects analysis of fMRI results.
+int main() { return 0; }
