@@ -1,0 +1,38 @@
+// Helpers shared by the header readers of the io module (not part of its
+// public interface).
+#ifndef FMRI_REM_IO_INTERNAL_H
+#define FMRI_REM_IO_INTERNAL_H
+
+#include <stddef.h>
+
+namespace io_internal {
+
+// True when line holds nothing but white space.
+bool is_blank_line(const char *line);
+
+// Splits a header statement: copies its first white-space-delimited word
+// into keyword (a buffer of keyword_size characters, the word cut to fit)
+// and returns the value text, which starts at the first character after the
+// word that is neither a blank nor a tab.
+const char *split_statement(const char *line, char *keyword, size_t keyword_size);
+
+// Writes prefix followed by suffix into result (a buffer of result_size
+// characters).  Returns false, with result left empty, when that does not
+// fit.
+bool join_name(const char *prefix, size_t prefix_length, const char *suffix, char *result,
+               size_t result_size);
+
+// Geometry of every result volume (that of the first signal file) and the
+// NIfTI-output flag, as recorded by set_output_geometry.
+struct output_geometry {
+    int nx, ny, nz;
+    float resolution[3];
+    float origin[3];
+    float direction[3];
+    int nifti_output;
+};
+extern output_geometry output;
+
+}  // namespace io_internal
+
+#endif
