@@ -1,0 +1,113 @@
+// Conditions: each word of the conditions text becomes an integer contrast
+// matrix over the basis functions, one row per comma-separated part.
+#include "rem.h"
+
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "util.h"
+
+namespace {
+
+bool is_space(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+}
+
+// Finds the next word at or after text: returns its start and stores its
+// length, or returns null when no word is left.
+const char *next_word(const char *text, size_t *length) {
+    while (*text != '\0' && is_space(*text)) ++text;
+    if (*text == '\0') return nullptr;
+    size_t n = 0;
+    while (text[n] != '\0' && !is_space(text[n])) ++n;
+    *length = n;
+    return text;
+}
+
+// Column count of the contrast matrices, kept with them.
+int ncoeff_save = -1;
+
+}  // namespace
+
+int REM_define_conditions(const char *text, int *count) {
+    if (!REM.initialized) {
+        printf("Error: the REM basis functions should be defined before the conditions.\n");
+        return 1;
+    }
+    if (ncoeff_save < 0) ncoeff_save = REM.nbasis;
+
+    // A second definition replaces the first; the slots are cleared so that
+    // nothing can be freed twice.
+    for (int c = 0; c < REM_MAX_CONDITIONS; ++c) {
+        if (REM.condition_contrast[c] != nullptr)
+            free_int_matrix(REM.condition_contrast[c], static_cast<uint32_t>(REM.condition_nrows[c]));
+        REM.condition_contrast[c] = nullptr;
+        REM.condition_nrows[c] = 0;
+    }
+    REM.nconditions = 0;
+    ncoeff_save = REM.nbasis;
+
+    size_t length = 0;
+    int nwords = 0;
+    for (const char *p = next_word(text, &length); p != nullptr; p = next_word(p + length, &length))
+        ++nwords;
+    if (nwords == 0) {
+        *count = 0;
+        return 0;
+    }
+    if (nwords > REM_MAX_CONDITIONS) {
+        printf("Error: %d conditions are given; at most %d can be tested.\n", nwords,
+               REM_MAX_CONDITIONS);
+        *count = 0;
+        return 1;
+    }
+
+    for (const char *p = next_word(text, &length); p != nullptr; p = next_word(p + length, &length)) {
+        int commas = 0;
+        for (size_t j = 0; j < length; ++j)
+            if (p[j] == ',') ++commas;
+        const int c = REM.nconditions;
+        REM.condition_nrows[c] = commas + 1;
+        int **contrast = int_matrix(static_cast<uint32_t>(commas + 1), static_cast<uint32_t>(REM.nbasis));
+        for (int row = 0; row <= commas; ++row)
+            for (int e = 0; e < REM.nbasis; ++e) contrast[row][e] = 0;
+        REM.condition_contrast[c] = contrast;
+        REM.nconditions++;
+    }
+    *count = REM.nconditions;
+
+    int c = 0;
+    for (const char *p = next_word(text, &length); p != nullptr;
+         p = next_word(p + length, &length), ++c) {
+        const size_t kept = length < REM_NAME_LENGTH - 1 ? length : REM_NAME_LENGTH - 1;
+        memcpy(REM.condition_name[c], p, kept);
+        REM.condition_name[c][kept] = '\0';
+        int row = 0;
+        int sign = 1;
+        for (size_t j = 0; j < length; ++j) {
+            const char ch = p[j];
+            if (ch == ',') {
+                ++row;
+                sign = 1;
+            } else if (ch == '-') {
+                sign = -1;
+            } else {
+                const int number = REM_EventNumberFromChar(ch);
+                bool found = false;
+                for (int e = 0; e < REM.nevents && e < REM.nbasis; ++e) {
+                    if (REM.event_number[e] == number) {
+                        REM.condition_contrast[c][row][e] = sign;
+                        found = true;
+                    }
+                }
+                if (!found) {
+                    printf("Error: one of the events in the conditions (%d) is not defined.\n",
+                           number);
+                    return 1;
+                }
+            }
+        }
+    }
+    return 0;
+}
