@@ -1,0 +1,176 @@
+// Final weighted least-squares fit of one voxel with its random-effects
+// variance held fixed, and the F test of a condition's contrast rows.
+//
+// All model numbers are float32 and every running sum is a float variable that
+// receives its terms one at a time, in index order: these roundings define the
+// program's results.
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "rem.h"
+#include "util.h"
+#include "weighting.h"
+
+// (4 ln 2)^(3/2) / (2 pi)^2, rounded: the Euler-characteristic density
+// constant of a three-dimensional t field.
+static const float euler_characteristic_constant = 0.1169f;
+
+int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,
+                  float *event_sum)
+{
+    if (!REM.initialized) {
+        printf("Error in REM_fit_data: first initialize the REM\n");
+        return 1;
+    }
+    if (n != REM.nfiles) {
+        printf("Error: the number of data time points (%d) does not match the number in the REM "
+               "(%d).\n",
+               n, REM.nfiles);
+        exit(1);
+    }
+    const int k = REM.nbasis;
+
+    // A file without an error value cannot be weighted: an all-zero fit.
+    int zero_error = 0;
+    for (int i = 0; i < n; ++i) {
+        if (error[i] == 0.0f) zero_error = 1;
+    }
+    if (zero_error) {
+        for (int i = 0; i < n; ++i) {
+            fitted[i] = 0.0f;
+            event_sum[i] = 0.0f;
+        }
+        for (int j = 0; j < k; ++j) {
+            REM.beta[j] = 0.0f;
+            for (int jj = 0; jj < k; ++jj) REM.normal_inverse[j][jj] = 0.0f;
+        }
+        return 0;
+    }
+
+    rem_set_fixed_variance(n, error);
+    rem_set_weighting(n, sigma2_re);
+    REMInternal_compute_residue_matrix();
+
+    for (int j = 0; j < k; ++j) {
+        float s = 0.0f;
+        for (int i = 0; i < n; ++i) s += REM.estimator[j][i] * effect[i];
+        REM.beta[j] = s;
+    }
+
+    for (int i = 0; i < n; ++i) {
+        float value = 0.0f;
+        float sum = 0.0f;
+        for (int j = 0; j < k; ++j) {
+            value += REM.design[i][j] * REM.beta[j];
+            if (REM.design[i][j] != 0.0f) sum += REM.beta[j];  // NaN counts as non-zero
+        }
+        fitted[i] = value;
+        event_sum[i] = sum;
+    }
+    return 0;
+}
+
+int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, float *p_raw,
+                    float *p_corrected, float *effect_size, float *effect_error)
+{
+    if (condition < 0 || condition >= REM.nconditions) {
+        printf("Error: the specified condition (%d) is out of range (0-%d)\n", condition,
+               REM.nconditions);
+        return 1;
+    }
+    if (n != REM.nfiles) {
+        printf("Error: # time points (%d) != # used in REM fit (%d).\n", n, REM.nfiles);
+        return 1;
+    }
+
+    const int k = REM.nbasis;
+    const int m = REM.condition_nrows[condition];
+    int **L = REM.condition_contrast[condition];
+    float **N = REM.normal_inverse;
+    float *contrast = float_vector(static_cast<uint32_t>(m));
+    float **M = float_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(m));
+
+    // Contrast values; the effect size is the first one of largest magnitude.
+    float largest = 0.0f;
+    for (int r = 0; r < m; ++r) {
+        float c = 0.0f;
+        for (int j = 0; j < k; ++j) c += L[r][j] * REM.beta[j];
+        contrast[r] = c;
+        if (std::fabs(c) > std::fabs(largest)) largest = c;
+    }
+    *effect_size = largest;
+
+    // M = L.N.L', one running sum over i and j for each element.
+    for (int r = 0; r < m; ++r) {
+        for (int s = 0; s < m; ++s) {
+            float sum = 0.0f;
+            for (int i = 0; i < k; ++i) {
+                for (int j = 0; j < k; ++j) sum += L[r][i] * N[i][j] * L[s][j];
+            }
+            M[r][s] = sum;
+        }
+    }
+    int failed_column = -1;
+    (void)rInvertSquareMatrix(m, M, &failed_column);  // a singular M is used as left
+
+    float Q = 0.0f;
+    for (int r = 0; r < m; ++r) {
+        for (int s = 0; s < m; ++s) Q += contrast[r] * M[r][s] * contrast[s];
+    }
+    const float F = Q / static_cast<float>(m);
+    free_float_matrix(M, static_cast<uint32_t>(m));
+    free_float_vector(contrast);
+
+    float t = static_cast<float>(std::sqrt(static_cast<double>(F)));
+    *effect_error = *effect_size / t;
+
+    // Expected Euler characteristic of a 3-D t field above t = sqrt(F).
+    const float nu = static_cast<float>(dof);
+    const float numerator = euler_characteristic_constant * ((nu - 1) / nu * F - 1);
+    const float base = 1 + F / nu;
+    const float exponent = (nu - 1) / 2;
+    const float rho = static_cast<float>(
+        numerator / std::pow(static_cast<double>(base), static_cast<double>(exponent)));
+    float corrected = resels * rho;
+
+    if (*effect_size < 0.0f) t = -t;
+
+    float raw;
+    if (*effect_size == 0.0f) {
+        t = 0.0f;
+        raw = 1.0f;
+        corrected = 1.0f;
+    } else {
+        // Upper tail of the F distribution with m and nu degrees of freedom.
+        const float x = nu / (m * F + nu);
+        const float p0 = static_cast<float>(
+            ibeta(0.5 * static_cast<double>(nu), 0.5 * static_cast<double>(m),
+                  static_cast<double>(x)));
+        if (m == 1) {
+            raw = p0;
+        } else {
+            // Several rows: doubled, and folded back into [0, 1].
+            raw = 2 * p0;
+            if (raw == 2.0f) raw = 1.0f;
+            if (raw > 1.0f) raw = 2 - raw;
+        }
+    }
+
+    if (corrected > 1.0f || corrected < 0.0f) corrected = 1.0f;
+
+    // Never 0, so that -log10 p stays finite.
+    const float p_min = static_cast<float>(std::exp(-100.0));
+    if (raw < p_min) raw = p_min;
+    if (corrected < p_min) corrected = p_min;
+
+    *t_value = t;
+    *p_raw = raw;
+    *p_corrected = corrected;
+    return 0;
+}
+
+int REM_get_DOF(void)
+{
+    return REM.nfiles - REM.nbasis;
+}

@@ -1,0 +1,182 @@
+// Test helpers for the model's statistics: building a small model in the
+// global records, setting conditions directly, a portable random source, and
+// an independent double-precision weighted least-squares computation.
+#ifndef FMRI_REM_TEST_MODEL_H
+#define FMRI_REM_TEST_MODEL_H
+
+#include <cmath>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "rem.h"
+#include "util.h"
+
+namespace rem_test {
+
+struct Event {
+    int shape;                               // 0 square, 1 ramp
+    std::vector<std::pair<int, int>> ranges;  // inclusive file index ranges
+};
+
+// Fills REM for nfiles files and the given events (event numbers 1, 2, ...),
+// builds the design and marks the model initialised.
+inline void build_model(int nfiles, const std::vector<Event> &events,
+                        const std::vector<float> &weights = {})
+{
+    for (int i = 0; i < REM_MAX_FILES; ++i) {
+        REM_input.file_weight[i] = i < static_cast<int>(weights.size()) ? weights[i] : 1.0f;
+    }
+    REM.nfiles = nfiles;
+    REM.nevents = static_cast<int>(events.size());
+    for (int e = 0; e < REM.nevents; ++e) {
+        REM.event_number[e] = e + 1;
+        REM.event_shape[e] = events[e].shape;
+        REM.event_nranges[e] = static_cast<int>(events[e].ranges.size());
+        REM.event_nfiles[e] = 0;
+        for (size_t r = 0; r < events[e].ranges.size(); ++r) {
+            REM.range_start[e][r] = events[e].ranges[r].first;
+            REM.range_stop[e][r] = events[e].ranges[r].second;
+            REM.event_nfiles[e] += events[e].ranges[r].second - events[e].ranges[r].first + 1;
+        }
+    }
+    REMInternal_define_design_matrix();
+    REM.initialized = 1;
+}
+
+// Sets condition `index` to the given contrast rows (k columns each).
+inline void set_condition(int index, const std::vector<std::vector<int>> &rows)
+{
+    const int m = static_cast<int>(rows.size());
+    const int k = REM.nbasis;
+    REM.condition_contrast[index] = int_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(k));
+    for (int r = 0; r < m; ++r) {
+        for (int j = 0; j < k; ++j) REM.condition_contrast[index][r][j] = rows[r][j];
+    }
+    REM.condition_nrows[index] = m;
+    if (REM.nconditions < index + 1) REM.nconditions = index + 1;
+}
+
+// Deterministic, platform-independent random numbers (64-bit LCG).
+class Random {
+public:
+    explicit Random(uint64_t seed) : state_(seed * 2862933555777941757ULL + 3037000493ULL) {}
+    double uniform()  // in (0, 1)
+    {
+        state_ = state_ * 6364136223846793005ULL + 1442695040888963407ULL;
+        return (static_cast<double>(state_ >> 11) + 0.5) / 9007199254740992.0;
+    }
+    double uniform(double lo, double hi) { return lo + (hi - lo) * uniform(); }
+    double normal()
+    {
+        const double u = uniform(), v = uniform();
+        return std::sqrt(-2.0 * std::log(u)) * std::cos(6.283185307179586 * v);
+    }
+
+private:
+    uint64_t state_;
+};
+
+using Vec = std::vector<double>;
+using Mat = std::vector<Vec>;
+
+inline Mat zeros(int r, int c) { return Mat(r, Vec(c, 0.0)); }
+
+inline Mat multiply(const Mat &A, const Mat &B)
+{
+    Mat C = zeros(static_cast<int>(A.size()), static_cast<int>(B[0].size()));
+    for (size_t i = 0; i < A.size(); ++i)
+        for (size_t k = 0; k < B.size(); ++k)
+            for (size_t j = 0; j < B[0].size(); ++j) C[i][j] += A[i][k] * B[k][j];
+    return C;
+}
+
+inline Mat transpose(const Mat &A)
+{
+    Mat T = zeros(static_cast<int>(A[0].size()), static_cast<int>(A.size()));
+    for (size_t i = 0; i < A.size(); ++i)
+        for (size_t j = 0; j < A[0].size(); ++j) T[j][i] = A[i][j];
+    return T;
+}
+
+inline Vec apply(const Mat &A, const Vec &y)
+{
+    Vec t(A.size(), 0.0);
+    for (size_t i = 0; i < A.size(); ++i)
+        for (size_t j = 0; j < y.size(); ++j) t[i] += A[i][j] * y[j];
+    return t;
+}
+
+inline double dot(const Vec &a, const Vec &b)
+{
+    double s = 0.0;
+    for (size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
+    return s;
+}
+
+// Gauss-Jordan inversion with partial pivoting (the matrices here are small
+// and well conditioned).
+inline Mat inverse(Mat A)
+{
+    const size_t n = A.size();
+    Mat I = zeros(static_cast<int>(n), static_cast<int>(n));
+    for (size_t i = 0; i < n; ++i) I[i][i] = 1.0;
+    for (size_t c = 0; c < n; ++c) {
+        size_t p = c;
+        for (size_t r = c + 1; r < n; ++r)
+            if (std::fabs(A[r][c]) > std::fabs(A[p][c])) p = r;
+        std::swap(A[c], A[p]);
+        std::swap(I[c], I[p]);
+        const double d = A[c][c];
+        for (size_t j = 0; j < n; ++j) {
+            A[c][j] /= d;
+            I[c][j] /= d;
+        }
+        for (size_t r = 0; r < n; ++r) {
+            if (r == c) continue;
+            const double f = A[r][c];
+            for (size_t j = 0; j < n; ++j) {
+                A[r][j] -= f * A[c][j];
+                I[r][j] -= f * I[c][j];
+            }
+        }
+    }
+    return I;
+}
+
+// The design the model built, in double.
+inline Mat design()
+{
+    Mat X = zeros(REM.nfiles, REM.nbasis);
+    for (int i = 0; i < REM.nfiles; ++i)
+        for (int j = 0; j < REM.nbasis; ++j) X[i][j] = REM.design[i][j];
+    return X;
+}
+
+// Weighted least squares with W = (S^2 + sigma2 I)^-1.
+struct Wls {
+    Mat normal_inverse;  // (X'WX)^-1
+    Mat estimator;       // (X'WX)^-1 X'W
+    Mat R;               // W - W X (X'WX)^-1 X'W
+};
+
+inline Wls wls(const Mat &X, const Vec &s, double sigma2)
+{
+    const int n = static_cast<int>(X.size());
+    Mat W = zeros(n, n);
+    for (int i = 0; i < n; ++i) W[i][i] = 1.0 / (s[i] * s[i] + sigma2);
+    const Mat XtW = multiply(transpose(X), W);
+    Wls out;
+    out.normal_inverse = inverse(multiply(XtW, X));
+    out.estimator = multiply(out.normal_inverse, XtW);
+    out.R = multiply(W, multiply(X, out.estimator));
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) out.R[i][j] = W[i][j] - out.R[i][j];
+    return out;
+}
+
+inline Vec to_double(const std::vector<float> &v) { return Vec(v.begin(), v.end()); }
+
+}  // namespace rem_test
+
+#endif
