@@ -17,6 +17,56 @@ float **zero_matrix(int rows, int cols) {
     return m;
 }
 
+// The model's matrices with their shapes: rows and columns are either the
+// number of files (n) or the number of basis functions (k).
+struct MatrixSlot {
+    float **rem_model::*field;
+    bool rows_are_files;
+    bool columns_are_files;
+};
+
+const MatrixSlot kMatrices[] = {
+    {&rem_model::design, true, false},
+    {&rem_model::v_inverse_design, true, false},
+    {&rem_model::normal_matrix, false, false},
+    {&rem_model::normal_inverse, false, false},
+    {&rem_model::design_t_v_inverse, false, true},
+    {&rem_model::estimator, false, true},
+    {&rem_model::hat, true, true},
+    {&rem_model::identity, true, true},
+    {&rem_model::v_inverse, true, true},
+    {&rem_model::residue_forming, true, true},
+    {&rem_model::residue_forming_squared, true, true},
+    {&rem_model::fixed_variance, true, true},
+    {&rem_model::fixed_variance_squared, true, true},
+    {&rem_model::work, true, true},
+};
+const int kMatrixCount = sizeof kMatrices / sizeof kMatrices[0];
+
+// What the last design step allocated. The matrices live until the process
+// ends; only a further design step (the control file read again) releases
+// the earlier set, so that it is not lost. When the design matrix is no
+// longer the one allocated here, its owner has released or replaced the set
+// and it is left alone.
+struct Allocated {
+    bool present = false;
+    float *beta = nullptr;
+    float **matrix[kMatrixCount] = {};
+    int rows[kMatrixCount] = {};
+} g_allocated;
+
+void release_earlier_allocation() {
+    if (!g_allocated.present) return;
+    if (REM.design != g_allocated.matrix[0]) {
+        g_allocated = Allocated();
+        return;
+    }
+    free_float_vector(g_allocated.beta);
+    for (int m = 0; m < kMatrixCount; ++m)
+        free_float_matrix(g_allocated.matrix[m], static_cast<uint32_t>(g_allocated.rows[m]));
+    g_allocated = Allocated();
+}
+
 char event_char_or_placeholder(int number) {
     char c = '?';
     REM_EventCharFromInteger(number, &c);
@@ -30,22 +80,18 @@ void REMInternal_define_design_matrix(void) {
     REM.nbasis = REM.nevents;
     const int k = REM.nbasis;
 
+    release_earlier_allocation();
     REM.beta = float_vector(static_cast<uint32_t>(k));
     for (int j = 0; j < k; ++j) REM.beta[j] = 0.0f;
-    REM.design = zero_matrix(n, k);
-    REM.v_inverse_design = zero_matrix(n, k);
-    REM.normal_matrix = zero_matrix(k, k);
-    REM.normal_inverse = zero_matrix(k, k);
-    REM.design_t_v_inverse = zero_matrix(k, n);
-    REM.estimator = zero_matrix(k, n);
-    REM.hat = zero_matrix(n, n);
-    REM.identity = zero_matrix(n, n);
-    REM.v_inverse = zero_matrix(n, n);
-    REM.residue_forming = zero_matrix(n, n);
-    REM.residue_forming_squared = zero_matrix(n, n);
-    REM.fixed_variance = zero_matrix(n, n);
-    REM.fixed_variance_squared = zero_matrix(n, n);
-    REM.work = zero_matrix(n, n);
+    g_allocated.beta = REM.beta;
+    for (int m = 0; m < kMatrixCount; ++m) {
+        const int rows = kMatrices[m].rows_are_files ? n : k;
+        const int columns = kMatrices[m].columns_are_files ? n : k;
+        REM.*kMatrices[m].field = zero_matrix(rows, columns);
+        g_allocated.matrix[m] = REM.*kMatrices[m].field;
+        g_allocated.rows[m] = rows;
+    }
+    g_allocated.present = true;
     for (int i = 0; i < n; ++i) REM.identity[i][i] = 1.0f;
 
     // The scale carries over from one event to the next when an event has
