@@ -1,124 +1,81 @@
 #include <gtest/gtest.h>
-
-#include <cmath>
-#include <string>
 #include <unistd.h>
+
+#include <cstdio>
+#include <string>
 
 #include "io.h"
 #include "io_test_util.h"
-#include "test_support.h"
 
 namespace {
 
-using io_test::read_header;
 using test_support::write_file;
 
-const char dimensions[] = "cols: 64\nrows: 48\nnslices: 30\nn_time_points: 2\n";
-const char axial_corners[] = "top_left_r: -120\ntop_left_a: 100\ntop_left_s: 0\n"
-                             "top_right_r: 120\ntop_right_a: 100\ntop_right_s: 0\n"
-                             "bottom_right_r: 120\nbottom_right_a: -80\nbottom_right_s: 0\n";
+const std::string dimensions = "cols: 64\nrows: 48\nnslices: 30\nn_time_points: 2\n";
+// 240 mm across 64 columns and 180 mm across 48 rows: 3.75 mm each way.
+const std::string axial = "top_left_r: -120\ntop_left_a: 100\ntop_left_s: 0\n"
+                          "top_right_r: 120\ntop_right_a: 100\ntop_right_s: 0\n"
+                          "bottom_right_r: 120\nbottom_right_a: -80\nbottom_right_s: 0\n";
+// The same plane turned about the superior axis (cosine 0.6, sine 0.8).
+const std::string rotated = "top_left_r: 0 # turned\ntop_left_a: 0\ntop_left_s: 5\n\n"
+                            "top_right_r: 144\ntop_right_a: 192\ntop_right_s: 5\n"
+                            "bottom_right_r: 288\nbottom_right_a: 84\nbottom_right_s: 5\n";
+const std::string others = "slice_thick: 5\nnormal_r: 0\nnormal_a: 0\nnormal_s: 1\n"
+                           "image_te: 30\nimage_tr: 2000\nimage_ti: 0\nflip_angle: 1.57\n";
 
-class FreeSurferRead : public io_test::ScratchDirTest {
-protected:
-    void write_study(const std::string &bhdr, const char *companion, bool bshort, bool bfloat)
-    {
-        write_file("subj.bhdr", bhdr);
-        write_file("subj_000.hdr", companion);
-        if (bshort)
-            write_file("subj_000.bshort", "");
-        if (bfloat)
-            write_file("subj_000.bfloat", "");
-    }
-};
+class FreeSurferRead : public io_test::ScratchDirTest {};
 
-TEST_F(FreeSurferRead, VoxelSizesFromTheCorners)
+TEST_F(FreeSurferRead, HeadersAndTheirErrors)
 {
-    // Two planes: one along the axes, one rotated about the superior axis by
-    // an angle whose cosine and sine are 0.6 and 0.8.
+    const char *const ok = "";
     const struct {
-        const char *corners;
-        float x, y;
-    } cases[] = {
-        {axial_corners, 3.75f, 3.75f},
-        {"top_left_r: 0 # rotated\ntop_left_a: 0\ntop_left_s: 5\n"
-         "top_right_r: 144\ntop_right_a: 192\ntop_right_s: 5\n"
-         "\n"
-         "bottom_right_r: 288\nbottom_right_a: 84\nbottom_right_s: 5\n",
-         3.75f, 3.75f},
-    };
-    for (const auto &c : cases) {
-        write_study(std::string(dimensions) + c.corners +
-                        "slice_thick: 5\nnormal_r: 0\nnormal_a: 0\nnormal_s: 1\n"
-                        "image_te: 30\nimage_tr: 2000\nimage_ti: 0\nflip_angle: 1.57\n",
-                    "64 48 1 0\n", true, false);
-        volume_header h;
-        io_test::ReadResult r = read_header("subj_", &h);
-        ASSERT_EQ(r.status, 0) << r.out;
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(h.storage_type, 8);
-        EXPECT_EQ(h.header_storage_type, 1);
-        EXPECT_EQ(h.byte_order, 0);
-        EXPECT_EQ(h.nx, 64);
-        EXPECT_EQ(h.nt, 2);
-        EXPECT_FLOAT_EQ(h.resolution[0], c.x);
-        EXPECT_FLOAT_EQ(h.resolution[1], c.y);
-        EXPECT_FLOAT_EQ(h.resolution[2], 5.0f);
-        EXPECT_FLOAT_EQ(h.origin[0], 0.0f);
-        EXPECT_FLOAT_EQ(h.direction[1], 1.0f);
-        EXPECT_FLOAT_EQ(h.voxel_to_space.m[0][0], 3.75f);
-    }
-}
-
-TEST_F(FreeSurferRead, CompanionAndSliceProbe)
-{
-    const struct {
-        const char *companion;
+        std::string bhdr;
+        const char *companion;  // nullptr: none
         bool bshort, bfloat;
-        int byte_order, slice_type;
-    } cases[] = {
-        {"64 64 1 1\n", true, true, 1, 1},
-        {"64 64 1 0\n", false, true, 0, 2},
-        {"64 64 1\n", false, true, machine_byte_order(), 2},
-    };
-    for (const auto &c : cases) {
-        remove("subj_000.bshort");
-        remove("subj_000.bfloat");
-        write_study(std::string(dimensions) + axial_corners, c.companion, c.bshort, c.bfloat);
-        volume_header h;
-        ASSERT_EQ(read_header("subj_", &h).status, 0) << c.companion;
-        EXPECT_EQ(h.byte_order, c.byte_order) << c.companion;
-        EXPECT_EQ(h.header_storage_type, c.slice_type) << c.companion;
-        EXPECT_FLOAT_EQ(h.resolution[2], 1.0f);
-    }
-}
-
-TEST_F(FreeSurferRead, Errors)
-{
-    const struct {
-        const char *bhdr;
-        bool companion, slices;
         const char *message;
+        int byte_order, slice_type;
+        float thickness;
     } cases[] = {
-        {"cols: 64\nrows: 64\nnslices: 30\n", true, true,
-         "Error: Value for t dimension not found in header file 'subj.bhdr'\n"},
-        {"cols: 64\n\nrows: 64\nthickness: 5\n", true, true,
-         "Error reading line 3 of file 'subj.bhdr'\n"},
-        {dimensions, false, true, "Error: cannot open freesurfer file subj_000.hdr.\n"},
-        {dimensions, true, false, "\nError: cannot open file subj_ as bshort or bfloat.\n"},
+        {dimensions + axial + others, "64 48 1 0\n", true, false, ok, 0, 1, 5},
+        {dimensions + rotated, "64 48 1 1\n", true, true, ok, 1, 1, 1},
+        {dimensions + axial, "64 48 1\n", false, true, ok, machine_byte_order(), 2, 1},
+        {"cols: 64\nrows: 48\nnslices: 30\n" + axial, "64 48 1 1\n", true, false,
+         "Error: Value for t dimension not found in header file 'subj.bhdr'\n", 0, 0, 0},
+        {"cols: 64\n\nrows: 48\nthickness: 5\n", "0 0 0 1\n", true, false,
+         "Error reading line 3 of file 'subj.bhdr'\n", 0, 0, 0},
+        {dimensions, nullptr, true, false, "Error: cannot open freesurfer file subj_000.hdr.\n", 0, 0,
+         0},
+        {dimensions, "64 48 1 1\n", false, false,
+         "\nError: cannot open file subj_ as bshort or bfloat.\n", 0, 0, 0},
     };
     for (const auto &c : cases) {
-        remove("subj_000.hdr");
-        remove("subj_000.bfloat");
-        write_study(c.bhdr, "64 64 1 1\n", false, c.slices);
-        if (!c.companion)
-            remove("subj_000.hdr");
+        for (const char *f : {"subj_000.hdr", "subj_000.bshort", "subj_000.bfloat"})
+            remove(f);
+        write_file("subj.bhdr", c.bhdr);
+        if (c.companion)
+            write_file("subj_000.hdr", c.companion);
+        if (c.bshort)
+            write_file("subj_000.bshort", "");
+        if (c.bfloat)
+            write_file("subj_000.bfloat", "");
         volume_header h;
-        io_test::ReadResult r = read_header("subj_", &h);
-        EXPECT_EQ(r.status, 1);
+        io_test::ReadResult r = io_test::read_header("subj_", &h);
+        EXPECT_EQ(r.status, c.message == ok ? 0 : 1) << c.bhdr;
         EXPECT_EQ(r.out, c.message);
+        EXPECT_EQ(h.storage_type, 8);
+        if (c.message == ok) {
+            EXPECT_EQ(h.byte_order, c.byte_order) << c.bhdr;
+            EXPECT_EQ(h.header_storage_type, c.slice_type) << c.bhdr;
+            EXPECT_EQ(h.nx * h.ny * h.nz * h.nt, 64 * 48 * 30 * 2);
+            EXPECT_FLOAT_EQ(h.resolution[0], 3.75f) << c.bhdr;
+            EXPECT_FLOAT_EQ(h.resolution[1], 3.75f) << c.bhdr;
+            EXPECT_EQ(h.resolution[2], c.thickness);
+            EXPECT_FLOAT_EQ(h.voxel_to_space.m[0][0], 3.75f);
+            EXPECT_EQ(h.origin[0] + h.direction[1], 1.0f);
+        }
     }
     volume_header h;
-    EXPECT_EQ(read_header("other.d/none_", &h).out,
+    EXPECT_EQ(io_test::read_header("other.d/none_", &h).out,
               "Error: cannot open freesurfer bhdr file other.d/none.bhdr.\n");
 }
 
@@ -126,13 +83,8 @@ TEST(FreeSurferDeathTest, NameWithoutUnderscoreIsAProgrammingError)
 {
     volume_header h;
     char name[] = "subj";
-    EXPECT_EXIT(
-        {
-            dup2(2, 1);
-            read_freesurfer_header(name, &h);
-        },
-        ::testing::ExitedWithCode(1),
-        "Programming error: file name should end with '_' in read_freesurfer_header\n");
+    EXPECT_EXIT((dup2(2, 1), read_freesurfer_header(name, &h)), ::testing::ExitedWithCode(1),
+                "Programming error: file name should end with '_' in read_freesurfer_header");
 }
 
 }  // namespace

@@ -9,53 +9,34 @@ void expect_matrix(const mat44 &m, const float (&expected)[4][4])
 {
     for (int i = 0; i < 4; ++i)
         for (int j = 0; j < 4; ++j)
-            EXPECT_FLOAT_EQ(m.m[i][j], expected[i][j]) << "element [" << i << "][" << j << "]";
+            EXPECT_FLOAT_EQ(m.m[i][j], expected[i][j]) << "[" << i << "][" << j << "]";
 }
 
-TEST(Transform, ScaleAndShiftPutsSignedSizesOnTheDiagonalAndShiftsInTheLastColumn)
+TEST(Transform, DiagonalExampleAndItsInverse)
 {
     mat44 m = scale_and_shift_to_mat44(2, 2, 3, 10, -5, 0, 1, -1, 1);
-    const float expected[4][4] = {{2, 0, 0, 10}, {0, -2, 0, -5}, {0, 0, 3, 0}, {0, 0, 0, 1}};
-    expect_matrix(m, expected);
-}
-
-TEST(Transform, DefaultsGiveTheIdentityAndItsInverse)
-{
-    const float identity[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
-    mat44 m = scale_and_shift_to_mat44(1, 1, 1, 0, 0, 0, 1, 1, 1);
-    expect_matrix(m, identity);
-    expect_matrix(invert_mat44(m), identity);
-}
-
-TEST(Transform, InverseOfTheDiagonalExample)
-{
-    mat44 inverse = invert_mat44(scale_and_shift_to_mat44(2, 2, 3, 10, -5, 0, 1, -1, 1));
+    expect_matrix(m, {{2, 0, 0, 10}, {0, -2, 0, -5}, {0, 0, 3, 0}, {0, 0, 0, 1}});
     const float third = static_cast<float>(1.0 / 3.0);
-    const float expected[4][4] = {
-        {0.5f, 0, 0, -5}, {0, -0.5f, 0, -2.5f}, {0, 0, third, 0}, {0, 0, 0, 1}};
-    expect_matrix(inverse, expected);
+    expect_matrix(invert_mat44(m),
+                  {{0.5f, 0, 0, -5}, {0, -0.5f, 0, -2.5f}, {0, 0, third, 0}, {0, 0, 0, 1}});
+    const float identity[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
+    expect_matrix(invert_mat44(scale_and_shift_to_mat44(1, 1, 1, 0, 0, 0, 1, 1, 1)), identity);
 }
 
 TEST(Transform, GeneralAffineCopiesTheThreeRows)
 {
-    const float rx[4] = {0.5f, 0.1f, 0, -90}, ry[4] = {-0.1f, 2, 0, 126},
-                rz[4] = {0, 0, 3, -72};
-    const float expected[4][4] = {
-        {0.5f, 0.1f, 0, -90}, {-0.1f, 2, 0, 126}, {0, 0, 3, -72}, {0, 0, 0, 1}};
-    expect_matrix(general_affine_to_mat44(rx, ry, rz), expected);
+    const float rx[4] = {0.5f, 0.1f, 0, -90}, ry[4] = {-0.1f, 2, 0, 126}, rz[4] = {0, 0, 3, -72};
+    expect_matrix(general_affine_to_mat44(rx, ry, rz),
+                  {{0.5f, 0.1f, 0, -90}, {-0.1f, 2, 0, 126}, {0, 0, 3, -72}, {0, 0, 0, 1}});
 }
 
 TEST(TransformDeathTest, SingularMatrixEndsTheProcessWithTheRowMessage)
 {
     mat44 singular = scale_and_shift_to_mat44(1, 0, 1, 0, 0, 0, 1, 1, 1);
-    // The message goes to standard output; the child sends it to the
+    // The message goes to standard output, which the child joins to the
     // stream that the death test looks at.
-    EXPECT_EXIT(
-        {
-            dup2(2, 1);
-            invert_mat44(singular);
-        },
-        ::testing::ExitedWithCode(1), "failed on row [0-9]+\n");
+    EXPECT_EXIT((dup2(2, 1), invert_mat44(singular)), ::testing::ExitedWithCode(1),
+                "failed on row 1");
 }
 
 }  // namespace
