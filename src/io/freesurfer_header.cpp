@@ -27,20 +27,16 @@ enum {
 const char *const dimension_names[4] = {"x", "y", "z", "t"};
 
 // Length of the step (to - from) / count, each component rounded to float.
-float step_length(const float *from, const float *to, int count)
-{
+float step_length(const float *from, const float *to, int count) {
     float step[3];
-    for (int k = 0; k < 3; ++k)
-        step[k] = (to[k] - from[k]) / static_cast<float>(count);
+    for (int k = 0; k < 3; ++k) step[k] = (to[k] - from[k]) / static_cast<float>(count);
     float sum = step[0] * step[0] + step[1] * step[1] + step[2] * step[2];
     return static_cast<float>(sqrt(static_cast<double>(sum)));
 }
 
-bool file_opens(const char *name)
-{
+bool file_opens(const char *name) {
     FILE *file = fopen(name, "r");
-    if (file == nullptr)
-        return false;
+    if (file == nullptr) return false;
     fclose(file);
     return true;
 }
@@ -49,8 +45,7 @@ bool file_opens(const char *name)
 
 extern "C" {
 
-int decode_freesurfer_header_keyword(const char *line, volume_header *header, float *corners)
-{
+int decode_freesurfer_header_keyword(const char *line, volume_header *header, float *corners) {
     char keyword[IO_NAME_LENGTH];
     const char *value = io_internal::split_statement(line, keyword, sizeof keyword);
 
@@ -83,8 +78,7 @@ int decode_freesurfer_header_keyword(const char *line, volume_header *header, fl
     int *const dimensions[4] = {&header->nx, &header->ny, &header->nz, &header->nt};
 
     for (const auto &entry : table) {
-        if (strcmp(keyword, entry.keyword) != 0)
-            continue;
+        if (strcmp(keyword, entry.keyword) != 0) continue;
         // Values are taken without checking that a number was found.
         if (entry.field <= -1 && entry.field >= -4)
             sscanf(value, "%d", dimensions[-entry.field - 1]);
@@ -97,8 +91,7 @@ int decode_freesurfer_header_keyword(const char *line, volume_header *header, fl
     return 1;
 }
 
-int read_freesurfer_header(char *name, volume_header *header)
-{
+int read_freesurfer_header(char *name, volume_header *header) {
     header->storage_type = STORAGE_FREESURFER;
     size_t length = strlen(name);
     if (length == 0 || name[length - 1] != '_') {
@@ -111,13 +104,13 @@ int read_freesurfer_header(char *name, volume_header *header)
     char bshort_name[IO_NAME_LENGTH];
     char bfloat_name[IO_NAME_LENGTH];
     if (!io_internal::join_name(name, length - 1, ".bhdr", bhdr_name, sizeof bhdr_name) ||
-        !io_internal::join_name(name, length, "000.hdr", companion_name,
-                                sizeof companion_name) ||
+        !io_internal::join_name(name, length, "000.hdr", companion_name, sizeof companion_name) ||
         !io_internal::join_name(name, length, "000.bshort", bshort_name, sizeof bshort_name) ||
         !io_internal::join_name(name, length, "000.bfloat", bfloat_name, sizeof bfloat_name)) {
-        printf("Error: the file name %.60s... is too long (at most %d characters with its "
-               "extension).\n",
-               name, IO_NAME_LENGTH - 1);
+        printf(
+            "Error: the file name %.60s... is too long (at most %d characters with its "
+            "extension).\n",
+            name, IO_NAME_LENGTH - 1);
         return 1;
     }
 
@@ -130,8 +123,7 @@ int read_freesurfer_header(char *name, volume_header *header)
     char line[IO_NAME_LENGTH];
     int counter = 1;
     while (get_line_with_comment(file, line) != 0) {
-        if (io_internal::is_blank_line(line))
-            continue;
+        if (io_internal::is_blank_line(line)) continue;
         if (decode_freesurfer_header_keyword(line, header, corners) != 0) {
             printf("Error reading line %d of file '%s'\n", counter, bhdr_name);
             fclose(file);
@@ -151,8 +143,7 @@ int read_freesurfer_header(char *name, volume_header *header)
     }
 
     header->resolution[0] = step_length(&corners[TOP_LEFT], &corners[TOP_RIGHT], header->nx);
-    header->resolution[1] =
-        step_length(&corners[TOP_RIGHT], &corners[BOTTOM_RIGHT], header->ny);
+    header->resolution[1] = step_length(&corners[TOP_RIGHT], &corners[BOTTOM_RIGHT], header->ny);
 
     file = fopen(companion_name, "r");
     if (file == nullptr) {

@@ -7,9 +7,8 @@
 #ifndef FMRI_REM_IO_H
 #define FMRI_REM_IO_H
 
-#include <stdio.h>
-
 #include <nifti1_io.h>  // nifti_1_header, mat44
+#include <stdio.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -158,8 +157,7 @@ void set_output_geometry(int nx, int ny, int nz, const float *resolution, const 
 // when NIfTI output is selected) with frames frames and dof degrees of
 // freedom, and opens the data file (stem + ".bfloat") into *stream,
 // positioned for the first value.  with_dof_extension only affects NIfTI.
-int open_output_file(int with_dof_extension, int frames, int dof, const char *stem,
-                     FILE **stream);
+int open_output_file(int with_dof_extension, int frames, int dof, const char *stem, FILE **stream);
 
 #ifdef __cplusplus
 }

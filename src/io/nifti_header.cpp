@@ -19,13 +19,11 @@ const float written_vox_offset = 368.0f;
 
 // Reverses the bytes of every numeric field of a header written on a
 // machine of the other byte order.
-void swap_nifti_header(nifti_1_header *h)
-{
+void swap_nifti_header(nifti_1_header *h) {
     swap_32(&h->sizeof_hdr);
     swap_32(&h->extents);
     swap_16(&h->session_error);
-    for (int i = 0; i < 8; ++i)
-        swap_16(&h->dim[i]);
+    for (int i = 0; i < 8; ++i) swap_16(&h->dim[i]);
     swap_32(&h->intent_p1);
     swap_32(&h->intent_p2);
     swap_32(&h->intent_p3);
@@ -33,8 +31,7 @@ void swap_nifti_header(nifti_1_header *h)
     swap_16(&h->datatype);
     swap_16(&h->bitpix);
     swap_16(&h->slice_start);
-    for (int i = 0; i < 8; ++i)
-        swap_32(&h->pixdim[i]);
+    for (int i = 0; i < 8; ++i) swap_32(&h->pixdim[i]);
     swap_32(&h->vox_offset);
     swap_32(&h->scl_slope);
     swap_32(&h->scl_inter);
@@ -66,13 +63,11 @@ const char *const dimension_names[4] = {"x", "y", "z", "t"};
 
 extern "C" {
 
-int read_nifti_header(char *name, volume_header *header)
-{
+int read_nifti_header(char *name, volume_header *header) {
     char path[IO_NAME_LENGTH];
     if (header->storage_type == STORAGE_NIFTI_PAIR) {
         int code;
-        if (replace_extension(name, &code, "hdr", path) != 0)
-            return 1;
+        if (replace_extension(name, &code, "hdr", path) != 0) return 1;
     } else if (!io_internal::join_name(name, strlen(name), "", path, sizeof path)) {
         printf("Error: the file name %.60s... is too long (at most %d characters).\n", name,
                IO_NAME_LENGTH - 1);
@@ -95,8 +90,7 @@ int read_nifti_header(char *name, volume_header *header)
     // The extender's first byte tells whether an extension follows; only
     // the first extension is looked at.  Its numbers are taken as they lie.
     unsigned char extender[4] = {0, 0, 0, 0};
-    if (fread(extender, 1, 4, file) != 4)
-        extender[0] = 0;
+    if (fread(extender, 1, 4, file) != 4) extender[0] = 0;
     if (extender[0] != 0) {
         int32_t esize;
         int32_t ecode;
@@ -124,21 +118,18 @@ int read_nifti_header(char *name, volume_header *header)
 
     // dim[0] outside 1..7 means the header was written in the other byte
     // order.
-    if (h.dim[0] < 1 || h.dim[0] > 7)
-        swap_nifti_header(&h);
+    if (h.dim[0] < 1 || h.dim[0] > 7) swap_nifti_header(&h);
 
     header->nx = h.dim[1];
     header->ny = h.dim[2];
     header->nz = h.dim[3];
     if (h.dim[0] > 4) {
-        printf("Error: tov does not currently handle data of dimensionality (%d) > 4.\n",
-               h.dim[0]);
+        printf("Error: tov does not currently handle data of dimensionality (%d) > 4.\n", h.dim[0]);
         return 1;
     }
     header->nt = h.dim[0] == 4 ? h.dim[4] : 1;
 
-    for (int i = 0; i < 3; ++i)
-        header->resolution[i] = h.pixdim[i + 1];
+    for (int i = 0; i < 3; ++i) header->resolution[i] = h.pixdim[i + 1];
     header->time_resolution = h.pixdim[4];
     header->scale_slope = h.scl_slope;
     header->scale_intercept = h.scl_inter;
@@ -148,28 +139,28 @@ int read_nifti_header(char *name, volume_header *header)
     header->quatern_d = h.quatern_d;
 
     switch (h.datatype) {
-    case DT_UNSIGNED_CHAR:
-        header->header_storage_type = STORAGE_UCHAR;
-        break;
-    case DT_SIGNED_SHORT:
-        header->header_storage_type = STORAGE_BSHORT;
-        break;
-    case DT_UINT16:
-        header->header_storage_type = STORAGE_USHORT;
-        break;
-    case DT_SIGNED_INT:
-        header->header_storage_type = STORAGE_BLONG;
-        break;
-    case DT_FLOAT:
-        header->header_storage_type = STORAGE_BFLOAT;
-        break;
-    case DT_COMPLEX:
-        header->header_storage_type = STORAGE_BFLOAT;
-        header->data_type = 1;
-        break;
-    default:
-        printf("Error: the Nifti data storage type %d is not supported.\n", h.datatype);
-        return 1;
+        case DT_UNSIGNED_CHAR:
+            header->header_storage_type = STORAGE_UCHAR;
+            break;
+        case DT_SIGNED_SHORT:
+            header->header_storage_type = STORAGE_BSHORT;
+            break;
+        case DT_UINT16:
+            header->header_storage_type = STORAGE_USHORT;
+            break;
+        case DT_SIGNED_INT:
+            header->header_storage_type = STORAGE_BLONG;
+            break;
+        case DT_FLOAT:
+            header->header_storage_type = STORAGE_BFLOAT;
+            break;
+        case DT_COMPLEX:
+            header->header_storage_type = STORAGE_BFLOAT;
+            header->data_type = 1;
+            break;
+        default:
+            printf("Error: the Nifti data storage type %d is not supported.\n", h.datatype);
+            return 1;
     }
 
     header->data_offset = h.vox_offset;
@@ -186,18 +177,16 @@ int read_nifti_header(char *name, volume_header *header)
     int method;
     if (h.qform_code == 0) {
         method = 1;
-        for (int i = 0; i < 3; ++i)
-            header->origin[i] = 0.0f;
+        for (int i = 0; i < 3; ++i) header->origin[i] = 0.0f;
         header->voxel_to_space = scale_and_shift_to_mat44(
-            header->resolution[0], header->resolution[1], header->resolution[2],
-            header->origin[0], header->origin[1], header->origin[2], header->direction[0],
-            header->direction[1], header->direction[2]);
+            header->resolution[0], header->resolution[1], header->resolution[2], header->origin[0],
+            header->origin[1], header->origin[2], header->direction[0], header->direction[1],
+            header->direction[2]);
     } else if (h.sform_code == 0) {
         method = 2;
         header->voxel_to_space =
-            nifti_quatern_to_mat44(h.quatern_b, h.quatern_c, h.quatern_d, h.qoffset_x,
-                                   h.qoffset_y, h.qoffset_z, h.pixdim[1], h.pixdim[2],
-                                   h.pixdim[3], h.pixdim[0]);
+            nifti_quatern_to_mat44(h.quatern_b, h.quatern_c, h.quatern_d, h.qoffset_x, h.qoffset_y,
+                                   h.qoffset_z, h.pixdim[1], h.pixdim[2], h.pixdim[3], h.pixdim[0]);
     } else {
         method = 3;
         header->voxel_to_space = general_affine_to_mat44(h.srow_x, h.srow_y, h.srow_z);
@@ -211,28 +200,27 @@ int read_nifti_header(char *name, volume_header *header)
     header->oblique = 0;
     for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 3; ++j)
-            if (i != j && (m.m[i][j] != 0.0f || isnan(m.m[i][j])))
-                header->oblique = 1;
+            if (i != j && (m.m[i][j] != 0.0f || isnan(m.m[i][j]))) header->oblique = 1;
 
     switch (method) {
-    case 1:
-        printf("The NIFTI header for file %s uses Method 1: the old analyze format\n", name);
-        break;
-    case 2:
-        printf("The NIFTI header for file %s uses Method 2: quaternion rotations\n", name);
-        break;
-    default:
-        printf("The NIFTI header for file %s uses Method 3: affine transformation of voxel "
-               "indices\n",
-               name);
-        break;
+        case 1:
+            printf("The NIFTI header for file %s uses Method 1: the old analyze format\n", name);
+            break;
+        case 2:
+            printf("The NIFTI header for file %s uses Method 2: quaternion rotations\n", name);
+            break;
+        default:
+            printf(
+                "The NIFTI header for file %s uses Method 3: affine transformation of voxel "
+                "indices\n",
+                name);
+            break;
     }
     return 0;
 }
 
 int write_nifti_header(int with_dof_extension, int frames, int dof, const char *stem,
-                       FILE **stream)
-{
+                       FILE **stream) {
     const io_internal::output_geometry &g = io_internal::output;
     *stream = nullptr;
 
@@ -294,8 +282,7 @@ int write_nifti_header(int with_dof_extension, int frames, int dof, const char *
         printf("Error writing the NIFTI header into file %s\n", name);
         return 1;
     }
-    unsigned char extender[4] = {static_cast<unsigned char>(with_dof_extension ? 1 : 0), 0, 0,
-                                 0};
+    unsigned char extender[4] = {static_cast<unsigned char>(with_dof_extension ? 1 : 0), 0, 0, 0};
     if (fwrite(extender, 1, 4, *stream) != 4) {
         fprintf(stderr, "\nError writing header file extension pad %s\n", name);
         return 1;

@@ -15,8 +15,7 @@ output_geometry output = {0, 0, 0, {1.0f, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f}, {1.0f
 extern "C" {
 
 void set_output_geometry(int nx, int ny, int nz, const float *resolution, const float *origin,
-                         const float *direction, int nifti_output)
-{
+                         const float *direction, int nifti_output) {
     io_internal::output_geometry &g = io_internal::output;
     g.nx = nx;
     g.ny = ny;
@@ -29,9 +28,7 @@ void set_output_geometry(int nx, int ny, int nz, const float *resolution, const 
     g.nifti_output = nifti_output;
 }
 
-int open_output_file(int with_dof_extension, int frames, int dof, const char *stem,
-                     FILE **stream)
-{
+int open_output_file(int with_dof_extension, int frames, int dof, const char *stem, FILE **stream) {
     const io_internal::output_geometry &g = io_internal::output;
     if (g.nifti_output) {
         // Failures of the NIfTI writer are reported by it and not passed

@@ -10,8 +10,7 @@
 namespace {
 
 // Reads one integer from value into field: 0 when exactly one was read.
-int read_one_integer(const char *value, int *field)
-{
+int read_one_integer(const char *value, int *field) {
     return sscanf(value, "%d", field) == 1 ? 0 : 1;
 }
 
@@ -21,8 +20,7 @@ const char *const dimension_names[4] = {"x", "y", "z", "t"};
 
 extern "C" {
 
-int decode_vistra_header_keyword(const char *line, volume_header *header)
-{
+int decode_vistra_header_keyword(const char *line, volume_header *header) {
     // The word buffer keeps the keyword when a word value is missing, so
     // such a line fails with the message of its keyword.
     char word[IO_NAME_LENGTH];
@@ -32,22 +30,16 @@ int decode_vistra_header_keyword(const char *line, volume_header *header)
         strcmp(word, "information") == 0 || strcmp(word, "information:") == 0)
         return -1;
 
-    if (strcmp(word, "x") == 0)
-        return read_one_integer(value, &header->nx);
-    if (strcmp(word, "y") == 0)
-        return read_one_integer(value, &header->ny);
-    if (strcmp(word, "z") == 0)
-        return read_one_integer(value, &header->nz);
-    if (strcmp(word, "t") == 0)
-        return read_one_integer(value, &header->nt);
-    if (strcmp(word, "byte-order") == 0)
-        return read_one_integer(value, &header->byte_order);
+    if (strcmp(word, "x") == 0) return read_one_integer(value, &header->nx);
+    if (strcmp(word, "y") == 0) return read_one_integer(value, &header->ny);
+    if (strcmp(word, "z") == 0) return read_one_integer(value, &header->nz);
+    if (strcmp(word, "t") == 0) return read_one_integer(value, &header->nt);
+    if (strcmp(word, "byte-order") == 0) return read_one_integer(value, &header->byte_order);
     if (strcmp(word, "degrees-of-freedom") == 0)
         return read_one_integer(value, &header->degrees_of_freedom);
 
     if (strcmp(word, "matrix") == 0) {
-        if (sscanf(value, "%d %d %d %d", &header->nx, &header->ny, &header->nz, &header->nt) ==
-            4)
+        if (sscanf(value, "%d %d %d %d", &header->nx, &header->ny, &header->nz, &header->nt) == 4)
             return 0;
         return sscanf(value, "%d %d %d", &header->nx, &header->ny, &header->nz) == 3 ? 0 : 1;
     }
@@ -87,8 +79,7 @@ int decode_vistra_header_keyword(const char *line, volume_header *header)
     if (strcmp(word, "data-type") == 0) {
         sscanf(value, "%1023s", word);
         header->data_type = 0;
-        if (strcmp(word, "magnitude") == 0)
-            return 0;
+        if (strcmp(word, "magnitude") == 0) return 0;
         if (strcmp(word, "complex") == 0 || strcmp(word, "real-imaginary") == 0) {
             header->data_type = 1;
             return 0;
@@ -145,11 +136,9 @@ int decode_vistra_header_keyword(const char *line, volume_header *header)
     return 1;
 }
 
-int read_vistra_header(char *name, volume_header *header)
-{
+int read_vistra_header(char *name, volume_header *header) {
     char path[IO_NAME_LENGTH];
-    if (replace_extension(name, &header->storage_type, "hdr", path) != 0)
-        return 1;
+    if (replace_extension(name, &header->storage_type, "hdr", path) != 0) return 1;
 
     FILE *file = fopen(path, "r");
     if (file == nullptr) {
@@ -174,11 +163,9 @@ int read_vistra_header(char *name, volume_header *header)
     // after the first line, plus one.
     int counter = 1;
     while (get_line_with_comment(file, line) != 0) {
-        if (io_internal::is_blank_line(line))
-            continue;
+        if (io_internal::is_blank_line(line)) continue;
         int result = decode_vistra_header_keyword(line, header);
-        if (result == -1)
-            break;
+        if (result == -1) break;
         if (result != 0) {
             printf("Error reading line %d of file '%s'\n", counter, path);
             fclose(file);

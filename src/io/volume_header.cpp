@@ -12,8 +12,7 @@
 
 namespace io_internal {
 
-bool is_blank_line(const char *line)
-{
+bool is_blank_line(const char *line) {
     for (const char *p = line; *p != '\0'; ++p) {
         if (*p != ' ' && *p != '\t' && *p != '\n' && *p != '\r' && *p != '\v' && *p != '\f')
             return false;
@@ -21,30 +20,24 @@ bool is_blank_line(const char *line)
     return true;
 }
 
-static bool is_space(char c)
-{
+static bool is_space(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
-const char *split_statement(const char *line, char *keyword, size_t keyword_size)
-{
+const char *split_statement(const char *line, char *keyword, size_t keyword_size) {
     const char *start = line;
-    while (is_space(*start))
-        ++start;
+    while (is_space(*start)) ++start;
     const char *end = start;
-    while (*end != '\0' && !is_space(*end))
-        ++end;
+    while (*end != '\0' && !is_space(*end)) ++end;
     size_t length = static_cast<size_t>(end - start);
-    if (length >= keyword_size)
-        length = keyword_size - 1;
+    if (length >= keyword_size) length = keyword_size - 1;
     memcpy(keyword, start, length);
     keyword[length] = '\0';
     return next_non_white(end);
 }
 
 bool join_name(const char *prefix, size_t prefix_length, const char *suffix, char *result,
-               size_t result_size)
-{
+               size_t result_size) {
     size_t suffix_length = strlen(suffix);
     if (prefix_length + suffix_length >= result_size) {
         result[0] = '\0';
@@ -59,24 +52,21 @@ bool join_name(const char *prefix, size_t prefix_length, const char *suffix, cha
 
 extern "C" {
 
-int machine_byte_order(void)
-{
+int machine_byte_order(void) {
     uint16_t one = 1;
     unsigned char first;
     memcpy(&first, &one, 1);
     return first == 1 ? 1 : 0;
 }
 
-void swap_16(void *p)
-{
+void swap_16(void *p) {
     unsigned char *b = static_cast<unsigned char *>(p);
     unsigned char t = b[0];
     b[0] = b[1];
     b[1] = t;
 }
 
-void swap_32(void *p)
-{
+void swap_32(void *p) {
     unsigned char *b = static_cast<unsigned char *>(p);
     unsigned char t = b[0];
     b[0] = b[3];
@@ -86,8 +76,7 @@ void swap_32(void *p)
     b[2] = t;
 }
 
-int get_extension(char *name, int *type, char *extension)
-{
+int get_extension(char *name, int *type, char *extension) {
     (void)extension;
     char *dot = strrchr(name, '.');
     if (dot == nullptr) {
@@ -97,14 +86,13 @@ int get_extension(char *name, int *type, char *extension)
     char *text = dot + 1;
     size_t length = strlen(text);
     // Names taken straight from a text line still carry their newline.
-    if (length > 0 && text[length - 1] == '\n')
-        text[length - 1] = '\0';
+    if (length > 0 && text[length - 1] == '\n') text[length - 1] = '\0';
 
     static const struct {
         const char *extension;
         int code;
     } known[] = {
-        {"bshort", STORAGE_BSHORT}, {"blong", STORAGE_BLONG}, {"bfloat", STORAGE_BFLOAT},
+        {"bshort", STORAGE_BSHORT}, {"blong", STORAGE_BLONG},      {"bfloat", STORAGE_BFLOAT},
         {"ushort", STORAGE_USHORT}, {"nii", STORAGE_NIFTI_SINGLE}, {"img", STORAGE_NIFTI_PAIR},
     };
     *type = STORAGE_UNKNOWN;
@@ -117,10 +105,8 @@ int get_extension(char *name, int *type, char *extension)
     return 0;
 }
 
-int replace_extension(char *name, int *type, const char *new_extension, char *result)
-{
-    if (get_extension(name, type, nullptr) != 0)
-        return 1;
+int replace_extension(char *name, int *type, const char *new_extension, char *result) {
+    if (get_extension(name, type, nullptr) != 0) return 1;
     const char *dot = strrchr(name, '.');
     if (dot == nullptr) {
         printf("Programming error in replace_extension.");
@@ -135,12 +121,11 @@ int replace_extension(char *name, int *type, const char *new_extension, char *re
     return 0;
 }
 
-int read_volume_header(char *name, volume_header *header)
-{
+int read_volume_header(char *name, volume_header *header) {
     size_t length = strlen(name);
     if (length >= IO_NAME_LENGTH) {
-        printf("Error: the file name %.60s... is too long (%zu characters, at most %d).\n",
-               name, length, IO_NAME_LENGTH - 1);
+        printf("Error: the file name %.60s... is too long (%zu characters, at most %d).\n", name,
+               length, IO_NAME_LENGTH - 1);
         return 1;
     }
 
@@ -172,32 +157,27 @@ int read_volume_header(char *name, volume_header *header)
     const char *slash = strrchr(name, '/');
 
     if (length > 0 && name[length - 1] == '_') {
-        if (read_freesurfer_header(name, header) != 0)
-            return 1;
+        if (read_freesurfer_header(name, header) != 0) return 1;
     } else if (dot != nullptr && (slash == nullptr || dot > slash)) {
         int code;
-        if (get_extension(name, &code, nullptr) != 0)
-            return 1;
+        if (get_extension(name, &code, nullptr) != 0) return 1;
         if (code == STORAGE_NIFTI_SINGLE || code == STORAGE_NIFTI_PAIR) {
             header->storage_type = code;
-            if (read_nifti_header(name, header) != 0)
-                return 1;
+            if (read_nifti_header(name, header) != 0) return 1;
         } else {
             header->storage_type = code;
             header->header_storage_type = code;
-            if (read_vistra_header(name, header) != 0)
-                return 1;
+            if (read_vistra_header(name, header) != 0) return 1;
         }
     } else {
         char header_name[IO_NAME_LENGTH];
         header->header_storage_type = -1;
         if (!io_internal::join_name(name, length, ".hdr", header_name, sizeof header_name)) {
-            printf("Error: the file name %.60s....hdr is too long (at most %d characters).\n",
-                   name, IO_NAME_LENGTH - 1);
+            printf("Error: the file name %.60s....hdr is too long (at most %d characters).\n", name,
+                   IO_NAME_LENGTH - 1);
             return 1;
         }
-        if (read_vistra_header(header_name, header) != 0)
-            return 1;
+        if (read_vistra_header(header_name, header) != 0) return 1;
         if (header->header_storage_type > 0) {
             header->storage_type = header->header_storage_type;
         } else {

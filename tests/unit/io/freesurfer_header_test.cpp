@@ -13,20 +13,22 @@ using test_support::write_file;
 
 const std::string dimensions = "cols: 64\nrows: 48\nnslices: 30\nn_time_points: 2\n";
 // 240 mm across 64 columns and 180 mm across 48 rows: 3.75 mm each way.
-const std::string axial = "top_left_r: -120\ntop_left_a: 100\ntop_left_s: 0\n"
-                          "top_right_r: 120\ntop_right_a: 100\ntop_right_s: 0\n"
-                          "bottom_right_r: 120\nbottom_right_a: -80\nbottom_right_s: 0\n";
+const std::string axial =
+    "top_left_r: -120\ntop_left_a: 100\ntop_left_s: 0\n"
+    "top_right_r: 120\ntop_right_a: 100\ntop_right_s: 0\n"
+    "bottom_right_r: 120\nbottom_right_a: -80\nbottom_right_s: 0\n";
 // The same plane turned about the superior axis (cosine 0.6, sine 0.8).
-const std::string rotated = "top_left_r: 0 # turned\ntop_left_a: 0\ntop_left_s: 5\n\n"
-                            "top_right_r: 144\ntop_right_a: 192\ntop_right_s: 5\n"
-                            "bottom_right_r: 288\nbottom_right_a: 84\nbottom_right_s: 5\n";
-const std::string others = "slice_thick: 5\nnormal_r: 0\nnormal_a: 0\nnormal_s: 1\n"
-                           "image_te: 30\nimage_tr: 2000\nimage_ti: 0\nflip_angle: 1.57\n";
+const std::string rotated =
+    "top_left_r: 0 # turned\ntop_left_a: 0\ntop_left_s: 5\n\n"
+    "top_right_r: 144\ntop_right_a: 192\ntop_right_s: 5\n"
+    "bottom_right_r: 288\nbottom_right_a: 84\nbottom_right_s: 5\n";
+const std::string others =
+    "slice_thick: 5\nnormal_r: 0\nnormal_a: 0\nnormal_s: 1\n"
+    "image_te: 30\nimage_tr: 2000\nimage_ti: 0\nflip_angle: 1.57\n";
 
 class FreeSurferRead : public io_test::ScratchDirTest {};
 
-TEST_F(FreeSurferRead, HeadersAndTheirErrors)
-{
+TEST_F(FreeSurferRead, HeadersAndTheirErrors) {
     const char *const ok = "";
     const struct {
         std::string bhdr;
@@ -43,21 +45,17 @@ TEST_F(FreeSurferRead, HeadersAndTheirErrors)
          "Error: Value for t dimension not found in header file 'subj.bhdr'\n", 0, 0, 0},
         {"cols: 64\n\nrows: 48\nthickness: 5\n", "0 0 0 1\n", true, false,
          "Error reading line 3 of file 'subj.bhdr'\n", 0, 0, 0},
-        {dimensions, nullptr, true, false, "Error: cannot open freesurfer file subj_000.hdr.\n", 0, 0,
-         0},
+        {dimensions, nullptr, true, false, "Error: cannot open freesurfer file subj_000.hdr.\n", 0,
+         0, 0},
         {dimensions, "64 48 1 1\n", false, false,
          "\nError: cannot open file subj_ as bshort or bfloat.\n", 0, 0, 0},
     };
     for (const auto &c : cases) {
-        for (const char *f : {"subj_000.hdr", "subj_000.bshort", "subj_000.bfloat"})
-            remove(f);
+        for (const char *f : {"subj_000.hdr", "subj_000.bshort", "subj_000.bfloat"}) remove(f);
         write_file("subj.bhdr", c.bhdr);
-        if (c.companion)
-            write_file("subj_000.hdr", c.companion);
-        if (c.bshort)
-            write_file("subj_000.bshort", "");
-        if (c.bfloat)
-            write_file("subj_000.bfloat", "");
+        if (c.companion) write_file("subj_000.hdr", c.companion);
+        if (c.bshort) write_file("subj_000.bshort", "");
+        if (c.bfloat) write_file("subj_000.bfloat", "");
         volume_header h;
         io_test::ReadResult r = io_test::read_header("subj_", &h);
         EXPECT_EQ(r.status, c.message == ok ? 0 : 1) << c.bhdr;
@@ -79,8 +77,7 @@ TEST_F(FreeSurferRead, HeadersAndTheirErrors)
               "Error: cannot open freesurfer bhdr file other.d/none.bhdr.\n");
 }
 
-TEST(FreeSurferDeathTest, NameWithoutUnderscoreIsAProgrammingError)
-{
+TEST(FreeSurferDeathTest, NameWithoutUnderscoreIsAProgrammingError) {
     volume_header h;
     char name[] = "subj";
     EXPECT_EXIT((dup2(2, 1), read_freesurfer_header(name, &h)), ::testing::ExitedWithCode(1),

@@ -15,7 +15,7 @@
 namespace io_test {
 
 class ScratchDirTest : public ::testing::Test {
-protected:
+   protected:
     test_support::TempDir dir;
     test_support::ScopedChdir here{dir.path()};
 };
@@ -26,8 +26,7 @@ struct ReadResult {
 };
 
 // read_volume_header on a writable copy of name.
-inline ReadResult read_header(const std::string &name, volume_header *header)
-{
+inline ReadResult read_header(const std::string &name, volume_header *header) {
     std::vector<char> buffer(name.begin(), name.end());
     buffer.push_back('\0');
     ::testing::internal::CaptureStdout();

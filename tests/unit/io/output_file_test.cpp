@@ -14,8 +14,7 @@ using test_support::read_file;
 
 class OutputFile : public io_test::ScratchDirTest {};
 
-TEST_F(OutputFile, NativeHeaderLinesAndTheDataStream)
-{
+TEST_F(OutputFile, NativeHeaderLinesAndTheDataStream) {
     const float size2[3] = {2, 2, 2}, zeros[3] = {0, 0, 0}, ones[3] = {1, 1, 1};
     set_output_geometry(64, 64, 30, size2, zeros, ones, 0);
     FILE *stream = nullptr;
@@ -39,8 +38,7 @@ TEST_F(OutputFile, NativeHeaderLinesAndTheDataStream)
     EXPECT_EQ(test_support::read_floats("sigma2.bfloat"), std::vector<float>({1.5f, -2.0f}));
 }
 
-TEST_F(OutputFile, FilesThatCannotBeOpened)
-{
+TEST_F(OutputFile, FilesThatCannotBeOpened) {
     const float ones[3] = {1, 1, 1}, zeros[3] = {0, 0, 0};
     mkdir("data.bfloat", 0755);  // the header opens, the data file cannot
     const struct {
@@ -58,8 +56,7 @@ TEST_F(OutputFile, FilesThatCannotBeOpened)
         FILE *stream = nullptr;
         ::testing::internal::CaptureStdout();
         EXPECT_EQ(open_output_file(0, 1, 3, c.stem.c_str(), &stream), 1);
-        EXPECT_EQ(::testing::internal::GetCapturedStdout().substr(0, strlen(c.message)),
-                  c.message);
+        EXPECT_EQ(::testing::internal::GetCapturedStdout().substr(0, strlen(c.message)), c.message);
     }
     EXPECT_TRUE(test_support::file_exists("data.hdr"));
     EXPECT_FALSE(test_support::file_exists("missing"));

@@ -5,15 +5,13 @@
 
 namespace {
 
-void expect_matrix(const mat44 &m, const float (&expected)[4][4])
-{
+void expect_matrix(const mat44 &m, const float (&expected)[4][4]) {
     for (int i = 0; i < 4; ++i)
         for (int j = 0; j < 4; ++j)
             EXPECT_FLOAT_EQ(m.m[i][j], expected[i][j]) << "[" << i << "][" << j << "]";
 }
 
-TEST(Transform, DiagonalExampleAndItsInverse)
-{
+TEST(Transform, DiagonalExampleAndItsInverse) {
     mat44 m = scale_and_shift_to_mat44(2, 2, 3, 10, -5, 0, 1, -1, 1);
     expect_matrix(m, {{2, 0, 0, 10}, {0, -2, 0, -5}, {0, 0, 3, 0}, {0, 0, 0, 1}});
     const float third = static_cast<float>(1.0 / 3.0);
@@ -23,15 +21,13 @@ TEST(Transform, DiagonalExampleAndItsInverse)
     expect_matrix(invert_mat44(scale_and_shift_to_mat44(1, 1, 1, 0, 0, 0, 1, 1, 1)), identity);
 }
 
-TEST(Transform, GeneralAffineCopiesTheThreeRows)
-{
+TEST(Transform, GeneralAffineCopiesTheThreeRows) {
     const float rx[4] = {0.5f, 0.1f, 0, -90}, ry[4] = {-0.1f, 2, 0, 126}, rz[4] = {0, 0, 3, -72};
     expect_matrix(general_affine_to_mat44(rx, ry, rz),
                   {{0.5f, 0.1f, 0, -90}, {-0.1f, 2, 0, 126}, {0, 0, 3, -72}, {0, 0, 0, 1}});
 }
 
-TEST(TransformDeathTest, SingularMatrixEndsTheProcessWithTheRowMessage)
-{
+TEST(TransformDeathTest, SingularMatrixEndsTheProcessWithTheRowMessage) {
     mat44 singular = scale_and_shift_to_mat44(1, 0, 1, 0, 0, 0, 1, 1, 1);
     // The message goes to standard output, which the child joins to the
     // stream that the death test looks at.

@@ -7,8 +7,7 @@
 
 namespace {
 
-TEST(DecodeVistraKeyword, EveryKeyword)
-{
+TEST(DecodeVistraKeyword, EveryKeyword) {
     const struct {
         const char *line;
         int result;
@@ -55,20 +54,22 @@ TEST(DecodeVistraKeyword, EveryKeyword)
     EXPECT_EQ(h.direction[1], -1.0f);
 }
 
-TEST(DecodeVistraKeyword, Messages)
-{
-    const char *const storage = "Error: arguments for storage-type are ...\n"
-                                "    short, float, long, unsigned-short, unsigned-char\n";
+TEST(DecodeVistraKeyword, Messages) {
+    const char *const storage =
+        "Error: arguments for storage-type are ...\n"
+        "    short, float, long, unsigned-short, unsigned-char\n";
     const struct {
         const char *line, *message;
     } cases[] = {
         {"direction 1 0.5 1", "Error: allowed values for direction (1,0.5,1) are 1 and -1.\n"},
-        {"data-type phase", "Error: arguments for data-type are\n1) magnitude (this is the "
-                            "default),\n2) complex (or real-imaginary),\n3) magnitude-phase\n"},
+        {"data-type phase",
+         "Error: arguments for data-type are\n1) magnitude (this is the "
+         "default),\n2) complex (or real-imaginary),\n3) magnitude-phase\n"},
         {"storage-type", storage},
         {"storage-type double", storage},
-        {"registration human", "Error: arguments for registration are\n1) paxinos-rat, and\n"
-                               "2) nothing else (paxinos-monkey later?)\n"},
+        {"registration human",
+         "Error: arguments for registration are\n1) paxinos-rat, and\n"
+         "2) nothing else (paxinos-monkey later?)\n"},
     };
     for (const auto &c : cases) {
         volume_header h = {};
@@ -80,8 +81,7 @@ TEST(DecodeVistraKeyword, Messages)
 
 class ReadVistraHeader : public io_test::ScratchDirTest {};
 
-TEST_F(ReadVistraHeader, LinesAndTheirErrors)
-{
+TEST_F(ReadVistraHeader, LinesAndTheirErrors) {
     const char *const ok = "";
     const struct {
         const char *text, *message;

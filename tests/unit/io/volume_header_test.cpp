@@ -12,16 +12,16 @@ namespace {
 using io_test::read_header;
 using test_support::write_file;
 
-TEST(FileNames, ExtensionsAndTheirCodes)
-{
+TEST(FileNames, ExtensionsAndTheirCodes) {
     const struct {
         const char *name;
         int status, code;
         const char *replaced;
     } cases[] = {
-        {"s.bshort", 0, 1, "s.hdr"}, {"s.bfloat\n", 0, 2, "s.hdr"}, {"a.b.blong", 0, 3, "a.b.hdr"},
-        {"s.ushort", 0, 4, "s.hdr"}, {"s.nii", 0, 6, "s.hdr"},      {"s.img", 0, 7, "s.hdr"},
-        {"s.BFLOAT", 0, -1, "s.hdr"}, {"s", 1, 99, ""},
+        {"s.bshort", 0, 1, "s.hdr"},    {"s.bfloat\n", 0, 2, "s.hdr"},
+        {"a.b.blong", 0, 3, "a.b.hdr"}, {"s.ushort", 0, 4, "s.hdr"},
+        {"s.nii", 0, 6, "s.hdr"},       {"s.img", 0, 7, "s.hdr"},
+        {"s.BFLOAT", 0, -1, "s.hdr"},   {"s", 1, 99, ""},
     };
     for (const auto &c : cases) {
         char name[32], result[IO_NAME_LENGTH] = "";
@@ -46,8 +46,7 @@ TEST(FileNames, ExtensionsAndTheirCodes)
 
 class ReadVolumeHeader : public io_test::ScratchDirTest {};
 
-TEST_F(ReadVolumeHeader, DispatchAndDerivedFields)
-{
+TEST_F(ReadVolumeHeader, DispatchAndDerivedFields) {
     mkdir("run.d", 0755);
     write_file("s.hdr", "x 64\ny 48\nz 30\nt 2\nresolution 3.75 3.5 5\n");
     write_file("run.d/s.hdr", "x 4\ny 4\nz 4\nt 2\nstorage-type float\n");
@@ -70,21 +69,25 @@ TEST_F(ReadVolumeHeader, DispatchAndDerivedFields)
     EXPECT_FLOAT_EQ(h.space_to_voxel.m[2][2], 0.2f);
 }
 
-TEST_F(ReadVolumeHeader, Failures)
-{
+TEST_F(ReadVolumeHeader, Failures) {
     write_file("plain.hdr", "x 4\ny 4\nz 4\nt 2\n");
     write_file("neg.hdr", "x -4\ny 4\nz 4\nt 2\n");
     write_file("big.hdr", "x 2048\ny 2048\nz 256\nt 2\n");
-    write_file("elf.hdr", "\x7f" "ELF\x02\x01\x01\x03\x3e\n");
+    write_file("elf.hdr",
+               "\x7f"
+               "ELF\x02\x01\x01\x03\x3e\n");
     const struct {
         std::string name;
         const char *message;  // complete output, or its first word
     } cases[] = {
-        {"plain", "Error: the file type is not recognized,\n"
-                  "so it was assumed to be an vistra file without an extension.\n"
-                  "However, the storage type was not read from file plain.hdr\n"
-                  "Valid types end in .nii, .img, .bshort, .bfloat, .blong, or _'\n"},
-        {"neg.bfloat", "Error: "}, {"big.bfloat", "Error: "}, {"elf.bfloat", "Error "},
+        {"plain",
+         "Error: the file type is not recognized,\n"
+         "so it was assumed to be an vistra file without an extension.\n"
+         "However, the storage type was not read from file plain.hdr\n"
+         "Valid types end in .nii, .img, .bshort, .bfloat, .blong, or _'\n"},
+        {"neg.bfloat", "Error: "},
+        {"big.bfloat", "Error: "},
+        {"elf.bfloat", "Error "},
         {std::string(1024, 'a') + ".bfloat", "Error: "},
         {std::string(1015, 'b') + ".bfloat", "Error: "},  // fits; its ".hdr" does not
     };
