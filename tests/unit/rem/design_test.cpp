@@ -8,21 +8,16 @@
 
 namespace {
 
-struct Range {
-    int start;
-    int stop;
-};
 struct Event {
     char name;
     int shape;
-    std::vector<Range> ranges;
+    std::vector<std::vector<int>> ranges;  // {start, stop}
 };
 
-// Builds the design for the given events over files with the given weights
-// and returns what the design step printed.
+// Builds the design of the events over files with the given weights and
+// returns what the design step printed.
 std::string build(const std::vector<float> &weights, const std::vector<Event> &events) {
     REM.nfiles = static_cast<int>(weights.size());
-    REM_input.nfiles = REM.nfiles;
     for (size_t i = 0; i < weights.size(); ++i) REM_input.file_weight[i] = weights[i];
     REM.nevents = static_cast<int>(events.size());
     for (size_t e = 0; e < events.size(); ++e) {
@@ -30,8 +25,8 @@ std::string build(const std::vector<float> &weights, const std::vector<Event> &e
         REM.event_shape[e] = events[e].shape;
         REM.event_nranges[e] = static_cast<int>(events[e].ranges.size());
         for (size_t r = 0; r < events[e].ranges.size(); ++r) {
-            REM.range_start[e][r] = events[e].ranges[r].start;
-            REM.range_stop[e][r] = events[e].ranges[r].stop;
+            REM.range_start[e][r] = events[e].ranges[r][0];
+            REM.range_stop[e][r] = events[e].ranges[r][1];
         }
     }
     testing::internal::CaptureStdout();
@@ -41,70 +36,50 @@ std::string build(const std::vector<float> &weights, const std::vector<Event> &e
 
 }  // namespace
 
-TEST(DesignMatrix, RampOverEightFiles) {
+TEST(DesignMatrix, RampOverEightFilesAndIdentity) {
     EXPECT_EQ(build(std::vector<float>(8, 1.0f), {{'P', 1, {{0, 7}}}}), "");
     ASSERT_EQ(REM.nbasis, 1);
     for (int i = 0; i < 8; ++i) EXPECT_FLOAT_EQ(REM.design[i][0], -1.0 + 2.0 * i / 7.0) << i;
     EXPECT_EQ(REM.design[0][0], -1.0f);
     EXPECT_EQ(REM.design[7][0], 1.0f);
+    for (int i = 0; i < 8; ++i)
+        for (int j = 0; j < 8; ++j) EXPECT_EQ(REM.identity[i][j], i == j ? 1.0f : 0.0f);
 }
 
 TEST(DesignMatrix, ColumnsScaledByMeanWeightOfLastRange) {
-    struct Case {
+    const struct {
         const char *what;
         std::vector<float> weights;
         std::vector<Event> events;
-        std::vector<std::vector<float>> expected;  // rows
+        std::vector<std::vector<float>> rows;
     } cases[] = {
         {"weights 2 2 4", {2, 2, 4}, {{'p', 0, {{0, 2}}}}, {{0.75f}, {0.75f}, {1.5f}}},
         {"negative weights keep their sign", {-2, -2}, {{'p', 0, {{0, 1}}}}, {{-1}, {-1}}},
-        {"file 2 in no event",
-         {1, 1, 1, 1},
-         {{'p', 0, {{0, 1}}}, {'c', 0, {{3, 3}}}},
+        {"file 2 in no event", {1, 1, 1, 1}, {{'p', 0, {{0, 1}}}, {'c', 0, {{3, 3}}}},
          {{1, 0}, {1, 0}, {0, 0}, {0, 1}}},
-        {"the last range sets the scale",
-         {1, 1, 4, 4},
-         {{'p', 0, {{0, 1}, {2, 3}}}},
+        {"the last range sets the scale", {1, 1, 4, 4}, {{'p', 0, {{0, 1}, {2, 3}}}},
          {{0.25f}, {0.25f}, {1}, {1}}},
-        {"overlapping ramp ranges: the last decides",
-         {1, 1, 1, 1, 1},
-         {{'P', 1, {{0, 4}, {2, 3}}}},
-         {{-1}, {-0.5f}, {-1}, {1}, {1}}},
+        {"overlapping ramp ranges: the last decides", {1, 1, 1, 1, 1},
+         {{'P', 1, {{0, 4}, {2, 3}}}}, {{-1}, {-0.5f}, {-1}, {1}, {1}}},
     };
-    for (const Case &k : cases) {
+    for (const auto &k : cases) {
         build(k.weights, k.events);
-        for (size_t i = 0; i < k.expected.size(); ++i)
-            for (size_t e = 0; e < k.expected[i].size(); ++e)
-                EXPECT_EQ(REM.design[i][e], k.expected[i][e]) << k.what << " (" << i << "," << e << ")";
-    }
-}
-
-TEST(DesignMatrix, AllocatesZeroMatricesAndIdentity) {
-    build({1, 1, 1}, {{'p', 0, {{0, 2}}}, {'c', 0, {{1, 2}}}});
-    EXPECT_EQ(REM.nbasis, 2);
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) {
-            EXPECT_EQ(REM.identity[i][j], i == j ? 1.0f : 0.0f);
-            EXPECT_EQ(REM.work[i][j], 0.0f);
-            EXPECT_EQ(REM.v_inverse[i][j], 0.0f);
-        }
-    for (int j = 0; j < 2; ++j) {
-        EXPECT_EQ(REM.beta[j], 0.0f);
-        EXPECT_EQ(REM.normal_inverse[j][1 - j], 0.0f);
-        EXPECT_EQ(REM.estimator[j][2], 0.0f);
+        for (size_t i = 0; i < k.rows.size(); ++i)
+            for (size_t e = 0; e < k.rows[i].size(); ++e)
+                EXPECT_EQ(REM.design[i][e], k.rows[i][e]) << k.what << " (" << i << "," << e << ")";
     }
 }
 
 TEST(DesignMatrix, DegenerateScalesWarnButKeepTheirValues) {
-    std::string out = build({1, 1, 1}, {{'P', 1, {{0, 1}, {2, 2}}}});
-    EXPECT_EQ(out, "Warning: ramp event P has a range of the single file 2; its design value is "
-                   "not a number.\n");
+    EXPECT_EQ(build({1, 1, 1}, {{'P', 1, {{0, 1}, {2, 2}}}}),
+              "Warning: ramp event P has a range of the single file 2; its design value is "
+              "not a number.\n");
     EXPECT_EQ(REM.design[0][0], -1.0f);
     EXPECT_TRUE(std::isnan(REM.design[2][0]));
 
-    out = build({0, 0, 1}, {{'p', 0, {{0, 1}}}});
-    EXPECT_EQ(out, "Warning: the file weights of event p average 0 over files 0 to 1; its "
-                   "design values are not finite.\n");
+    EXPECT_EQ(build({0, 0, 1}, {{'p', 0, {{0, 1}}}}),
+              "Warning: the file weights of event p average 0 over files 0 to 1; its "
+              "design values are not finite.\n");
     EXPECT_TRUE(std::isnan(REM.design[0][0]));
     EXPECT_EQ(REM.design[2][0], 0.0f);
 }
