@@ -1,11 +1,10 @@
 // Conditions: each word of the conditions text becomes an integer contrast
 // matrix over the basis functions, one row per comma-separated part.
-#include "rem.h"
-
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 
+#include "rem.h"
 #include "util.h"
 
 namespace {
@@ -41,7 +40,8 @@ int REM_define_conditions(const char *text, int *count) {
     // nothing can be freed twice.
     for (int c = 0; c < REM_MAX_CONDITIONS; ++c) {
         if (REM.condition_contrast[c] != nullptr)
-            free_int_matrix(REM.condition_contrast[c], static_cast<uint32_t>(REM.condition_nrows[c]));
+            free_int_matrix(REM.condition_contrast[c],
+                            static_cast<uint32_t>(REM.condition_nrows[c]));
         REM.condition_contrast[c] = nullptr;
         REM.condition_nrows[c] = 0;
     }
@@ -63,13 +63,15 @@ int REM_define_conditions(const char *text, int *count) {
         return 1;
     }
 
-    for (const char *p = next_word(text, &length); p != nullptr; p = next_word(p + length, &length)) {
+    for (const char *p = next_word(text, &length); p != nullptr;
+         p = next_word(p + length, &length)) {
         int commas = 0;
         for (size_t j = 0; j < length; ++j)
             if (p[j] == ',') ++commas;
         const int c = REM.nconditions;
         REM.condition_nrows[c] = commas + 1;
-        int **contrast = int_matrix(static_cast<uint32_t>(commas + 1), static_cast<uint32_t>(REM.nbasis));
+        int **contrast =
+            int_matrix(static_cast<uint32_t>(commas + 1), static_cast<uint32_t>(REM.nbasis));
         for (int row = 0; row <= commas; ++row)
             for (int e = 0; e < REM.nbasis; ++e) contrast[row][e] = 0;
         REM.condition_contrast[c] = contrast;

@@ -1,11 +1,10 @@
 // The control file ("analysis file") reader: header keywords, then one of two
 // layouts, either files listed under their event or events given as ranges
 // of file indices followed by a "measurements" list of files.
-#include "rem.h"
-
 #include <stdio.h>
 #include <string.h>
 
+#include "rem.h"
 #include "util.h"
 
 namespace {
@@ -143,9 +142,10 @@ int read_index_lines(FILE *file, int e) {
             return 1;
         }
         if (start < 0 || start > stop) {
-            printf("Error: the file range %d %d of event %c (line %d of file '%s') must have "
-                   "0 <= start <= stop.\n",
-                   start, stop, REM_EventChar(REM.event_number[e]), g_line, g_path);
+            printf(
+                "Error: the file range %d %d of event %c (line %d of file '%s') must have "
+                "0 <= start <= stop.\n",
+                start, stop, REM_EventChar(REM.event_number[e]), g_line, g_path);
             return 1;
         }
         REM.range_start[e][nranges] = start;
@@ -281,8 +281,9 @@ int REMInternal_decode_keyword(const char *line) {
     }
     if (is_event_word(word)) {
         if (*rest == '\0') {
-            printf("Error: 'subjects' or 'sessions' or 'events' requires a character "
-                   "argument.\n");
+            printf(
+                "Error: 'subjects' or 'sessions' or 'events' requires a character "
+                "argument.\n");
             return -1;
         }
         int number = REM_EventNumberFromChar(*rest);
@@ -382,10 +383,11 @@ int REMInternal_read_control_file_overlapping_events(FILE *file) {
     for (int e = 0; e < REM.nevents; ++e) {
         for (int r = 0; r < REM.event_nranges[e]; ++r) {
             if (REM.range_stop[e][r] >= REM.nfiles) {
-                printf("Error: the file range %d %d of event %c reaches beyond the last of "
-                       "the %d files.\n",
-                       REM.range_start[e][r], REM.range_stop[e][r],
-                       REM_EventChar(REM.event_number[e]), REM.nfiles);
+                printf(
+                    "Error: the file range %d %d of event %c reaches beyond the last of "
+                    "the %d files.\n",
+                    REM.range_start[e][r], REM.range_stop[e][r], REM_EventChar(REM.event_number[e]),
+                    REM.nfiles);
                 return 1;
             }
         }

@@ -1,11 +1,10 @@
 // The design matrix: one row per signal file, one column per event, and the
 // one-time allocation of every matrix that the fit works with.
-#include "rem.h"
-
 #include <math.h>
 #include <stdint.h>
 #include <stdio.h>
 
+#include "rem.h"
 #include "util.h"
 
 namespace {
@@ -114,16 +113,18 @@ void REMInternal_define_design_matrix(void) {
             const int start = REM.range_start[e][nranges - 1];
             const int stop = REM.range_stop[e][nranges - 1];
             if (stop >= start && scale == 0.0f)
-                printf("Warning: the file weights of event %c average 0 over files %d to %d; "
-                       "its design values are not finite.\n",
-                       name, start, stop);
+                printf(
+                    "Warning: the file weights of event %c average 0 over files %d to %d; "
+                    "its design values are not finite.\n",
+                    name, start, stop);
         }
         if (REM.event_shape[e] == 1) {
             for (int r = 0; r < nranges; ++r)
                 if (REM.range_start[e][r] == REM.range_stop[e][r])
-                    printf("Warning: ramp event %c has a range of the single file %d; "
-                           "its design value is not a number.\n",
-                           name, REM.range_start[e][r]);
+                    printf(
+                        "Warning: ramp event %c has a range of the single file %d; "
+                        "its design value is not a number.\n",
+                        name, REM.range_start[e][r]);
         }
 
         for (int i = 0; i < n; ++i) {

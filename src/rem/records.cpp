@@ -1,10 +1,10 @@
 // The model's two process-wide records and the event alphabet: events are
 // named by one character ("1"-"9", "a"-"z", "A"-"Z") and numbered 1 to 61.
-#include "rem.h"
-
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+#include "rem.h"
 
 rem_input REM_input;
 rem_model REM;

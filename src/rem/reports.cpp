@@ -1,8 +1,8 @@
 // Reports on the model: the events and files as read from the control file
 // (standard output) and the design matrix as a text table (basis.dat).
-#include "rem.h"
-
 #include <stdio.h>
+
+#include "rem.h"
 
 namespace {
 
@@ -44,7 +44,8 @@ void REM_describe_basis_functions(void) {
         return;
     }
     fprintf(file, "x ");
-    for (int e = 0; e < REM.nevents; ++e) fprintf(file, "event%c ", REM_EventChar(REM.event_number[e]));
+    for (int e = 0; e < REM.nevents; ++e)
+        fprintf(file, "event%c ", REM_EventChar(REM.event_number[e]));
     fprintf(file, "\n");
     for (int i = 0; i < REM.nfiles; ++i) {
         fprintf(file, "%d ", i);

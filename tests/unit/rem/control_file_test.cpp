@@ -25,10 +25,12 @@ const char *const kExample =
     "conditions p c p-c # mandatory; Statistical tests MUST be included\n"
     "event p square # pre-treated group, DC level\n"
     "0 7            # start, stop files; there could be more entries below\n"
-    "event P ramp   # pre-treated group, linear change over time0 7            # start, stop files\n"
+    "event P ramp   # pre-treated group, linear change over time0 7            # start, stop "
+    "files\n"
     "event c square # pre-treated group, DC level\n"
     "8 15           # start, stop files\n"
-    "event C ramp   # pre-treated group, linear change over time8 15           # start, stop files\n"
+    "event C ramp   # pre-treated group, linear change over time8 15           # start, stop "
+    "files\n"
     "measurements:../group1/subject1/S-1.bfloat\n"
     "../group1/subject2/S-1.bfloat\n"
     "../group1/subject3/S-1.bfloat\n"
@@ -147,7 +149,8 @@ TEST(ControlFile, Refusals) {
         {"one smoothing width", "smoothing 1\n",
          "Error: `smoothing' requires 2 arguments (mm).\n"
          "1) width of smoothing kernel in prior analysis,\n"
-         "2) width of smoothing kernel used to boost random-effects DOF\n" + header_error(1)},
+         "2) width of smoothing kernel used to boost random-effects DOF\n" +
+             header_error(1)},
         {"unknown word", "smooth 1 2\n# note\nconditions p\n\nfoo 1\nevent p\n", header_error(3)},
         {"no integer", "multiple-comparisons x\n",
          "Error: `multiple-comparisons' requires an integer argument.\n" + header_error(1)},

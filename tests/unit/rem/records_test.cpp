@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
-#include <unistd.h>
 
 #include "rem.h"
 
@@ -9,8 +9,8 @@ TEST(EventCharacters, NumbersAndCharactersMatch) {
     const struct {
         char c;
         int number;
-    } cases[] = {{'1', 1}, {'9', 9}, {'a', 10}, {'z', 35}, {'A', 36}, {'Z', 61},
-                 {',', -1}, {'0', 0}, {'+', 0}, {'-', 0}, {' ', 0}, {'\n', 0}};
+    } cases[] = {{'1', 1},  {'9', 9}, {'a', 10}, {'z', 35}, {'A', 36}, {'Z', 61},
+                 {',', -1}, {'0', 0}, {'+', 0},  {'-', 0},  {' ', 0},  {'\n', 0}};
     for (const auto &k : cases) {
         EXPECT_EQ(REM_EventNumberFromChar(k.c), k.number) << int(k.c);
         if (k.number < 1) continue;
@@ -25,8 +25,13 @@ TEST(EventCharacters, NumbersAndCharactersMatch) {
         EXPECT_EQ(c, 'x') << bad;
     }
     // The message goes to standard output; send it to standard error to match it.
-    EXPECT_EXIT({ dup2(2, 1); REM_EventChar(62); }, testing::ExitedWithCode(1),
-                "Programming error: event number 62 apparently is not defined!");
+    EXPECT_EXIT(
+        {
+            dup2(2, 1);
+            REM_EventChar(62);
+        },
+        testing::ExitedWithCode(1),
+        "Programming error: event number 62 apparently is not defined!");
 }
 
 TEST(Records, ConditionStringByIndex) {

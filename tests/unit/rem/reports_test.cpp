@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
-#include <sys/stat.h>
 
 #include "rem.h"
 #include "test_support.h"
@@ -36,5 +36,6 @@ TEST(Reports, BasisFileHoldsTheDesign) {
     ASSERT_EQ(mkdir("basis.dat", 0700), 0);
     testing::internal::CaptureStdout();
     REM_describe_basis_functions();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Cannot open basis function output file ...\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Cannot open basis function output file ...\n");
 }
