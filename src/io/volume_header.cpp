@@ -196,9 +196,17 @@ int read_volume_header(char *name, volume_header *header) {
                header->ny, header->nz, header->nt, name);
         return 1;
     }
-    int64_t count = static_cast<int64_t>(header->nx) * header->ny;
-    count *= header->nz;
-    if (count > INT32_MAX || count * header->nt > INT32_MAX) {
+    const int factors[3] = {header->ny, header->nz, header->nt};
+    int64_t count = header->nx;
+    bool too_large = false;
+    for (int factor : factors) {
+        count *= factor;  // below 2^31 times 2^31: cannot overflow
+        if (count > INT32_MAX) {
+            too_large = true;
+            break;
+        }
+    }
+    if (too_large) {
         printf("Error: the volume %s is too large: %d x %d x %d voxels and %d frames\n", name,
                header->nx, header->ny, header->nz, header->nt);
         return 1;
