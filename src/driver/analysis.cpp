@@ -156,7 +156,8 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     const int nvoxels = file_list_root.nx * file_list_root.ny * file_list_root.nz;
     const uint32_t n = static_cast<uint32_t>(nvoxels);
 
-    voxel_work w;
+    // Static, so that it stays reachable when an error ends the run early.
+    static voxel_work w;
     w.nfiles = count_files();
     const uint32_t nf = static_cast<uint32_t>(w.nfiles);
 

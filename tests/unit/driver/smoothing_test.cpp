@@ -19,6 +19,14 @@ double dc_factor(int n, double d, double fwhm) {
     return std::exp(-0.25 / 2.0 / a);
 }
 
+void release(data_stack *s) {
+    if (s->is_complex) {
+        free_fcomplex_vector(static_cast<fcomplex *>(s->data));
+    } else {
+        free_float_vector(static_cast<float *>(s->data));
+    }
+}
+
 TEST(SwapX, RotatesByHalfTheLength) {
     struct Case {
         int n;
@@ -77,6 +85,8 @@ TEST(DataStack, DescriptionAndIndexing) {
     data_stack complex_stack;
     create_simple_data_stack(&complex_stack, 4, 3, 2, 1, 1, 1, 1, 1);
     EXPECT_EQ(complex_stack.nvalues, 48);
+    release(&s);
+    release(&complex_stack);
 }
 
 TEST(DataStackDeathTest, BadIndexEndsTheProcess) {
@@ -85,6 +95,7 @@ TEST(DataStackDeathTest, BadIndexEndsTheProcess) {
     EXPECT_EXIT(index4d_stack(4, 0, 0, 0, &s), testing::ExitedWithCode(1), "");
     EXPECT_EXIT(index4d_stack(0, -1, 0, 0, &s), testing::ExitedWithCode(1), "");
     EXPECT_EXIT(index4d_stack(0, 0, 0, 1, &s), testing::ExitedWithCode(1), "");
+    release(&s);
 }
 
 TEST(AmplitudeAndPhase, Table) {
@@ -130,6 +141,7 @@ TEST(Smoothing, UniformFieldDropsByTheKernelAtZeroFrequency) {
         for (int i = 0; i < s.nxyz; ++i) {
             ASSERT_NEAR(v[i], expected, 2e-6 * expected) << "voxel " << i << " of " << c.nx;
         }
+        release(&s);
     }
 }
 
@@ -159,6 +171,7 @@ TEST(Smoothing, SpikeBecomesTheGaussianKernel) {
         float got = v[index4d_stack(c + o[0], c + o[1], c + o[2], 0, &s)];
         EXPECT_NEAR(got, expected, 1e-5 * peak) << o[0] << "," << o[1] << "," << o[2];
     }
+    release(&s);
 }
 
 // The regularisation smooths the ratio of total to fixed variance and maps
@@ -189,6 +202,8 @@ TEST(Smoothing, RegularizeUniformRatio) {
     regularize_random_effects();
     testing::internal::GetCapturedStdout();
     for (int i = 0; i < n; ++i) ASSERT_EQ(Sigma2_RE_map[i], 0.0f) << i;
+    free_float_vector(Sigma2_FE_map);
+    free_float_vector(Sigma2_RE_map);
 }
 
 }  // namespace
