@@ -114,3 +114,31 @@ TEST(CommandLine, AnalysisFileWithOrWithoutOption) {
 }
 
 }  // namespace
+
+namespace {
+
+// The simulator is deterministic for a seed and writes files fmri-rem reads.
+TEST(Simulator, SameSeedSameStudy) {
+    TempDir dir;
+    const std::string simulate =
+        test_support::shell_quote(std::string(FMRI_REM_BUILD_DIR) + "/fmri-rem-simulate");
+    const std::string common = " --size 8 6 4 --subjects 3";
+    ASSERT_EQ(test_support::run_command(simulate + " -o one --seed 5" + common + " && " + simulate +
+                                            " -o two --seed 5" + common + " && " + simulate +
+                                            " -o three --seed 6" + common,
+                                        dir.path())
+                  .status,
+              0);
+    const std::string first = test_support::read_file(dir.file("one/subject-c02.bfloat"));
+    EXPECT_EQ(first.size(), 8u * 6 * 4 * 2 * 4);
+    EXPECT_EQ(first, test_support::read_file(dir.file("two/subject-c02.bfloat")));
+    EXPECT_NE(first, test_support::read_file(dir.file("three/subject-c02.bfloat")));
+    const std::string header = test_support::read_file(dir.file("one/subject-p01.hdr"));
+    EXPECT_EQ(header.substr(0, 20), "x 8\ny 6\nz 4\nt 2\nbyte");
+    EXPECT_NE(header.find("\ndegrees-of-freedom "), std::string::npos);
+    auto r = test_support::run_fmri_rem({"analysis.rem"}, dir.file("one"));
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("Conditions to be tested: p c p-c \n"), std::string::npos);
+}
+
+}  // namespace

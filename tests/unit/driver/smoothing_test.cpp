@@ -53,16 +53,6 @@ TEST(SwapX, RotatesByHalfTheLength) {
     }
 }
 
-TEST(SwapX, ForthAndBackIsTheIdentity) {
-    for (int n : {1, 2, 5, 6, 7}) {
-        std::vector<fcomplex> line(n);
-        for (int k = 0; k < n; ++k) line[k] = {static_cast<float>(k), 0.0f};
-        swap_x(line.data(), n, 0);
-        swap_x(line.data(), n, 1);
-        for (int k = 0; k < n; ++k) EXPECT_EQ(line[k].r, static_cast<float>(k)) << n;
-    }
-}
-
 TEST(DataStack, DescriptionAndIndexing) {
     data_stack s;
     create_simple_data_stack(&s, 4, 3, 2, 2, 1.5f, 2.0f, 3.0f, 0);
