@@ -20,7 +20,8 @@ struct Event {
 };
 
 // Fills REM for nfiles files and the given events (event numbers 1, 2, ...),
-// builds the design and marks the model initialised.
+// builds the design (which releases the matrices of an earlier one) and marks
+// the model initialised.
 inline void build_model(int nfiles, const std::vector<Event> &events,
                         const std::vector<float> &weights = {})
 {
@@ -49,6 +50,9 @@ inline void set_condition(int index, const std::vector<std::vector<int>> &rows)
 {
     const int m = static_cast<int>(rows.size());
     const int k = REM.nbasis;
+    if (REM.condition_contrast[index] != nullptr)
+        free_int_matrix(REM.condition_contrast[index],
+                        static_cast<uint32_t>(REM.condition_nrows[index]));
     REM.condition_contrast[index] = int_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(k));
     for (int r = 0; r < m; ++r) {
         for (int j = 0; j < k; ++j) REM.condition_contrast[index][r][j] = rows[r][j];
@@ -99,7 +103,7 @@ inline Mat transpose(const Mat &A)
     return T;
 }
 
-inline Vec apply(const Mat &A, const Vec &y)
+inline Vec mat_vec(const Mat &A, const Vec &y)
 {
     Vec t(A.size(), 0.0);
     for (size_t i = 0; i < A.size(); ++i)

@@ -46,7 +46,7 @@ RemlReference reml_reference(const Mat &X, const Vec &y, const Vec &s)
     const int n = static_cast<int>(X.size());
     const int k = static_cast<int>(X[0].size());
     const Wls start = wls(X, Vec(n, 0.0), 1.0);  // W = I
-    double sigma2 = dot(y, apply(start.R, y)) / (n - k);
+    double sigma2 = dot(y, mat_vec(start.R, y)) / (n - k);
     double next = 0.0;
     double change = std::fabs(1.0 - next / sigma2);
     double margin = 1.0;
@@ -54,7 +54,7 @@ RemlReference reml_reference(const Mat &X, const Vec &y, const Vec &s)
         const Wls w = wls(X, s, sigma2);
         double trace = 0.0;
         for (int i = 0; i < n; ++i) trace += s[i] * s[i] * w.R[i][i];
-        const Vec Ry = apply(w.R, y);
+        const Vec Ry = mat_vec(w.R, y);
         next = ((trace + k) * sigma2 + sigma2 * sigma2 * dot(Ry, Ry)) / n;
         change = std::fabs(1.0 - next / sigma2);
         margin = std::min(margin, std::fabs(change - 0.05));
