@@ -93,45 +93,27 @@ TEST(FitFinal, ZeroErrorValueGivesAnAllZeroFit)
 {
     two_event_model();
     const std::vector<float> y{1.0f, 2.0f, 4.0f, 3.5f};
-    struct Case {
-        std::vector<float> s;
-        bool shortcut;
-    };
-    const Case cases[] = {
-        {{1.0f, 0.0f, 2.0f, 1.0f}, true},  {{1.0f, 1.0f, 2.0f, -0.0f}, true},
-        {{kNaN, 0.0f, 2.0f, 1.0f}, true},  {{1.0f, -1.0f, 2.0f, 1.0f}, false},
-        {{1.0f, kNaN, 2.0f, 1.0f}, false},
-    };
-    for (const Case &c : cases) {
-        for (int j = 0; j < 2; ++j) {
-            REM.beta[j] = 5.0f;
-            REM.normal_inverse[j][0] = REM.normal_inverse[j][1] = 5.0f;
-        }
+    const std::vector<std::vector<float>> zero = {
+        {1.0f, 0.0f, 2.0f, 1.0f}, {1.0f, 1.0f, 2.0f, -0.0f}, {kNaN, 0.0f, -2.0f, 1.0f}};
+    for (const auto &s : zero) {
+        REM.beta[1] = REM.normal_inverse[1][0] = 5.0f;
         std::vector<float> fitted(4, 7.0f), sums(4, 7.0f);
-        ASSERT_EQ(REM_fit_final(0.5f, 4, y.data(), c.s.data(), fitted.data(), sums.data()), 0);
-        if (c.shortcut) {
-            for (int i = 0; i < 4; ++i) {
-                EXPECT_EQ(fitted[i], 0.0f);
-                EXPECT_EQ(sums[i], 0.0f);
-            }
-            for (int j = 0; j < 2; ++j) {
-                EXPECT_EQ(REM.beta[j], 0.0f);
-                EXPECT_EQ(REM.normal_inverse[j][0], 0.0f);
-                EXPECT_EQ(REM.normal_inverse[j][1], 0.0f);
-            }
-        } else {
-            EXPECT_NE(REM.beta[0], 0.0f);  // fitted: finite, or NaN from the NaN weight
-        }
+        ASSERT_EQ(REM_fit_final(0.5f, 4, y.data(), s.data(), fitted.data(), sums.data()), 0);
+        EXPECT_EQ(fitted, std::vector<float>(4, 0.0f));
+        EXPECT_EQ(sums, std::vector<float>(4, 0.0f));
+        EXPECT_EQ(REM.beta[1], 0.0f);
+        EXPECT_EQ(REM.normal_inverse[1][0], 0.0f);
     }
-    // The sign of an error value does not matter to the fit.
-    std::vector<float> f1(4), s1(4), f2(4), s2(4);
-    const std::vector<float> plus{1.0f, 1.5f, 2.0f, 0.5f}, minus{-1.0f, 1.5f, -2.0f, 0.5f};
+    std::vector<float> f1(4), s1(4), f2(4), s2(4), f3(4), s3(4);
+    const std::vector<float> plus{1.0f, 1.5f, 2.0f, 0.5f}, minus{-1.0f, 1.5f, -2.0f, 0.5f},
+        nan{1.0f, kNaN, 2.0f, 0.5f};
     REM_fit_final(0.3f, 4, y.data(), plus.data(), f1.data(), s1.data());
-    const float beta_plus[2] = {REM.beta[0], REM.beta[1]};
     REM_fit_final(0.3f, 4, y.data(), minus.data(), f2.data(), s2.data());
-    EXPECT_EQ(REM.beta[0], beta_plus[0]);
-    EXPECT_EQ(REM.beta[1], beta_plus[1]);
+    EXPECT_NE(f1[0], 0.0f);
     EXPECT_EQ(f1, f2);
+    EXPECT_EQ(s1, s2);
+    REM_fit_final(0.3f, 4, y.data(), nan.data(), f3.data(), s3.data());
+    EXPECT_TRUE(std::isnan(f3[0]));
 }
 
 TEST(CalculateF, RejectsABadConditionBeforeABadCount)
@@ -286,7 +268,7 @@ TEST(FitAndTest, RandomDesignsAgreeWithDoublePrecision)
                 }
                 const double F = dot(cv, mat_vec(inverse(M), cv)) / m;
                 const int dof = 2 * (3 + static_cast<int>(rng.uniform() * 12));
-                const int resels = static_cast<int>(rng.uniform() * 2000);
+                const int resels = static_cast<int>(rng.uniform() * 20);
                 double p = f_tail(F, m, dof);
                 if (m > 1) p = 2 * p > 1 ? 2 - 2 * p : 2 * p;
 

@@ -86,23 +86,6 @@ using Mat = std::vector<Vec>;
 
 inline Mat zeros(int r, int c) { return Mat(r, Vec(c, 0.0)); }
 
-inline Mat multiply(const Mat &A, const Mat &B)
-{
-    Mat C = zeros(static_cast<int>(A.size()), static_cast<int>(B[0].size()));
-    for (size_t i = 0; i < A.size(); ++i)
-        for (size_t k = 0; k < B.size(); ++k)
-            for (size_t j = 0; j < B[0].size(); ++j) C[i][j] += A[i][k] * B[k][j];
-    return C;
-}
-
-inline Mat transpose(const Mat &A)
-{
-    Mat T = zeros(static_cast<int>(A[0].size()), static_cast<int>(A.size()));
-    for (size_t i = 0; i < A.size(); ++i)
-        for (size_t j = 0; j < A[0].size(); ++j) T[j][i] = A[i][j];
-    return T;
-}
-
 inline Vec mat_vec(const Mat &A, const Vec &y)
 {
     Vec t(A.size(), 0.0);
@@ -118,8 +101,8 @@ inline double dot(const Vec &a, const Vec &b)
     return s;
 }
 
-// Gauss-Jordan inversion with partial pivoting (the matrices here are small
-// and well conditioned).
+// Gauss-Jordan inversion with partial pivoting (small, well-conditioned
+// matrices only).
 inline Mat inverse(Mat A)
 {
     const size_t n = A.size();
@@ -157,7 +140,7 @@ inline Mat design()
     return X;
 }
 
-// Weighted least squares with W = (S^2 + sigma2 I)^-1.
+// Weighted least squares with the diagonal W = (S^2 + sigma2 I)^-1.
 struct Wls {
     Mat normal_inverse;  // (X'WX)^-1
     Mat estimator;       // (X'WX)^-1 X'W
@@ -166,16 +149,23 @@ struct Wls {
 
 inline Wls wls(const Mat &X, const Vec &s, double sigma2)
 {
-    const int n = static_cast<int>(X.size());
-    Mat W = zeros(n, n);
-    for (int i = 0; i < n; ++i) W[i][i] = 1.0 / (s[i] * s[i] + sigma2);
-    const Mat XtW = multiply(transpose(X), W);
-    Wls out;
-    out.normal_inverse = inverse(multiply(XtW, X));
-    out.estimator = multiply(out.normal_inverse, XtW);
-    out.R = multiply(W, multiply(X, out.estimator));
+    const int n = static_cast<int>(X.size()), k = static_cast<int>(X[0].size());
+    Vec w(n);
+    for (int i = 0; i < n; ++i) w[i] = 1.0 / (s[i] * s[i] + sigma2);
+    Mat N = zeros(k, k);
+    for (int a = 0; a < k; ++a)
+        for (int b = 0; b < k; ++b)
+            for (int i = 0; i < n; ++i) N[a][b] += X[i][a] * w[i] * X[i][b];
+    Wls out{inverse(N), zeros(k, n), zeros(n, n)};
+    for (int a = 0; a < k; ++a)
+        for (int i = 0; i < n; ++i)
+            for (int b = 0; b < k; ++b) out.estimator[a][i] += out.normal_inverse[a][b] * X[i][b] * w[i];
     for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) out.R[i][j] = W[i][j] - out.R[i][j];
+        for (int j = 0; j < n; ++j) {
+            double h = 0.0;
+            for (int a = 0; a < k; ++a) h += X[i][a] * out.estimator[a][j];
+            out.R[i][j] = (i == j ? w[i] : 0.0) - w[i] * h;
+        }
     return out;
 }
 

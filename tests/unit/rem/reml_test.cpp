@@ -125,29 +125,31 @@ TEST(RemlIterate, FixedEffectsVarianceIsWeightedByDegreesOfFreedom)
     }
 }
 
-// Constant data under one group: the residue is exactly 0, so the start value
-// is 0, the change 0/0 is not a number and no step is taken.
-TEST(RemlIterate, ExactFitSkipsTheIteration)
+// Degenerate starts: the least-squares residue is exactly 0 (constant data
+// under one group; as many events as files, where R0 = 0 and n - k = 0), so
+// the start value is 0 or 0/0, the change is not a number and no step runs.
+// The weighting is then still the unit start, not (S^2 + sigma2 I)^-1.
+TEST(RemlIterate, DegenerateStartSkipsTheLoop)
 {
-    build_model(4, {{0, {{0, 3}}}});
-    const RemlResult r = run_reml({2, 2, 2, 2}, {0.5f, 0.5f, 0.5f, 0.5f}, {5, 5, 5, 5});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.re, 0.0f);
-    EXPECT_EQ(r.fe, 0.25f);
-    // The weighting is still the unit start, not (S^2 + 0 I)^-1 = 4 I.
-    EXPECT_EQ(REM.v_inverse[0][0], 1.0f);
-    EXPECT_EQ(REM.v_inverse[3][3], 1.0f);
-}
-
-// As many events as files: the residue matrix is exactly 0, q / (n - k) is
-// 0/0 and the loop does not run.
-TEST(RemlIterate, AsManyEventsAsFiles)
-{
-    build_model(2, {{0, {{0, 0}}}, {0, {{1, 1}}}});
-    const RemlResult r = run_reml({3, -1}, {1, 2}, {5, 5});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.fe, 2.5f);
-    EXPECT_EQ(r.re, 0.0f);
+    struct Case {
+        int n;
+        std::vector<Event> events;
+        std::vector<float> y, s;
+        float fe;
+    };
+    const Case cases[] = {
+        {4, {{0, {{0, 3}}}}, {2, 2, 2, 2}, {0.5f, 0.5f, 0.5f, 0.5f}, 0.25f},
+        {2, {{0, {{0, 0}}}, {0, {{1, 1}}}}, {3, -1}, {1, 2}, 2.5f},
+    };
+    for (const Case &c : cases) {
+        build_model(c.n, c.events);
+        const RemlResult r = run_reml(c.y, c.s, std::vector<int>(c.n, 5));
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.re, 0.0f);
+        EXPECT_EQ(r.fe, c.fe);
+        EXPECT_EQ(REM.v_inverse[0][0], 1.0f);
+        EXPECT_EQ(REM.v_inverse[c.n - 1][c.n - 1], 1.0f);
+    }
 }
 
 // One group with equal errors s^2: W = I/(s^2 + v), R = (I - J/n)/(s^2 + v) and
