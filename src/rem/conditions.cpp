@@ -1,5 +1,6 @@
 // Conditions: each word of the conditions text becomes an integer contrast
 // matrix over the basis functions, one row per comma-separated part.
+#include <ctype.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -9,9 +10,7 @@
 
 namespace {
 
-bool is_space(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
-}
+bool is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 
 // Finds the next word at or after text: returns its start and stores its
 // length, or returns null when no word is left.

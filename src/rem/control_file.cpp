@@ -1,6 +1,7 @@
 // The control file ("analysis file") reader: header keywords, then one of two
 // layouts, either files listed under their event or events given as ranges
 // of file indices followed by a "measurements" list of files.
+#include <ctype.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -16,9 +17,8 @@ int g_line = 0;
 
 const int kLineLength = 1024;
 
-bool is_space(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
-}
+// White space as isspace has it in the "C" locale, for any byte.
+bool is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 
 // Copies the first word of text (white space delimited) into word, which
 // holds kLineLength characters, and returns the position after it; null
@@ -100,6 +100,26 @@ bool check_event_capacity() {
            REM_MAX_EVENTS);
     return false;
 }
+
+// Takes the character at rest as the number of the next event (index
+// nevents); false after a message when the character is missing (the given
+// message), not an event character, or one event too many.
+bool read_event_character(const char *rest, const char *missing) {
+    if (*rest == '\0') {
+        printf("%s", missing);
+        return false;
+    }
+    int number = REM_EventNumberFromChar(*rest);
+    if (!is_event_number(number)) {
+        printf("Error: event %c is not an allowed event character.\n", *rest);
+        return false;
+    }
+    if (!check_event_capacity()) return false;
+    REM.event_number[REM.nevents] = number;
+    return true;
+}
+
+const char kEventCharacterMissing[] = "Error: `event' requires a character argument.\n";
 
 // Takes one file line: the path and an optional weight (default 1.0).
 bool add_file(const char *word, const char *rest, bool record_weight_given) {
@@ -280,19 +300,10 @@ int REMInternal_decode_keyword(const char *line) {
         return 0;
     }
     if (is_event_word(word)) {
-        if (*rest == '\0') {
-            printf(
-                "Error: 'subjects' or 'sessions' or 'events' requires a character "
-                "argument.\n");
+        if (!read_event_character(
+                rest, "Error: 'subjects' or 'sessions' or 'events' requires a character "
+                      "argument.\n"))
             return -1;
-        }
-        int number = REM_EventNumberFromChar(*rest);
-        if (!is_event_number(number)) {
-            printf("Error: event %c is not an allowed event character.\n", *rest);
-            return -1;
-        }
-        if (!check_event_capacity()) return -1;
-        REM.event_number[REM.nevents] = number;
         int shape = read_shape(rest);
         if (shape < 0) return -1;
         REM.event_shape[REM.nevents] = shape;
@@ -314,17 +325,7 @@ int REMInternal_read_control_file_no_overlapping_events(FILE *file) {
         const char *rest = next_non_white(after);
         if (is_event_word(word)) {
             close_listed_event();
-            if (*rest == '\0') {
-                printf("Error: `event' requires a character argument.\n");
-                return 1;
-            }
-            int number = REM_EventNumberFromChar(*rest);
-            if (!is_event_number(number)) {
-                printf("Error: event %c is not an allowed event character.\n", *rest);
-                return 1;
-            }
-            if (!check_event_capacity()) return 1;
-            REM.event_number[REM.nevents] = number;
+            if (!read_event_character(rest, kEventCharacterMissing)) return 1;
             open_listed_event(REM.nevents);
         } else {
             if (!add_file(word, rest, true)) return 1;
@@ -352,17 +353,7 @@ int REMInternal_read_control_file_overlapping_events(FILE *file) {
         if (file_list) {
             if (!add_file(word, rest, false)) return 1;
         } else if (is_event_word(word)) {
-            if (*rest == '\0') {
-                printf("Error: `event' requires a character argument.\n");
-                return 1;
-            }
-            int number = REM_EventNumberFromChar(*rest);
-            if (!is_event_number(number)) {
-                printf("Error: event %c is not an allowed event character.\n", *rest);
-                return 1;
-            }
-            if (!check_event_capacity()) return 1;
-            REM.event_number[REM.nevents] = number;
+            if (!read_event_character(rest, kEventCharacterMissing)) return 1;
             int shape = read_shape(rest);
             if (shape < 0) return -1;
             REM.event_shape[REM.nevents] = shape;
