@@ -6,7 +6,6 @@
 // program's results.
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 
 #include "rem.h"
 #include "util.h"
@@ -19,16 +18,7 @@ static const float euler_characteristic_constant = 0.1169f;
 int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,
                   float *event_sum)
 {
-    if (!REM.initialized) {
-        printf("Error in REM_fit_data: first initialize the REM\n");
-        return 1;
-    }
-    if (n != REM.nfiles) {
-        printf("Error: the number of data time points (%d) does not match the number in the REM "
-               "(%d).\n",
-               n, REM.nfiles);
-        exit(1);
-    }
+    if (rem_check_model(n) != 0) return 1;
     const int k = REM.nbasis;
 
     // A file without an error value cannot be weighted: an all-zero fit.

@@ -63,6 +63,22 @@ static float dot(int n, const float *y, const float *t)
     return s;
 }
 
+// The check both the estimate and the final fit start with.
+int rem_check_model(int n)
+{
+    if (!REM.initialized) {
+        printf("Error in REM_fit_data: first initialize the REM\n");
+        return 1;
+    }
+    if (n != REM.nfiles) {
+        printf("Error: the number of data time points (%d) does not match the number in the REM "
+               "(%d).\n",
+               n, REM.nfiles);
+        exit(1);
+    }
+    return 0;
+}
+
 // fixed_variance = diag(s), fixed_variance_squared = its square by a full
 // product.  Shared with the final fit.
 void rem_set_fixed_variance(int n, const float *error)
@@ -91,16 +107,7 @@ void rem_set_weighting(int n, float sigma2)
 int REM_REML_iterate(int n, const float *effect, const float *error, const int *dof,
                      float *sigma2_fe, float *sigma2_re)
 {
-    if (!REM.initialized) {
-        printf("Error in REM_fit_data: first initialize the REM\n");
-        return 1;
-    }
-    if (n != REM.nfiles) {
-        printf("Error: the number of data time points (%d) does not match the number in the REM "
-               "(%d).\n",
-               n, REM.nfiles);
-        exit(1);
-    }
+    if (rem_check_model(n) != 0) return 1;
 
     // Every error value must be positive; NaN fails the test as well.
     int unusable = 0;
