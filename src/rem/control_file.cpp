@@ -79,6 +79,21 @@ int read_line(FILE *file, char *buffer) {
     return 1;
 }
 
+// Reads up to the next line that holds a word: 1 with the word and rest (the
+// text after the word and its following blanks), 0 at the end of the file,
+// -1 after the message for a line too long.
+int read_word_line(FILE *file, char *line, char *word, const char **rest) {
+    int status;
+    while ((status = read_line(file, line)) > 0) {
+        const char *after = read_word(line, word);
+        if (after != nullptr) {
+            *rest = next_non_white(after);
+            return 1;
+        }
+    }
+    return status;
+}
+
 // Reads the shape word that may follow an event character at text: 0 for
 // none or "square", 1 for "ramp", -1 for anything else (after its message).
 int read_shape(const char *text) {
@@ -317,12 +332,9 @@ int REMInternal_read_control_file_no_overlapping_events(FILE *file) {
     open_listed_event(REM.nevents);
     char line[kLineLength];
     char word[kLineLength];
+    const char *rest = nullptr;
     int status;
-    while ((status = read_line(file, line)) != 0) {
-        if (status < 0) return 1;
-        const char *after = read_word(line, word);
-        if (after == nullptr) continue;
-        const char *rest = next_non_white(after);
+    while ((status = read_word_line(file, line, word, &rest)) > 0) {
         if (is_event_word(word)) {
             close_listed_event();
             if (!read_event_character(rest, kEventCharacterMissing)) return 1;
@@ -332,6 +344,7 @@ int REMInternal_read_control_file_no_overlapping_events(FILE *file) {
             REM.event_nfiles[REM.nevents]++;
         }
     }
+    if (status < 0) return 1;
     close_listed_event();
     REM_input.nfiles = REM.nfiles;
     return 0;
@@ -343,13 +356,10 @@ int REMInternal_read_control_file_overlapping_events(FILE *file) {
 
     char line[kLineLength];
     char word[kLineLength];
+    const char *rest = nullptr;
     bool file_list = false;
     int status;
-    while ((status = read_line(file, line)) != 0) {
-        if (status < 0) return 1;
-        const char *after = read_word(line, word);
-        if (after == nullptr) continue;
-        const char *rest = next_non_white(after);
+    while ((status = read_word_line(file, line, word, &rest)) > 0) {
         if (file_list) {
             if (!add_file(word, rest, false)) return 1;
         } else if (is_event_word(word)) {
@@ -362,6 +372,7 @@ int REMInternal_read_control_file_overlapping_events(FILE *file) {
             file_list = true;
         }
     }
+    if (status < 0) return 1;
     REM_input.nfiles = REM.nfiles;
 
     for (int e = 0; e < REM.nevents; ++e) {
