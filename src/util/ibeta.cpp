@@ -18,6 +18,66 @@ const double big = 4503599627370496.0;          // 2^52
 const double biginv = 2.220446049250313e-16;    // 2^-52
 const int max_iterations = 300;
 
+// The continued fraction of both expansions, evaluated two terms at a time
+// from the start values k1 ... k8; after each step k2 and k6 move by their
+// own steps (+1 or -1), k1 and k5 by 1 and the others by 2.
+double continued_fraction(double x, double k1, double k2, double k3, double k4, double k5,
+                          double k6, double k7, double k8, double k2_step, double k6_step) {
+    double pkm2 = 0.0, qkm2 = 1.0, pkm1 = 1.0, qkm1 = 1.0;
+    double ans = 1.0, r = 1.0;
+
+    for (int n = 0; n < max_iterations; ++n) {
+        double xk = -(x * k1 * k2) / (k3 * k4);
+        double pk = pkm1 + pkm2 * xk;
+        double qk = qkm1 + qkm2 * xk;
+        pkm2 = pkm1;
+        pkm1 = pk;
+        qkm2 = qkm1;
+        qkm1 = qk;
+
+        xk = (x * k5 * k6) / (k7 * k8);
+        pk = pkm1 + pkm2 * xk;
+        qk = qkm1 + qkm2 * xk;
+        pkm2 = pkm1;
+        pkm1 = pk;
+        qkm2 = qkm1;
+        qkm1 = qk;
+
+        if (qk != 0.0) r = pk / qk;
+        double t;
+        if (r != 0.0) {
+            t = std::fabs((ans - r) / r);
+            ans = r;
+        } else {
+            t = 1.0;
+        }
+        if (t < thresh) break;
+
+        k1 += 1.0;
+        k2 += k2_step;  // adding -1.0 rounds exactly as subtracting 1.0
+        k3 += 2.0;
+        k4 += 2.0;
+        k5 += 1.0;
+        k6 += k6_step;
+        k7 += 2.0;
+        k8 += 2.0;
+
+        if (std::fabs(qk) + std::fabs(pk) > big) {
+            pkm2 *= biginv;
+            pkm1 *= biginv;
+            qkm2 *= biginv;
+            qkm1 *= biginv;
+        }
+        if (std::fabs(qk) < biginv || std::fabs(pk) < biginv) {
+            pkm2 *= big;
+            pkm1 *= big;
+            qkm2 *= big;
+            qkm1 *= big;
+        }
+    }
+    return ans;
+}
+
 }  // namespace
 
 extern "C" {
@@ -81,121 +141,13 @@ double ibeta(double a, double b, double x) {
 
 // Continued fraction expansion for x below the mean.
 double incbcf(double a, double b, double x) {
-    double k1 = a, k2 = a + b, k3 = a, k4 = a + 1.0;
-    double k5 = 1.0, k6 = b - 1.0, k7 = a + 1.0, k8 = a + 2.0;
-    double pkm2 = 0.0, qkm2 = 1.0, pkm1 = 1.0, qkm1 = 1.0;
-    double ans = 1.0, r = 1.0;
-
-    for (int n = 0; n < max_iterations; ++n) {
-        double xk = -(x * k1 * k2) / (k3 * k4);
-        double pk = pkm1 + pkm2 * xk;
-        double qk = qkm1 + qkm2 * xk;
-        pkm2 = pkm1;
-        pkm1 = pk;
-        qkm2 = qkm1;
-        qkm1 = qk;
-
-        xk = (x * k5 * k6) / (k7 * k8);
-        pk = pkm1 + pkm2 * xk;
-        qk = qkm1 + qkm2 * xk;
-        pkm2 = pkm1;
-        pkm1 = pk;
-        qkm2 = qkm1;
-        qkm1 = qk;
-
-        if (qk != 0.0) r = pk / qk;
-        double t;
-        if (r != 0.0) {
-            t = std::fabs((ans - r) / r);
-            ans = r;
-        } else {
-            t = 1.0;
-        }
-        if (t < thresh) break;
-
-        k1 += 1.0;
-        k2 += 1.0;
-        k3 += 2.0;
-        k4 += 2.0;
-        k5 += 1.0;
-        k6 -= 1.0;
-        k7 += 2.0;
-        k8 += 2.0;
-
-        if (std::fabs(qk) + std::fabs(pk) > big) {
-            pkm2 *= biginv;
-            pkm1 *= biginv;
-            qkm2 *= biginv;
-            qkm1 *= biginv;
-        }
-        if (std::fabs(qk) < biginv || std::fabs(pk) < biginv) {
-            pkm2 *= big;
-            pkm1 *= big;
-            qkm2 *= big;
-            qkm1 *= big;
-        }
-    }
-    return ans;
+    return continued_fraction(x, a, a + b, a, a + 1.0, 1.0, b - 1.0, a + 1.0, a + 2.0, 1.0, -1.0);
 }
 
 // Continued fraction expansion in z = x / (1 - x).
 double incbd(double a, double b, double x) {
-    double k1 = a, k2 = b - 1.0, k3 = a, k4 = a + 1.0;
-    double k5 = 1.0, k6 = a + b, k7 = a + 1.0, k8 = a + 2.0;
-    double pkm2 = 0.0, qkm2 = 1.0, pkm1 = 1.0, qkm1 = 1.0;
     const double z = x / (1.0 - x);
-    double ans = 1.0, r = 1.0;
-
-    for (int n = 0; n < max_iterations; ++n) {
-        double xk = -(z * k1 * k2) / (k3 * k4);
-        double pk = pkm1 + pkm2 * xk;
-        double qk = qkm1 + qkm2 * xk;
-        pkm2 = pkm1;
-        pkm1 = pk;
-        qkm2 = qkm1;
-        qkm1 = qk;
-
-        xk = (z * k5 * k6) / (k7 * k8);
-        pk = pkm1 + pkm2 * xk;
-        qk = qkm1 + qkm2 * xk;
-        pkm2 = pkm1;
-        pkm1 = pk;
-        qkm2 = qkm1;
-        qkm1 = qk;
-
-        if (qk != 0.0) r = pk / qk;
-        double t;
-        if (r != 0.0) {
-            t = std::fabs((ans - r) / r);
-            ans = r;
-        } else {
-            t = 1.0;
-        }
-        if (t < thresh) break;
-
-        k1 += 1.0;
-        k2 -= 1.0;
-        k3 += 2.0;
-        k4 += 2.0;
-        k5 += 1.0;
-        k6 += 1.0;
-        k7 += 2.0;
-        k8 += 2.0;
-
-        if (std::fabs(qk) + std::fabs(pk) > big) {
-            pkm2 *= biginv;
-            pkm1 *= biginv;
-            qkm2 *= biginv;
-            qkm1 *= biginv;
-        }
-        if (std::fabs(qk) < biginv || std::fabs(pk) < biginv) {
-            pkm2 *= big;
-            pkm1 *= big;
-            qkm2 *= big;
-            qkm1 *= big;
-        }
-    }
-    return ans;
+    return continued_fraction(z, a, b - 1.0, a, a + 1.0, 1.0, a + b, a + 1.0, a + 2.0, -1.0, 1.0);
 }
 
 // Power series, valid for b·x <= 1 or x <= 0.95; returns I_x(a, b) itself.
