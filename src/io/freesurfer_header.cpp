@@ -24,8 +24,6 @@ enum {
     CORNER_VALUES = 16
 };
 
-const char *const dimension_names[4] = {"x", "y", "z", "t"};
-
 // Length of the step (to - from) / count, each component rounded to float.
 float step_length(const float *from, const float *to, int count) {
     float step[3];
@@ -133,14 +131,7 @@ int read_freesurfer_header(char *name, volume_header *header) {
     }
     fclose(file);
 
-    const int dimensions[4] = {header->nx, header->ny, header->nz, header->nt};
-    for (int i = 0; i < 4; ++i) {
-        if (dimensions[i] == 0) {
-            printf("Error: Value for %s dimension not found in header file '%s'\n",
-                   dimension_names[i], bhdr_name);
-            return 1;
-        }
-    }
+    if (!io_internal::dimensions_found(header, bhdr_name, false)) return 1;
 
     header->resolution[0] = step_length(&corners[TOP_LEFT], &corners[TOP_RIGHT], header->nx);
     header->resolution[1] = step_length(&corners[TOP_RIGHT], &corners[BOTTOM_RIGHT], header->ny);
@@ -164,10 +155,8 @@ int read_freesurfer_header(char *name, volume_header *header) {
         return 1;
     }
 
-    header->voxel_to_space = scale_and_shift_to_mat44(
-        header->resolution[0], header->resolution[1], header->resolution[2], header->origin[0],
-        header->origin[1], header->origin[2], header->direction[0], header->direction[1],
-        header->direction[2]);
+    header->voxel_to_space =
+        io_internal::scale_and_shift(header->resolution, header->origin, header->direction);
     return 0;
 }
 

@@ -5,6 +5,8 @@
 
 #include <stddef.h>
 
+#include "io.h"
+
 namespace io_internal {
 
 // True when line holds nothing but white space.
@@ -21,6 +23,19 @@ const char *split_statement(const char *line, char *keyword, size_t keyword_size
 // fit.
 bool join_name(const char *prefix, size_t prefix_length, const char *suffix, char *result,
                size_t result_size);
+
+// Checks that nx, ny, nz and nt were given: for the first that is zero (or,
+// with require_positive, below 1) prints "Error: Value for x dimension not
+// found in header file '...'" (y, z, t likewise) with path and returns false.
+bool dimensions_found(const volume_header *header, const char *path, bool require_positive);
+
+// scale_and_shift_to_mat44 of three-value resolution, origin and direction.
+mat44 scale_and_shift(const float *resolution, const float *origin, const float *direction);
+
+// Writes stem followed by extension (with its dot) into name, a buffer of
+// IO_NAME_LENGTH characters; prints a message and returns false when that
+// does not fit.
+bool output_name(const char *stem, const char *extension, char *name);
 
 // Geometry of every result volume (that of the first signal file) and the
 // NIfTI-output flag, as recorded by set_output_geometry.

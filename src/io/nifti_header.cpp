@@ -57,7 +57,15 @@ void swap_nifti_header(nifti_1_header *h) {
     }
 }
 
-const char *const dimension_names[4] = {"x", "y", "z", "t"};
+// The NIfTI datatypes that can be read, with their storage codes; complex
+// data are pairs of floats.
+const struct {
+    short datatype;
+    int storage;
+    bool complex;
+} datatypes[] = {{DT_UNSIGNED_CHAR, STORAGE_UCHAR, false}, {DT_SIGNED_SHORT, STORAGE_BSHORT, false},
+                 {DT_UINT16, STORAGE_USHORT, false},       {DT_SIGNED_INT, STORAGE_BLONG, false},
+                 {DT_FLOAT, STORAGE_BFLOAT, false},        {DT_COMPLEX, STORAGE_BFLOAT, true}};
 
 }  // namespace
 
@@ -138,50 +146,29 @@ int read_nifti_header(char *name, volume_header *header) {
     header->quatern_c = h.quatern_c;
     header->quatern_d = h.quatern_d;
 
-    switch (h.datatype) {
-        case DT_UNSIGNED_CHAR:
-            header->header_storage_type = STORAGE_UCHAR;
-            break;
-        case DT_SIGNED_SHORT:
-            header->header_storage_type = STORAGE_BSHORT;
-            break;
-        case DT_UINT16:
-            header->header_storage_type = STORAGE_USHORT;
-            break;
-        case DT_SIGNED_INT:
-            header->header_storage_type = STORAGE_BLONG;
-            break;
-        case DT_FLOAT:
-            header->header_storage_type = STORAGE_BFLOAT;
-            break;
-        case DT_COMPLEX:
-            header->header_storage_type = STORAGE_BFLOAT;
-            header->data_type = 1;
-            break;
-        default:
-            printf("Error: the Nifti data storage type %d is not supported.\n", h.datatype);
-            return 1;
+    bool known = false;
+    for (const auto &type : datatypes) {
+        if (h.datatype != type.datatype) continue;
+        known = true;
+        header->header_storage_type = type.storage;
+        if (type.complex) header->data_type = 1;
+        break;
+    }
+    if (!known) {
+        printf("Error: the Nifti data storage type %d is not supported.\n", h.datatype);
+        return 1;
     }
 
     header->data_offset = h.vox_offset;
 
-    const int dimensions[4] = {header->nx, header->ny, header->nz, header->nt};
-    for (int i = 0; i < 4; ++i) {
-        if (dimensions[i] < 1) {
-            printf("Error: Value for %s dimension not found in header file '%s'\n",
-                   dimension_names[i], path);
-            return 1;
-        }
-    }
+    if (!io_internal::dimensions_found(header, path, true)) return 1;
 
     int method;
     if (h.qform_code == 0) {
         method = 1;
         for (int i = 0; i < 3; ++i) header->origin[i] = 0.0f;
-        header->voxel_to_space = scale_and_shift_to_mat44(
-            header->resolution[0], header->resolution[1], header->resolution[2], header->origin[0],
-            header->origin[1], header->origin[2], header->direction[0], header->direction[1],
-            header->direction[2]);
+        header->voxel_to_space =
+            io_internal::scale_and_shift(header->resolution, header->origin, header->direction);
     } else if (h.sform_code == 0) {
         method = 2;
         header->voxel_to_space =
@@ -224,9 +211,7 @@ int write_nifti_header(int with_dof_extension, int frames, int dof, const char *
     const io_internal::output_geometry &g = io_internal::output;
     *stream = nullptr;
 
-    mat44 m = scale_and_shift_to_mat44(g.resolution[0], g.resolution[1], g.resolution[2],
-                                       g.origin[0], g.origin[1], g.origin[2], g.direction[0],
-                                       g.direction[1], g.direction[2]);
+    mat44 m = io_internal::scale_and_shift(g.resolution, g.origin, g.direction);
     float qb, qc, qd, qx, qy, qz, dx, dy, dz, qfac;
     nifti_mat44_to_quatern(m, &qb, &qc, &qd, &qx, &qy, &qz, &dx, &dy, &dz, &qfac);
 
@@ -268,11 +253,7 @@ int write_nifti_header(int with_dof_extension, int frames, int dof, const char *
     memcpy(h.magic, "n+1\0", 4);
 
     char name[IO_NAME_LENGTH];
-    if (!io_internal::join_name(stem, strlen(stem), ".nii", name, sizeof name)) {
-        printf("Error: the output file name %.60s....nii is too long (at most %d characters)\n",
-               stem, IO_NAME_LENGTH - 1);
-        return 1;
-    }
+    if (!io_internal::output_name(stem, ".nii", name)) return 1;
     *stream = fopen(name, "wb");
     if (*stream == nullptr) {
         printf("Error: cannot open the header file %s.\n", name);

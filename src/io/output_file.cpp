@@ -10,6 +10,13 @@ namespace io_internal {
 
 output_geometry output = {0, 0, 0, {1.0f, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f}, {1.0f, 1.0f, 1.0f}, 0};
 
+bool output_name(const char *stem, const char *extension, char *name) {
+    if (join_name(stem, strlen(stem), extension, name, IO_NAME_LENGTH)) return true;
+    printf("Error: the output file name %.60s...%s is too long (at most %d characters)\n", stem,
+           extension, IO_NAME_LENGTH - 1);
+    return false;
+}
+
 }  // namespace io_internal
 
 extern "C" {
@@ -37,13 +44,8 @@ int open_output_file(int with_dof_extension, int frames, int dof, const char *st
         return *stream == nullptr ? 1 : 0;
     }
 
-    size_t stem_length = strlen(stem);
     char name[IO_NAME_LENGTH];
-    if (!io_internal::join_name(stem, stem_length, ".hdr", name, sizeof name)) {
-        printf("Error: the output file name %.60s....hdr is too long (at most %d characters)\n",
-               stem, IO_NAME_LENGTH - 1);
-        return 1;
-    }
+    if (!io_internal::output_name(stem, ".hdr", name)) return 1;
     FILE *header = fopen(name, "w");
     if (header == nullptr) {
         printf("Error: cannot open the output file %s\n", name);
@@ -59,11 +61,7 @@ int open_output_file(int with_dof_extension, int frames, int dof, const char *st
     fprintf(header, "degrees-of-freedom %d\n", dof);
     fclose(header);
 
-    if (!io_internal::join_name(stem, stem_length, ".bfloat", name, sizeof name)) {
-        printf("Error: the output file name %.60s....bfloat is too long (at most %d characters)\n",
-               stem, IO_NAME_LENGTH - 1);
-        return 1;
-    }
+    if (!io_internal::output_name(stem, ".bfloat", name)) return 1;
     *stream = fopen(name, "wb");
     if (*stream == nullptr) {
         printf("Error: cannot open the output file %s\n", name);

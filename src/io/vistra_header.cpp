@@ -14,7 +14,32 @@ int read_one_integer(const char *value, int *field) {
     return sscanf(value, "%d", field) == 1 ? 0 : 1;
 }
 
-const char *const dimension_names[4] = {"x", "y", "z", "t"};
+struct word_code {
+    const char *word;
+    int code;
+};
+
+// Looks word up in table: stores its code in field and returns true, or
+// returns false and leaves field alone.
+template <size_t N>
+bool look_up_word(const char *word, const word_code (&table)[N], int *field) {
+    for (const word_code &entry : table) {
+        if (strcmp(word, entry.word) == 0) {
+            *field = entry.code;
+            return true;
+        }
+    }
+    return false;
+}
+
+const word_code data_types[] = {
+    {"magnitude", 0}, {"complex", 1}, {"real-imaginary", 1}, {"magnitude-phase", 2}};
+const word_code storage_types[] = {{"short", STORAGE_BSHORT},
+                                   {"float", STORAGE_BFLOAT},
+                                   {"long", STORAGE_BLONG},
+                                   {"unsigned-short", STORAGE_USHORT},
+                                   {"unsigned-char", STORAGE_UCHAR}};
+const word_code registrations[] = {{"paxinos-rat", -1}, {"PW-rat", 1}};
 
 }  // namespace
 
@@ -79,15 +104,7 @@ int decode_vistra_header_keyword(const char *line, volume_header *header) {
     if (strcmp(word, "data-type") == 0) {
         sscanf(value, "%1023s", word);
         header->data_type = 0;
-        if (strcmp(word, "magnitude") == 0) return 0;
-        if (strcmp(word, "complex") == 0 || strcmp(word, "real-imaginary") == 0) {
-            header->data_type = 1;
-            return 0;
-        }
-        if (strcmp(word, "magnitude-phase") == 0) {
-            header->data_type = 2;
-            return 0;
-        }
+        if (look_up_word(word, data_types, &header->data_type)) return 0;
         printf("Error: arguments for data-type are\n");
         printf("1) magnitude (this is the default),\n");
         printf("2) complex (or real-imaginary),\n");
@@ -97,20 +114,7 @@ int decode_vistra_header_keyword(const char *line, volume_header *header) {
 
     if (strcmp(word, "storage-type") == 0) {
         sscanf(value, "%1023s", word);
-        static const struct {
-            const char *word;
-            int code;
-        } types[] = {{"short", STORAGE_BSHORT},
-                     {"float", STORAGE_BFLOAT},
-                     {"long", STORAGE_BLONG},
-                     {"unsigned-short", STORAGE_USHORT},
-                     {"unsigned-char", STORAGE_UCHAR}};
-        for (const auto &t : types) {
-            if (strcmp(word, t.word) == 0) {
-                header->header_storage_type = t.code;
-                return 0;
-            }
-        }
+        if (look_up_word(word, storage_types, &header->header_storage_type)) return 0;
         printf("Error: arguments for storage-type are ...\n");
         printf("    short, float, long, unsigned-short, unsigned-char\n");
         return 1;
@@ -119,14 +123,7 @@ int decode_vistra_header_keyword(const char *line, volume_header *header) {
     if (strcmp(word, "registration") == 0) {
         sscanf(value, "%1023s", word);
         header->data_type = 0;
-        if (strcmp(word, "paxinos-rat") == 0) {
-            header->registration = -1;
-            return 0;
-        }
-        if (strcmp(word, "PW-rat") == 0) {
-            header->registration = 1;
-            return 0;
-        }
+        if (look_up_word(word, registrations, &header->registration)) return 0;
         printf("Error: arguments for registration are\n");
         printf("1) paxinos-rat, and\n");
         printf("2) nothing else (paxinos-monkey later?)\n");
@@ -175,19 +172,9 @@ int read_vistra_header(char *name, volume_header *header) {
     }
     fclose(file);
 
-    const int *dimensions[4] = {&header->nx, &header->ny, &header->nz, &header->nt};
-    for (int i = 0; i < 4; ++i) {
-        if (*dimensions[i] == 0) {
-            printf("Error: Value for %s dimension not found in header file '%s'\n",
-                   dimension_names[i], path);
-            return 1;
-        }
-    }
-
-    header->voxel_to_space = scale_and_shift_to_mat44(
-        header->resolution[0], header->resolution[1], header->resolution[2], header->origin[0],
-        header->origin[1], header->origin[2], header->direction[0], header->direction[1],
-        header->direction[2]);
+    if (!io_internal::dimensions_found(header, path, false)) return 1;
+    header->voxel_to_space =
+        io_internal::scale_and_shift(header->resolution, header->origin, header->direction);
     return 0;
 }
 

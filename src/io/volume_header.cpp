@@ -48,6 +48,24 @@ bool join_name(const char *prefix, size_t prefix_length, const char *suffix, cha
     return true;
 }
 
+bool dimensions_found(const volume_header *header, const char *path, bool require_positive) {
+    static const char *const names[4] = {"x", "y", "z", "t"};
+    const int dimensions[4] = {header->nx, header->ny, header->nz, header->nt};
+    for (int i = 0; i < 4; ++i) {
+        if (dimensions[i] == 0 || (require_positive && dimensions[i] < 1)) {
+            printf("Error: Value for %s dimension not found in header file '%s'\n", names[i], path);
+            return false;
+        }
+    }
+    return true;
+}
+
+mat44 scale_and_shift(const float *resolution, const float *origin, const float *direction) {
+    return scale_and_shift_to_mat44(resolution[0], resolution[1], resolution[2], origin[0],
+                                    origin[1], origin[2], direction[0], direction[1],
+                                    direction[2]);
+}
+
 }  // namespace io_internal
 
 extern "C" {
@@ -130,28 +148,17 @@ int read_volume_header(char *name, volume_header *header) {
     }
 
     memcpy(header->file_name, name, length + 1);
-    header->nx = 0;
-    header->ny = 0;
-    header->nz = 0;
-    header->nt = 0;
-    header->data_type = 0;
-    header->time_resolution = 0.0f;
+    header->nx = header->ny = header->nz = header->nt = 0;
+    header->data_type = header->registration = header->oblique = header->degrees_of_freedom = 0;
     for (int i = 0; i < 3; ++i) {
         header->resolution[i] = 1.0f;
         header->origin[i] = 0.0f;
         header->direction[i] = 1.0f;
     }
     header->byte_order = machine_byte_order();
-    header->registration = 0;
-    header->data_offset = 0.0f;
-    header->scale_slope = 0.0f;
-    header->scale_intercept = 0.0f;
-    header->qfac = 0.0f;
-    header->quatern_b = 0.0f;
-    header->quatern_c = 0.0f;
-    header->quatern_d = 0.0f;
-    header->oblique = 0;
-    header->degrees_of_freedom = 0;
+    header->time_resolution = header->data_offset = header->scale_slope = 0.0f;
+    header->scale_intercept = header->qfac = 0.0f;
+    header->quatern_b = header->quatern_c = header->quatern_d = 0.0f;
 
     const char *dot = strrchr(name, '.');
     const char *slash = strrchr(name, '/');
