@@ -118,18 +118,11 @@ int read_freesurfer_header(char *name, volume_header *header) {
         return 1;
     }
     float corners[CORNER_VALUES] = {0.0f};
-    char line[IO_NAME_LENGTH];
-    int counter = 1;
-    while (get_line_with_comment(file, line) != 0) {
-        if (io_internal::is_blank_line(line)) continue;
-        if (decode_freesurfer_header_keyword(line, header, corners) != 0) {
-            printf("Error reading line %d of file '%s'\n", counter, bhdr_name);
-            fclose(file);
-            return 1;
-        }
-        ++counter;
-    }
+    const bool read = io_internal::read_statements(file, bhdr_name, [&](const char *line) {
+        return decode_freesurfer_header_keyword(line, header, corners);
+    });
     fclose(file);
+    if (!read) return 1;
 
     if (!io_internal::dimensions_found(header, bhdr_name, false)) return 1;
 

@@ -4,8 +4,10 @@
 #define FMRI_REM_IO_INTERNAL_H
 
 #include <stddef.h>
+#include <stdio.h>
 
 #include "io.h"
+#include "util.h"
 
 namespace io_internal {
 
@@ -28,6 +30,28 @@ bool join_name(const char *prefix, size_t prefix_length, const char *suffix, cha
 // with require_positive, below 1) prints "Error: Value for x dimension not
 // found in header file '...'" (y, z, t likewise) with path and returns false.
 bool dimensions_found(const volume_header *header, const char *path, bool require_positive);
+
+// Reads the statements of an open header file to its end: blank lines are
+// skipped, every other line goes to decode, and a result of -1 ends the
+// reading.  Any other non-zero result prints "Error reading line %d of file
+// '%s'" with the number of statements accepted so far plus one and path, and
+// gives false.  The caller closes the file.
+template <typename Decode>
+bool read_statements(FILE *file, const char *path, Decode decode) {
+    char line[IO_NAME_LENGTH];
+    int counter = 1;
+    while (get_line_with_comment(file, line) != 0) {
+        if (is_blank_line(line)) continue;
+        const int result = decode(line);
+        if (result == -1) break;
+        if (result != 0) {
+            printf("Error reading line %d of file '%s'\n", counter, path);
+            return false;
+        }
+        ++counter;
+    }
+    return true;
+}
 
 // scale_and_shift_to_mat44 of three-value resolution, origin and direction.
 mat44 scale_and_shift(const float *resolution, const float *origin, const float *direction);

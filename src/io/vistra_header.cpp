@@ -19,17 +19,21 @@ struct word_code {
     int code;
 };
 
-// Looks word up in table: stores its code in field and returns true, or
-// returns false and leaves field alone.
+// Reads the word of a word-valued statement into word (which keeps the
+// keyword when the value is missing) and stores its code from table in
+// field: 0.  An unknown word prints message and gives 1.
 template <size_t N>
-bool look_up_word(const char *word, const word_code (&table)[N], int *field) {
+int decode_word(const char *value, char *word, const word_code (&table)[N], int *field,
+                const char *message) {
+    sscanf(value, "%1023s", word);
     for (const word_code &entry : table) {
         if (strcmp(word, entry.word) == 0) {
             *field = entry.code;
-            return true;
+            return 0;
         }
     }
-    return false;
+    fputs(message, stdout);
+    return 1;
 }
 
 const word_code data_types[] = {
@@ -102,32 +106,25 @@ int decode_vistra_header_keyword(const char *line, volume_header *header) {
     }
 
     if (strcmp(word, "data-type") == 0) {
-        sscanf(value, "%1023s", word);
         header->data_type = 0;
-        if (look_up_word(word, data_types, &header->data_type)) return 0;
-        printf("Error: arguments for data-type are\n");
-        printf("1) magnitude (this is the default),\n");
-        printf("2) complex (or real-imaginary),\n");
-        printf("3) magnitude-phase\n");
-        return 1;
+        return decode_word(value, word, data_types, &header->data_type,
+                           "Error: arguments for data-type are\n"
+                           "1) magnitude (this is the default),\n"
+                           "2) complex (or real-imaginary),\n"
+                           "3) magnitude-phase\n");
     }
-
     if (strcmp(word, "storage-type") == 0) {
-        sscanf(value, "%1023s", word);
-        if (look_up_word(word, storage_types, &header->header_storage_type)) return 0;
-        printf("Error: arguments for storage-type are ...\n");
-        printf("    short, float, long, unsigned-short, unsigned-char\n");
-        return 1;
+        return decode_word(value, word, storage_types, &header->header_storage_type,
+                           "Error: arguments for storage-type are ...\n"
+                           "    short, float, long, unsigned-short, unsigned-char\n");
     }
-
     if (strcmp(word, "registration") == 0) {
-        sscanf(value, "%1023s", word);
+        // Deliberately resets the data type, as "data-type" does.
         header->data_type = 0;
-        if (look_up_word(word, registrations, &header->registration)) return 0;
-        printf("Error: arguments for registration are\n");
-        printf("1) paxinos-rat, and\n");
-        printf("2) nothing else (paxinos-monkey later?)\n");
-        return 1;
+        return decode_word(value, word, registrations, &header->registration,
+                           "Error: arguments for registration are\n"
+                           "1) paxinos-rat, and\n"
+                           "2) nothing else (paxinos-monkey later?)\n");
     }
 
     return 1;
@@ -156,21 +153,11 @@ int read_vistra_header(char *name, volume_header *header) {
         }
     }
 
-    // The counter names a failing statement by the statements accepted
-    // after the first line, plus one.
-    int counter = 1;
-    while (get_line_with_comment(file, line) != 0) {
-        if (io_internal::is_blank_line(line)) continue;
-        int result = decode_vistra_header_keyword(line, header);
-        if (result == -1) break;
-        if (result != 0) {
-            printf("Error reading line %d of file '%s'\n", counter, path);
-            fclose(file);
-            return 1;
-        }
-        ++counter;
-    }
+    // Statements after the first line are numbered from 1 in messages.
+    const bool read = io_internal::read_statements(
+        file, path, [header](const char *text) { return decode_vistra_header_keyword(text, header); });
     fclose(file);
+    if (!read) return 1;
 
     if (!io_internal::dimensions_found(header, path, false)) return 1;
     header->voxel_to_space =
