@@ -1,8 +1,9 @@
 // Whole runs of fmri-rem on small studies: the printed sequence, the files
-// written with their headers and sizes, the residue series, the viewer
-// start-up file, skipped voxels and degenerate studies.
+// written with their headers and sizes, the viewer start-up file, skipped
+// voxels, residues and degenerate studies.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -26,14 +27,8 @@ std::string progress(int nvoxels, const char *what) {
     return s;
 }
 
-std::string describe_group(char event, int count) {
-    std::string s = std::string("\nSQUARE event ") + event + " has " + std::to_string(count) +
-                    " samples:\n";
-    for (int k = 0; k < count; ++k) {
-        s += "file[" + std::to_string(k) + "] = " + event + std::to_string(k + 1) +
-             ".bfloat , magnitude = 1\n";
-    }
-    return s;
+bool contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
 }
 
 // 200 voxels: progress every second voxel.  Smoothed degrees of freedom:
@@ -42,9 +37,16 @@ TEST(Run, PrintedSequence) {
     TempDir dir;
     e2e::small_study().write(dir.path());
     auto r = run_fmri_rem({"study.rem"}, dir.path());
-    const std::string expected =
-        describe_group('a', 3) + describe_group('b', 3) + "\n" +
-        "Input files: 6 samples of dimension (x,y,z) = (10,5,4).\n"
+    std::string expected;
+    for (char event : {'a', 'b'}) {
+        expected += std::string("\nSQUARE event ") + event + " has 3 samples:\n";
+        for (int k = 0; k < 3; ++k) {
+            expected += "file[" + std::to_string(k) + "] = " + event + std::to_string(k + 1) +
+                        ".bfloat , magnitude = 1\n";
+        }
+    }
+    expected +=
+        "\nInput files: 6 samples of dimension (x,y,z) = (10,5,4).\n"
         "Conditions to be tested: a b a-b \n"
         "Effective isotropic resolution    = 2.00 mm\n"
         "Smoothing FWHM for variance ratio = 4 mm\n"
@@ -63,83 +65,56 @@ TEST(Run, PrintedSequence) {
     EXPECT_EQ(r.err, "");
 }
 
-// Every result volume with its header and data size; the geometry is the
-// first signal file's; -r adds the residue series of one frame per file.
+// Every result volume with its header (the first signal file's geometry)
+// and data size; -r adds the residue series of one frame per file.  Without
+// ratio smoothing the variance volume holds two frames under a three-frame
+// header.  Degrees of freedom, with ratio smoothing:
+// r = (sqrt(5) sqrt(5) sqrt(7.25))^0.3333 = 2.3787, 4 (18 / r^2 + 1)^1.5 = 34.20,
+// 1/(1/34.20 + 1/120) = 26.61; without: rint(1/(1/4 + 1/120)) = 4.
 TEST(Run, ResultFilesAndHeaders) {
-    TempDir dir;
-    e2e::study s = e2e::small_study();
-    s.g.origin[0] = 1.5f;
-    s.g.origin[1] = -2.0f;
-    s.g.origin[2] = 3.0f;
-    s.g.direction[1] = -1.0f;
-    s.g.resolution[2] = 2.5f;
-    s.smoothing = "smoothing 1 3";
-    s.write(dir.path());
-    auto r = run_fmri_rem({"-r", "study.rem"}, dir.path());
-    ASSERT_EQ(r.status, 0) << r.out;
-
-    // dof: r = (sqrt(5) sqrt(5) sqrt(7.25))^0.3333 = 2.3787; 4 (18 / r^2 + 1)^1.5 = 34.20;
-    // 1/(1/34.20 + 1/120) = 26.61.
     struct Case {
-        const char *stem;
-        int frames;
+        const char *smoothing;
+        bool residue;
+        int dof, sigma2_frames;
     };
-    const Case cases[] = {{"sigma2", 3}, {"P-a", 1}, {"T-a", 1}, {"S-a", 2},   {"P-b", 1},
-                          {"T-b", 1},    {"S-b", 2}, {"P-a-b", 1}, {"T-a-b", 1}, {"S-a-b", 2},
-                          {"residue", 6}};
-    for (const Case &c : cases) {
-        EXPECT_EQ(read_file(dir.file(std::string(c.stem) + ".hdr")),
-                  "x 10\ny 5\nz 4\nt " + std::to_string(c.frames) +
-                      "\nbyte-order 1\nresolution 2 2 2.5\norigin 1.5 -2 3\ndirection 1 -1 1\n"
-                      "degrees-of-freedom 27\n")
-            << c.stem;
-        EXPECT_EQ(read_file(dir.file(std::string(c.stem) + ".bfloat")).size(),
-                  static_cast<size_t>(c.frames) * 200 * 4)
-            << c.stem;
-    }
-    EXPECT_EQ(read_file(dir.file("basis.dat")).substr(0, 16), "x eventa eventb ");
-    EXPECT_NE(r.out.find("Degrees of freedom: fixed = 120, random = 4, smoothed = 27\n"),
-              std::string::npos);
-}
-
-// Without ratio smoothing the variance volume holds two frames under a
-// three-frame header, and the degrees of freedom are
-// rint(1 / (1/Dr + 1/Df)) = rint(1 / (1/4 + 1/120)) = 4.
-TEST(Run, NoRatioSmoothing) {
-    TempDir dir;
-    e2e::study s = e2e::small_study();
-    s.smoothing = "smoothing 3 0";
-    s.write(dir.path());
-    auto r = run_fmri_rem({"study.rem"}, dir.path());
-    ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.find("smoothing variance ratio"), std::string::npos);
-    EXPECT_NE(r.out.find("Degrees of freedom: fixed = 120, random = 4, smoothed = 4\n"),
-              std::string::npos);
-    EXPECT_NE(read_file(dir.file("sigma2.hdr")).find("t 3\n"), std::string::npos);
-    EXPECT_EQ(read_file(dir.file("sigma2.bfloat")).size(), 2u * 200 * 4);
-    EXPECT_FALSE(file_exists(dir.file("residue.hdr")));
-}
-
-// The residue of each file is its effect minus the fitted value: with two
-// square events the fitted values within an event are equal, so the
-// residues of an event differ exactly as the effects do (up to rounding).
-TEST(Run, ResidueSeries) {
-    TempDir dir;
-    e2e::study s = e2e::small_study();
-    s.write(dir.path());
-    ASSERT_EQ(run_fmri_rem({"-r", "study.rem"}, dir.path()).status, 0);
-    std::vector<float> residue = read_floats(dir.file("residue.bfloat"));
-    ASSERT_EQ(residue.size(), 6u * 200);
-    for (int i = 0; i < 200; ++i) {
-        for (int k : {1, 2, 4, 5}) {
-            int first = k < 3 ? 0 : 3;
-            float fitted_first = s.files[first].effect[i] - residue[first * 200 + i];
-            float fitted = s.files[k].effect[i] - residue[k * 200 + i];
-            ASSERT_NEAR(fitted, fitted_first, 1e-5) << "voxel " << i << " file " << k;
+    for (const Case &c : {Case{"smoothing 1 3", true, 27, 3}, Case{"smoothing 3 0", false, 4, 2}}) {
+        SCOPED_TRACE(c.smoothing);
+        TempDir dir;
+        e2e::study s = e2e::small_study();
+        s.g = e2e::geometry{10, 5, 4, {2, 2, 2.5f}, {1.5f, -2, 3}, {1, -1, 1}};
+        s.smoothing = c.smoothing;
+        s.write(dir.path());
+        auto r = run_fmri_rem(c.residue ? std::vector<std::string>{"-r", "study.rem"}
+                                        : std::vector<std::string>{"study.rem"},
+                              dir.path());
+        ASSERT_EQ(r.status, 0) << r.out;
+        EXPECT_TRUE(contains(r.out, "random = 4, smoothed = " + std::to_string(c.dof) + "\n"));
+        EXPECT_EQ(contains(r.out, "smoothing variance ratio"), c.sigma2_frames == 3);
+        EXPECT_EQ(read_file(dir.file("basis.dat")).substr(0, 16), "x eventa eventb ");
+        EXPECT_EQ(file_exists(dir.file("residue.hdr")), c.residue);
+        std::vector<std::pair<std::string, int>> files = {{"sigma2", 3}};
+        for (const char *cond : {"a", "b", "a-b"}) {
+            for (auto kind :
+                 {std::make_pair("P-", 1), std::make_pair("T-", 1), std::make_pair("S-", 2)})
+                files.emplace_back(kind.first + std::string(cond), kind.second);
+        }
+        if (c.residue) files.emplace_back("residue", 6);
+        for (const auto &f : files) {
+            EXPECT_EQ(read_file(dir.file(f.first + ".hdr")),
+                      "x 10\ny 5\nz 4\nt " + std::to_string(f.second) +
+                          "\nbyte-order 1\nresolution 2 2 2.5\norigin 1.5 -2 3\ndirection 1 -1 1\n"
+                          "degrees-of-freedom " +
+                          std::to_string(c.dof) + "\n")
+                << f.first;
+            int frames = f.first == "sigma2" ? c.sigma2_frames : f.second;
+            EXPECT_EQ(read_file(dir.file(f.first + ".bfloat")).size(), frames * 200u * 4)
+                << f.first;
         }
     }
 }
 
+// The analysis file may follow -i or stand alone; ".vistra" names the first
+// one and is never overwritten.
 TEST(Run, ViewerFileWrittenOnceAndKept) {
     TempDir dir;
     e2e::small_study().write(dir.path());
@@ -150,9 +125,11 @@ TEST(Run, ViewerFileWrittenOnceAndKept) {
     EXPECT_EQ(read_file(dir.file(".vistra")), "vt -r study.rem\n");
 }
 
-// A voxel where one file has no error estimate cannot be estimated: it is
-// skipped, with zeros in every result map and in the residues.
-TEST(Run, SkippedVoxelsGiveZeros) {
+// A voxel where one file has no error estimate is skipped, with zeros in
+// every frame of every map and in the residues.  Elsewhere the residue of a
+// file is its effect minus the fitted value, which is one value per square
+// event, so the residues of an event differ exactly as the effects do.
+TEST(Run, SkippedVoxelsGiveZerosAndResiduesFollowTheFit) {
     TempDir dir;
     e2e::study s = e2e::small_study();
     s.smoothing = "smoothing 0 0";
@@ -160,70 +137,40 @@ TEST(Run, SkippedVoxelsGiveZeros) {
     for (int i : skipped) s.files[4].error[i] = 0.0f;
     s.write(dir.path());
     ASSERT_EQ(run_fmri_rem({"-r", "study.rem"}, dir.path()).status, 0);
-    std::vector<float> sigma2 = read_floats(dir.file("sigma2.bfloat"));
     std::vector<float> residue = read_floats(dir.file("residue.bfloat"));
-    for (int i : skipped) {
-        EXPECT_EQ(sigma2[i], 0.0f);
-        EXPECT_EQ(sigma2[200 + i], 0.0f);
-        for (const char *c : {"a", "b", "a-b"}) {
-            for (const char *kind : {"P-", "T-", "S-"}) {
-                std::vector<float> v = read_floats(dir.file(std::string(kind) + c + ".bfloat"));
-                EXPECT_EQ(v[i], 0.0f) << kind << c << " voxel " << i;
-                if (kind[0] == 'S') {
-                    EXPECT_EQ(v[200 + i], 0.0f) << kind << c << " voxel " << i;
-                }
-            }
-        }
-        for (int k = 0; k < 6; ++k) EXPECT_EQ(residue[k * 200 + i], 0.0f);
+    ASSERT_EQ(residue.size(), 6u * 200);
+    std::vector<std::string> names = {"sigma2", "residue"};
+    for (const char *c : {"a", "b", "a-b"}) {
+        for (const char *kind : {"P-", "T-", "S-"}) names.push_back(kind + std::string(c));
     }
-    // Its neighbours are analysed.
-    EXPECT_NE(read_floats(dir.file("T-a.bfloat"))[1], 0.0f);
+    for (const std::string &name : names) {
+        std::vector<float> v = read_floats(dir.file(name + ".bfloat"));
+        for (int i : skipped) {
+            for (size_t k = i; k < v.size(); k += 200) EXPECT_EQ(v[k], 0.0f) << name << " " << k;
+        }
+        EXPECT_NE(v[1], 0.0f) << name;
+    }
+    for (int i = 0; i < 200; ++i) {
+        if (std::count(skipped.begin(), skipped.end(), i)) continue;
+        for (int k : {1, 2, 4, 5}) {
+            int first = k < 3 ? 0 : 3;
+            ASSERT_NEAR(s.files[k].effect[i] - residue[k * 200 + i],
+                        s.files[first].effect[i] - residue[first * 200 + i], 1e-5)
+                << "voxel " << i << " file " << k;
+        }
+    }
 }
 
-// Degenerate studies end in order: a volume of fewer than 100 voxels
-// (progress at every voxel) and a study of only skipped voxels run to the
-// end; a single file leaves no degrees of freedom for the test, which the
-// incomplete beta function refuses with its domain error and status 1.
-TEST(Run, DegenerateStudiesRunToTheEnd) {
-    {
-        TempDir dir;
-        e2e::study s;
-        s.g.nx = 3;
-        s.g.ny = 3;
-        s.g.nz = 2;
-        s.add_group('a', 3, 1.0f, 20, 1);
-        s.add_group('b', 3, 0.0f, 20, 2);
-        s.write(dir.path());
-        auto r = run_fmri_rem({"study.rem"}, dir.path());
-        EXPECT_EQ(r.status, 0);
-        EXPECT_NE(r.out.find(progress(18, "RE variance") + "\r 100 percent"), std::string::npos);
-        EXPECT_NE(r.out.find("\r 17 percent done computing statistics\r 100"), std::string::npos);
-        EXPECT_EQ(read_floats(dir.file("T-a-b.bfloat")).size(), 18u);
-    }
-    {
-        TempDir dir;
-        e2e::study s;
-        s.conditions = "conditions a";
-        s.add_group('a', 1, 1.0f, 20, 3);
-        s.write(dir.path());
-        auto r = run_fmri_rem({"-r", "study.rem"}, dir.path());
-        EXPECT_EQ(r.status, 1) << r.out;
-        EXPECT_NE(r.out.find("Degrees of freedom: fixed = 20, random = 0, smoothed = 0\n"),
-                  std::string::npos);
-        EXPECT_NE(r.out.find("ibeta: Domain error!, a = 0, b = 0.5\n"), std::string::npos);
-        EXPECT_EQ(read_file(dir.file("sigma2.bfloat")).size(), 3u * 200 * 4);
-        EXPECT_FALSE(file_exists(dir.file(".vistra")));
-    }
-    {
-        TempDir dir;
-        e2e::study s = e2e::small_study();
-        for (auto &f : s.files) f.error.assign(f.error.size(), 0.0f);
-        s.write(dir.path());
-        auto r = run_fmri_rem({"study.rem"}, dir.path());
-        EXPECT_EQ(r.status, 0) << r.out;
-        for (const char *name : {"P-a-b.bfloat", "T-a.bfloat", "S-b.bfloat", "sigma2.bfloat"}) {
-            for (float v : read_floats(dir.file(name))) ASSERT_EQ(v, 0.0f) << name;
-        }
+// A study of only skipped voxels runs to the end.
+TEST(Run, OnlySkippedVoxels) {
+    TempDir dir;
+    e2e::study s = e2e::small_study();
+    for (auto &f : s.files) f.error.assign(f.error.size(), 0.0f);
+    s.write(dir.path());
+    auto r = run_fmri_rem({"study.rem"}, dir.path());
+    EXPECT_EQ(r.status, 0) << r.out;
+    for (const char *name : {"P-a-b.bfloat", "T-a.bfloat", "S-b.bfloat", "sigma2.bfloat"}) {
+        for (float v : read_floats(dir.file(name))) ASSERT_EQ(v, 0.0f) << name;
     }
 }
 

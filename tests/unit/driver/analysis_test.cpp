@@ -14,67 +14,74 @@ namespace {
 
 TEST(ComputeEffectiveDof, HandCalculations) {
     struct Case {
-        float prior, ratio;
-        float d[3];
-        std::vector<int> dofs;  // per signal file
-        int nbasis;
-        int expected;
-        const char *resolution_line;
-        const char *smoothing_line;
-        const char *dof_line;
+        float prior, ratio, d[3];
+        int nfiles, fixed, nbasis, expected;
+        const char *text;  // the first two lines printed
     };
     const Case cases[] = {
         // r = 8^0.3333 = 1.99986; 1/(1/2 + 1/40) = 1.905
-        {0, 0, {2, 2, 2}, {10, 10, 10, 10}, 2, 2, "Effective isotropic resolution    = 2.00 mm\n",
-         "Smoothing FWHM for variance ratio = 0 mm\n",
-         "Degrees of freedom: fixed = 40, random = 2, smoothed = 2\n"},
+        {0,
+         0,
+         {2, 2, 2},
+         4,
+         40,
+         2,
+         2,
+         "Effective isotropic resolution    = 2.00 mm\nSmoothing FWHM for variance ratio = 0 mm\n"},
         // r = 6.70693; factor 5.1455^1.5; 1/(1/(22 x 11.672) + 1/2827) = 156.71
-        {6, 8, {3, 3, 3}, std::vector<int>(24, 0), 2, 157,
-         "Effective isotropic resolution    = 6.71 mm\n",
-         "Smoothing FWHM for variance ratio = 8 mm\n",
-         "Degrees of freedom: fixed = 2827, random = 22, smoothed = 157\n"},
+        {6,
+         8,
+         {3, 3, 3},
+         24,
+         2827,
+         2,
+         157,
+         "Effective isotropic resolution    = 6.71 mm\nSmoothing FWHM for variance ratio = 8 mm\n"},
         // anisotropic voxels: r = 4.83578; 1/(1/(2 x 28.7) + 1/300) = 49.34
-        {4, 10, {2, 2, 4}, {100, 100, 100}, 1, 49, "Effective isotropic resolution    = 4.84 mm\n",
-         "Smoothing FWHM for variance ratio = 10 mm\n",
-         "Degrees of freedom: fixed = 300, random = 2, smoothed = 49\n"},
+        {4,
+         10,
+         {2, 2, 4},
+         3,
+         300,
+         1,
+         49,
+         "Effective isotropic resolution    = 4.84 mm\nSmoothing FWHM for variance ratio = 10 "
+         "mm\n"},
         // r = 1 exactly; 1/(1/(10 x 51^1.5) + 1/1000) = 784.58
-        {0, 5, {1, 1, 1}, std::vector<int>(12, 0), 2, 785,
-         "Effective isotropic resolution    = 1.00 mm\n",
-         "Smoothing FWHM for variance ratio = 5 mm\n",
-         "Degrees of freedom: fixed = 1000, random = 10, smoothed = 785\n"},
+        {0,
+         5,
+         {1, 1, 1},
+         12,
+         1000,
+         2,
+         785,
+         "Effective isotropic resolution    = 1.00 mm\nSmoothing FWHM for variance ratio = 5 mm\n"},
     };
+    static std::vector<file_list_entry> nodes;
     for (const Case &c : cases) {
-        std::vector<int> dofs = c.dofs;
-        if (dofs.size() == 24) {  // 2827 spread over 24 files
-            for (int k = 0; k < 24; ++k) dofs[k] = 117 + (k < 19 ? 1 : 0);
-        }
-        if (dofs.size() == 12) {
-            for (int k = 0; k < 12; ++k) dofs[k] = k < 4 ? 84 : 83;
-        }
-        // The list: the root and further nodes.
-        static std::vector<file_list_entry> nodes;
-        nodes.assign(dofs.size(), file_list_entry{});
+        // The fixed degrees of freedom spread over the list of files.
+        nodes.assign(c.nfiles, file_list_entry{});
         file_list_root = file_list_entry{};
-        file_list_entry *previous = &file_list_root;
-        file_list_root.dof = dofs[0];
-        for (size_t k = 1; k < dofs.size(); ++k) {
-            nodes[k].dof = dofs[k];
-            previous->next = &nodes[k];
-            previous = &nodes[k];
+        for (int k = 0; k < c.nfiles; ++k) {
+            file_list_entry &e = k == 0 ? file_list_root : nodes[k];
+            e.dof = c.fixed / c.nfiles + (k < c.fixed % c.nfiles ? 1 : 0);
+            e.next = k + 1 < c.nfiles ? &nodes[k + 1] : nullptr;
         }
         for (int a = 0; a < 3; ++a) file_list_root.resolution[a] = c.d[a];
         REM_input.prior_smoothing = c.prior;
         REM_input.ratio_smoothing = c.ratio;
-        REM.nfiles = static_cast<int>(dofs.size());
+        REM.nfiles = c.nfiles;
         REM.nbasis = c.nbasis;
 
+        const std::string last = "Degrees of freedom: fixed = " + std::to_string(c.fixed) +
+                                 ", random = " + std::to_string(c.nfiles - c.nbasis) +
+                                 ", smoothed = " + std::to_string(c.expected) + "\n";
         int dof = -1;
         testing::internal::CaptureStdout();
         int length = compute_effective_dof(&dof);
-        std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(dof, c.expected) << c.dof_line;
-        EXPECT_EQ(out, std::string(c.resolution_line) + c.smoothing_line + c.dof_line);
-        EXPECT_EQ(length, static_cast<int>(std::string(c.dof_line).size()));
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.text + last);
+        EXPECT_EQ(dof, c.expected) << last;
+        EXPECT_EQ(length, static_cast<int>(last.size()));
     }
 }
 
