@@ -68,12 +68,8 @@ TEST(BadInput, MessagesAndStatus) {
 TEST(BadInput, ResolutionMismatchIsAWarning) {
     TempDir dir;
     e2e::small_study().write(dir.path());
-    e2e::geometry g;
-    g.resolution[0] = 3.0f;
-    g.origin[0] = 5.0f;
-    g.origin[1] = 6.5f;
-    g.origin[2] = -7.0f;
-    test_support::write_file(dir.file("b2.hdr"), e2e::header_text(g, 2, 20));
+    const char *command = "sed -i 's/^res.*/resolution 3 2 2/; s/^ori.*/origin 5 6.5 -7/' b2.hdr";
+    ASSERT_EQ(run_command(command, dir.path()).status, 0);
     auto r = run_fmri_rem({"study.rem"}, dir.path());
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("\nWARNING: The resolution of file b2.bfloat (5,6.5,-7) differs from file "

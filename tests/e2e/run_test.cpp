@@ -31,8 +31,8 @@ bool contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-// 200 voxels: progress every second voxel.  Smoothed degrees of freedom:
-// r = 8^0.3333 = 1.99986, 4 (32 / r^2 + 1)^1.5 = 108.02, 1/(1/108.02 + 1/120) = 56.85.
+// The analysis file as a bare word; 200 voxels: progress every second voxel.  Smoothed degrees of
+// freedom: r = 8^0.3333 = 1.99986, 4 (32 / r^2 + 1)^1.5 = 108.02, 1/(1/108.02 + 1/120) = 56.85.
 TEST(Run, PrintedSequence) {
     TempDir dir;
     e2e::small_study().write(dir.path());
@@ -71,34 +71,41 @@ TEST(Run, PrintedSequence) {
 // header.  Degrees of freedom, with ratio smoothing:
 // r = (sqrt(5) sqrt(5) sqrt(7.25))^0.3333 = 2.3787, 4 (18 / r^2 + 1)^1.5 = 34.20,
 // 1/(1/34.20 + 1/120) = 26.61; without: rint(1/(1/4 + 1/120)) = 4.
+// ".vistra" names the analysis file (bare or after -i) unless it exists.
 TEST(Run, ResultFilesAndHeaders) {
     struct Case {
+        std::vector<std::string> args;
         const char *smoothing;
-        bool residue;
         int dof, sigma2_frames;
+        const char *vistra_before, *vistra_after;
     };
-    for (const Case &c : {Case{"smoothing 1 3", true, 27, 3}, Case{"smoothing 3 0", false, 4, 2}}) {
+    const Case cases[] = {
+        {{"-r", "study.rem"}, "smoothing 1 3", 27, 3, nullptr, "vt -r study.rem\n"},
+        {{"-i", "study.rem"}, "smoothing 3 0", 4, 2, "kept\n", "kept\n"},
+    };
+    for (const Case &c : cases) {
         SCOPED_TRACE(c.smoothing);
+        const bool residue = c.args[0] == "-r";
         TempDir dir;
         e2e::study s = e2e::small_study();
         s.g = e2e::geometry{10, 5, 4, {2, 2, 2.5f}, {1.5f, -2, 3}, {1, -1, 1}};
         s.smoothing = c.smoothing;
         s.write(dir.path());
-        auto r = run_fmri_rem(c.residue ? std::vector<std::string>{"-r", "study.rem"}
-                                        : std::vector<std::string>{"study.rem"},
-                              dir.path());
+        if (c.vistra_before) test_support::write_file(dir.file(".vistra"), c.vistra_before);
+        auto r = run_fmri_rem(c.args, dir.path());
         ASSERT_EQ(r.status, 0) << r.out;
         EXPECT_TRUE(contains(r.out, "random = 4, smoothed = " + std::to_string(c.dof) + "\n"));
         EXPECT_EQ(contains(r.out, "smoothing variance ratio"), c.sigma2_frames == 3);
+        EXPECT_EQ(read_file(dir.file(".vistra")), c.vistra_after);
         EXPECT_EQ(read_file(dir.file("basis.dat")).substr(0, 16), "x eventa eventb ");
-        EXPECT_EQ(file_exists(dir.file("residue.hdr")), c.residue);
+        EXPECT_EQ(file_exists(dir.file("residue.hdr")), residue);
         std::vector<std::pair<std::string, int>> files = {{"sigma2", 3}};
         for (const char *cond : {"a", "b", "a-b"}) {
             for (auto kind :
                  {std::make_pair("P-", 1), std::make_pair("T-", 1), std::make_pair("S-", 2)})
                 files.emplace_back(kind.first + std::string(cond), kind.second);
         }
-        if (c.residue) files.emplace_back("residue", 6);
+        if (residue) files.emplace_back("residue", 6);
         for (const auto &f : files) {
             EXPECT_EQ(read_file(dir.file(f.first + ".hdr")),
                       "x 10\ny 5\nz 4\nt " + std::to_string(f.second) +
@@ -113,64 +120,50 @@ TEST(Run, ResultFilesAndHeaders) {
     }
 }
 
-// The analysis file may follow -i or stand alone; ".vistra" names the first
-// one and is never overwritten.
-TEST(Run, ViewerFileWrittenOnceAndKept) {
-    TempDir dir;
-    e2e::small_study().write(dir.path());
-    e2e::small_study().write(dir.path(), "other.rem");
-    ASSERT_EQ(run_fmri_rem({"-i", "study.rem"}, dir.path()).status, 0);
-    EXPECT_EQ(read_file(dir.file(".vistra")), "vt -r study.rem\n");
-    ASSERT_EQ(run_fmri_rem({"other.rem"}, dir.path()).status, 0);
-    EXPECT_EQ(read_file(dir.file(".vistra")), "vt -r study.rem\n");
-}
-
 // A voxel where one file has no error estimate is skipped, with zeros in
-// every frame of every map and in the residues.  Elsewhere the residue of a
-// file is its effect minus the fitted value, which is one value per square
-// event, so the residues of an event differ exactly as the effects do.
+// every frame of every map and in the residues; a study of only such voxels
+// runs to the end.  Elsewhere the residue of a file is its effect minus the
+// fitted value, which is one value per square event, so the residues of an
+// event differ exactly as the effects do.
 TEST(Run, SkippedVoxelsGiveZerosAndResiduesFollowTheFit) {
-    TempDir dir;
-    e2e::study s = e2e::small_study();
-    s.smoothing = "smoothing 0 0";
-    const std::vector<int> skipped = {0, 57, 199};
-    for (int i : skipped) s.files[4].error[i] = 0.0f;
-    s.write(dir.path());
-    ASSERT_EQ(run_fmri_rem({"-r", "study.rem"}, dir.path()).status, 0);
-    std::vector<float> residue = read_floats(dir.file("residue.bfloat"));
-    ASSERT_EQ(residue.size(), 6u * 200);
-    std::vector<std::string> names = {"sigma2", "residue"};
-    for (const char *c : {"a", "b", "a-b"}) {
-        for (const char *kind : {"P-", "T-", "S-"}) names.push_back(kind + std::string(c));
-    }
-    for (const std::string &name : names) {
-        std::vector<float> v = read_floats(dir.file(name + ".bfloat"));
-        for (int i : skipped) {
-            for (size_t k = i; k < v.size(); k += 200) EXPECT_EQ(v[k], 0.0f) << name << " " << k;
+    for (bool all : {false, true}) {
+        SCOPED_TRACE(all ? "every voxel skipped" : "three voxels skipped");
+        TempDir dir;
+        e2e::study s = e2e::small_study();
+        s.smoothing = all ? "smoothing 0 4" : "smoothing 0 0";
+        std::vector<int> skipped = {0, 57, 199};
+        for (int i : skipped) s.files[4].error[i] = 0.0f;
+        if (all) {
+            for (auto &f : s.files) f.error.assign(200, 0.0f);
+            for (int i = 0; i < 200; ++i) skipped.push_back(i);
         }
-        EXPECT_NE(v[1], 0.0f) << name;
-    }
-    for (int i = 0; i < 200; ++i) {
-        if (std::count(skipped.begin(), skipped.end(), i)) continue;
-        for (int k : {1, 2, 4, 5}) {
-            int first = k < 3 ? 0 : 3;
-            ASSERT_NEAR(s.files[k].effect[i] - residue[k * 200 + i],
-                        s.files[first].effect[i] - residue[first * 200 + i], 1e-5)
-                << "voxel " << i << " file " << k;
+        s.write(dir.path());
+        ASSERT_EQ(run_fmri_rem({"-r", "study.rem"}, dir.path()).status, 0);
+        std::vector<float> residue = read_floats(dir.file("residue.bfloat"));
+        ASSERT_EQ(residue.size(), 6u * 200);
+        std::vector<std::string> names = {"sigma2", "residue"};
+        for (const char *c : {"a", "b", "a-b"}) {
+            for (const char *kind : {"P-", "T-", "S-"}) names.push_back(kind + std::string(c));
         }
-    }
-}
-
-// A study of only skipped voxels runs to the end.
-TEST(Run, OnlySkippedVoxels) {
-    TempDir dir;
-    e2e::study s = e2e::small_study();
-    for (auto &f : s.files) f.error.assign(f.error.size(), 0.0f);
-    s.write(dir.path());
-    auto r = run_fmri_rem({"study.rem"}, dir.path());
-    EXPECT_EQ(r.status, 0) << r.out;
-    for (const char *name : {"P-a-b.bfloat", "T-a.bfloat", "S-b.bfloat", "sigma2.bfloat"}) {
-        for (float v : read_floats(dir.file(name))) ASSERT_EQ(v, 0.0f) << name;
+        for (const std::string &name : names) {
+            std::vector<float> v = read_floats(dir.file(name + ".bfloat"));
+            for (int i : skipped) {
+                for (size_t k = i; k < v.size(); k += 200)
+                    ASSERT_EQ(v[k], 0.0f) << name << " " << k;
+            }
+            if (!all) {
+                EXPECT_NE(v[1], 0.0f) << name;
+            }
+        }
+        for (int i = 0; i < 200; ++i) {
+            if (std::count(skipped.begin(), skipped.end(), i)) continue;
+            for (int k : {1, 2, 4, 5}) {
+                int first = k < 3 ? 0 : 3;
+                ASSERT_NEAR(s.files[k].effect[i] - residue[k * 200 + i],
+                            s.files[first].effect[i] - residue[first * 200 + i], 1e-5)
+                    << "voxel " << i << " file " << k;
+            }
+        }
     }
 }
 

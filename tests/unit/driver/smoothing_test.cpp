@@ -1,6 +1,5 @@
-// Variance-ratio smoothing: line rotation, bad indices, modulus and phase,
-// and the Gaussian smoothing of uniform fields and of a single spike
-// compared with the analytic kernel.
+// Variance-ratio smoothing: line rotation, bad indices, and the Gaussian smoothing of uniform
+// fields and of a single spike compared with the analytic kernel.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -59,25 +58,6 @@ TEST(DataStackDeathTest, BadIndexEndsTheProcess) {
     EXPECT_EXIT(index4d_stack(0, -1, 0, 0, &s), testing::ExitedWithCode(1), "");
     EXPECT_EXIT(index4d_stack(0, 0, 0, 1, &s), testing::ExitedWithCode(1), "");
     free_float_vector(static_cast<float *>(s.data));
-}
-
-TEST(AmplitudeAndPhase, Table) {
-    struct Case {
-        float re, im, amplitude, phase;
-    };
-    const Case cases[] = {
-        {3, 4, 5, 0.9272952f},
-        {0, 0, 0, 0},
-        {0, 2, 2, 1.5707964f},
-        {0, -2, 2, -1.5707964f},
-        {-1, 0, 1, 3.1415927f},
-        {-1, -1, 1.4142135f, -2.3561945f},
-        {1, -1, 1.4142135f, -0.7853982f},
-    };
-    for (const Case &c : cases) {
-        EXPECT_FLOAT_EQ(compute_amplitude(c.re, c.im), c.amplitude) << c.re << "," << c.im;
-        EXPECT_NEAR(compute_phase(c.re, c.im), c.phase, 1e-6) << c.re << "," << c.im;
-    }
 }
 
 // A uniform field keeps its level times the kernel at the zero frequency;
