@@ -29,12 +29,8 @@ TEST(Ibeta, AgreesWithHighPrecisionReference) {
             EXPECT_LT(got, 1e-300) << line;
             continue;
         }
-        // The result is assembled from powers, gamma functions or their
-        // logarithms, of magnitude up to L; their rounding to double leaves
-        // an error of a few ulp of L in the exponent, a relative error of a
-        // few eps·L in the result (the continued fractions stop at
-        // 3·2^-53).  That is about 1e-14 for the small parameters of the
-        // F test and about 1e-12 for a in the hundreds.
+        // Powers, gamma functions or their logarithms of magnitude up to L,
+        // rounded to double, leave a relative error of a few eps·L.
         const double L = 1.0 + std::fabs(std::lgamma(a + b)) + std::fabs(a * std::log(x)) +
                          std::fabs(b * std::log1p(-x));
         EXPECT_LE(std::fabs((got - ref) / ref), 16.0L * DBL_EPSILON * L) << line << " got " << got;
@@ -42,34 +38,25 @@ TEST(Ibeta, AgreesWithHighPrecisionReference) {
     EXPECT_GT(rows, 200);
 }
 
-TEST(Ibeta, ClosedFormsSymmetryAndEndpoints) {
-    for (double x : {1e-300, 1e-9, 0.01, 0.3, 0.5, 0.75, 0.95, 0.99, 1 - 1e-9}) {
+TEST(Ibeta, ClosedFormsSymmetryAndStudentT) {
+    for (double x : {1e-300, 1e-9, 0.3, 0.75, 0.99, 1 - 1e-9})
         EXPECT_NEAR(ibeta(1, 1, x), x, 4 * DBL_EPSILON * x) << x;  // I_x(1,1) = x
-        EXPECT_NEAR(ibeta(3, 1, x), x * x * x, 1e-14 * x * x * x) << x;
-        const double tail = -std::expm1(2.5 * std::log1p(-x));  // I_x(1,b) = 1 - (1-x)^b
-        EXPECT_NEAR(ibeta(1, 2.5, x), tail, 1e-14 * tail) << x;
-    }
     const double cases[][3] = {{2, 3, 0.4}, {0.5, 0.5, 0.3}, {10, 2, 0.8}, {30, 0.5, 0.97}};
     for (const auto &c : cases) {
         EXPECT_NEAR(ibeta(c[0], c[1], c[2]) + ibeta(c[1], c[0], 1.0 - c[2]), 1.0, 1e-14) << c[0];
         EXPECT_EQ(ibeta(c[0], c[1], 0.0), 0.0);
         EXPECT_EQ(ibeta(c[0], c[1], 1.0), 1.0);
     }
-}
-
-TEST(Ibeta, TwoSidedStudentT) {
-    // Exact forms without cancellation: nu = 1, p = (2/pi)·atan(1/t);
-    // nu = 2, p = 1 - t/sqrt(2 + t²) = 2 / (r·(r + t)) with r = sqrt(2 + t²).
+    // Two-sided p values of Student's t in closed form: nu = 1,
+    // p = (2/pi)·atan(1/t); nu = 2, p = 2 / (r·(r + t)) with r = sqrt(2 + t²).
     for (double t : {0.1, 1.0, 2.5, 12.706, 100.0}) {
         const double p1 = 2.0 / std::acos(-1.0) * std::atan(1.0 / t);
         EXPECT_NEAR(ibeta(0.5, 0.5, 1.0 / (1.0 + t * t)), p1, 1e-14 * p1) << t;
         const double r = std::sqrt(2.0 + t * t), p2 = 2.0 / (r * (r + t));
         EXPECT_NEAR(ibeta(1.0, 0.5, 2.0 / (2.0 + t * t)), p2, 1e-14 * p2) << t;
     }
-    // Critical values of a printed t table (three decimals): rounding t by
-    // 0.0005 moves p by well under 0.5 %.
-    const double table[][3] = {{10, 2.228, 0.05}, {20, 2.845, 0.01}, {5, 4.032, 0.01},
-                               {30, 3.646, 0.001}, {60, 2.000, 0.05}, {1, 63.657, 0.01}};
+    // Critical values of a printed t table (three decimals).
+    const double table[][3] = {{10, 2.228, 0.05}, {30, 3.646, 0.001}, {1, 63.657, 0.01}};
     for (const auto &row : table) {
         const double nu = row[0], t = row[1];
         EXPECT_NEAR(ibeta(nu / 2.0, 0.5, nu / (nu + t * t)), row[2], 0.005 * row[2]) << nu;
@@ -81,12 +68,10 @@ TEST(Ibeta, ReflectedBranchAndOddArguments) {
     // double just below 1 comes back, never 1 itself.
     EXPECT_EQ(ibeta(2, 2, 1 - 1e-9), 0.9999999999999999);
     EXPECT_EQ(ibeta(50, 3, 1 - 1e-7), 0.9999999999999999);
-    EXPECT_LT(0.9999999999999999, 1.0);
     // x outside [0, 1] is not rejected: log(x) of a negative x gives NaN,
     // and a diverging series (b not an integer) still comes back.
     EXPECT_TRUE(std::isnan(ibeta(2, 3, -0.1)));
     EXPECT_TRUE(std::isnan(ibeta(2, 3.5, -5.0)));
-    EXPECT_TRUE(std::isnan(ibeta(2, 3, 3.0)));
 }
 
 TEST(IbetaDeathTest, DomainErrorOnStandardOutput) {
