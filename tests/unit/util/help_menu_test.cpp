@@ -59,26 +59,31 @@ HelpRun run_help(const std::string &home, const std::string &input, int linked =
 }  // namespace
 
 TEST(HelpMenu, DialogueSteps) {
-    // Main menu, sub-menu 1 with two items, sub-menu 2 without items.
+    // Main menu; sub-menu 1 with two items; sub-menu 2 without items;
+    // sub-menu 3 whose item links to another file.
     const std::string menu =
-        "!0 0\nMAIN\n!1 0\nSUB1\n!1 1\nITEM 1.1\n!1 2\nITEM 1.2\nline two\n!2 0\nSUB2 ALONE\n";
-    HelpHome home({{"main.txt", menu}});
+        "!0 0\nMAIN\n!1 0\nSUB1\n!1 1\nITEM 1.1\n!1 2\nITEM 1.2\nline two\n!2 0\nSUB2 ALONE\n"
+        "!3 0\nSUB3\n!3 1\nbefore link\n>linked.txt more words\nafter\n";
+    HelpHome home({{"main.txt", menu}, {"linked.txt", "!0 0\nLINKED MAIN\n!1 0\nLSUB\n"}});
     const std::string bad = "Bad option. Choose '0', 'b', 'q', or a number from 1 to ";
     // The expected output, one letter per screen.
     const std::map<char, std::string> screen = {
         {'H', "Help from file " + home.path("main.txt") + "\n"},
+        {'L', "Help from file " + home.path("linked.txt") + "\nLINKED MAIN\n" + main_prompt},
         {'M', "MAIN\n" + main_prompt},  {'S', "SUB1\n" + sub_prompt},
         {'1', "ITEM 1.1\n"},            {'2', "ITEM 1.2\nline two\n"},
-        {'A', "SUB2 ALONE\n"},          {'b', bad + "2\n"},  // main menu
-        {'B', bad + "0\n"},                                  // sub-menu: "1 to 0" as it stands
+        {'A', "SUB2 ALONE\n"},          {'C', "SUB3\n" + sub_prompt + "before link\n"},
+        {'b', bad + "3\n"},             // main menu
+        {'B', bad + "0\n"},             // sub-menu: "1 to 0" as it stands
     };
     const std::pair<const char *, const char *> cases[] = {
+        {"3\n1\n\n\n", "HMCLHM"},  // a link, and back to the top-level file's main menu
         {"\n", "HM"},                  // return alone leaves the main menu
         {"1\n2\n\n\n", "HMS2SM"},      // sub-menu, item, back, leave
         {"1\n3\n\n\n", "HMSBSM"},      // item number beyond the sub-menu's items
         {"1\n0\n 1  extra words\n1\n\n\n", "HMSMS1SM"},  // "0"; the first word only
         {"2\n\n", "HMAM"},             // a sub-menu without items shows its text once
-        {"3\n-1\n\n", "HMbMbM"},       // main-menu numbers out of range
+        {"4\n-1\n\n", "HMbMbM"},       // main-menu numbers out of range
         {"q\n1\nx\n\n\n", "HMbMS1SM"},  // letters: refused first, then the last number
         {"1\n", "HMS"},                // end of input leaves at once
         {"", "HM"},
@@ -90,18 +95,6 @@ TEST(HelpMenu, DialogueSteps) {
         EXPECT_EQ(run.result, 0) << c.first;
         EXPECT_EQ(run.out, expected) << "answers: " << c.first;
     }
-}
-
-TEST(HelpMenu, LinkOpensOtherFileAndReturnsToTopLevel) {
-    HelpHome home({{"main.txt",
-                    "!0 0\nMAIN\n!1 0\nSUB1\n!1 1\nbefore link\n>linked.txt more words\nafter\n"},
-                   {"linked.txt", "!0 0\nLINKED MAIN\n!1 0\nLSUB\n"}});
-    const HelpRun run = run_help(home.dir.path(), "1\n1\n\n\n");
-    EXPECT_EQ(run.result, 0);
-    const std::string main_head = "Help from file " + home.path("main.txt") + "\nMAIN\n";
-    EXPECT_EQ(run.out, main_head + main_prompt + "SUB1\n" + sub_prompt + "before link\n" +
-                           "Help from file " + home.path("linked.txt") + "\nLINKED MAIN\n" +
-                           main_prompt + main_head + main_prompt);
 }
 
 TEST(HelpMenu, MarkerOrderAndFileErrors) {

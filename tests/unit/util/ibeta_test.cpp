@@ -55,12 +55,6 @@ TEST(Ibeta, ClosedFormsSymmetryAndStudentT) {
         const double r = std::sqrt(2.0 + t * t), p2 = 2.0 / (r * (r + t));
         EXPECT_NEAR(ibeta(1.0, 0.5, 2.0 / (2.0 + t * t)), p2, 1e-14 * p2) << t;
     }
-    // Critical values of a printed t table (three decimals).
-    const double table[][3] = {{10, 2.228, 0.05}, {30, 3.646, 0.001}, {1, 63.657, 0.01}};
-    for (const auto &row : table) {
-        const double nu = row[0], t = row[1];
-        EXPECT_NEAR(ibeta(nu / 2.0, 0.5, nu / (nu + t * t)), row[2], 0.005 * row[2]) << nu;
-    }
 }
 
 TEST(Ibeta, ReflectedBranchAndOddArguments) {
