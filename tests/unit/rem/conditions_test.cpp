@@ -4,26 +4,14 @@
 #include <vector>
 
 #include "rem.h"
+#include "rem_test_model.h"
 
 namespace {
 
 // A model of one file with one event per character of names.
-void define_events(const char *names) {
-    REM.nfiles = 1;
-    REM_input.file_weight[0] = 1.0f;
-    REM.nevents = 0;
-    for (const char *n = names; *n; ++n) {
-        REM.event_number[REM.nevents] = REM_EventNumberFromChar(*n);
-        REM.event_nranges[REM.nevents++] = 1;
-    }
-    REMInternal_define_design_matrix();
-    REM.initialized = 1;
-}
-
-std::string many_words(int n) {
-    std::string s;
-    for (int i = 0; i < n; ++i) s += "p ";
-    return s;
+void define_events(const std::string &names) {
+    rem_test::build_model(1, std::vector<rem_test::Event>(names.size(), {0, {{0, 0}}}));
+    for (size_t e = 0; e < names.size(); ++e) REM.event_number[e] = REM_EventNumberFromChar(names[e]);
 }
 
 }  // namespace
@@ -42,25 +30,30 @@ TEST(Conditions, ContrastsFromText) {
     };
     define_events("pcdp");
     for (const auto &k : cases) {
+        SCOPED_TRACE(k.text);
         int count = -1;
-        ASSERT_EQ(REM_define_conditions(k.text, &count), 0) << k.text;
-        ASSERT_EQ(count, static_cast<int>(k.contrasts.size())) << k.text;
+        ASSERT_EQ(REM_define_conditions(k.text, &count), 0);
+        ASSERT_EQ(count, static_cast<int>(k.contrasts.size()));
         for (int c = 0; c < count; ++c) {
-            ASSERT_EQ(REM.condition_nrows[c], static_cast<int>(k.contrasts[c].size())) << k.text;
+            ASSERT_EQ(REM.condition_nrows[c], static_cast<int>(k.contrasts[c].size()));
             for (size_t r = 0; r < k.contrasts[c].size(); ++r)
                 for (int e = 0; e < 4; ++e)
                     EXPECT_EQ(REM.condition_contrast[c][r][e], k.contrasts[c][r][e])
-                        << k.text << " condition " << c << " row " << r << " event " << e;
+                        << "condition " << c << " row " << r << " event " << e;
         }
         // Slots beyond the new definition were cleared by the redefinition.
-        EXPECT_EQ(REM.condition_contrast[count], nullptr) << k.text;
+        EXPECT_EQ(REM.condition_contrast[count], nullptr);
     }
-    char name[REM_NAME_LENGTH];
+    char name[REM_NAME_LENGTH] = "untouched";
+    EXPECT_EQ(REM_get_condition_string(2, name), 1);
+    EXPECT_STREQ(name, "untouched");
     ASSERT_EQ(REM_get_condition_string(1, name), 0);
     EXPECT_STREQ(name, "-p");
 }
 
 TEST(Conditions, Errors) {
+    std::string many;
+    for (int i = 0; i < 101; ++i) many += "p ";
     const struct {
         std::string text;
         int result;
@@ -70,7 +63,7 @@ TEST(Conditions, Errors) {
         {"p+c", 1, 1, "Error: one of the events in the conditions (0) is not defined.\n"},
         {"p q", 1, 2, "Error: one of the events in the conditions (26) is not defined.\n"},
         {" \t\n", 0, 0, ""},
-        {many_words(101), 1, 0, "Error: 101 conditions are given; at most 100 can be tested.\n"},
+        {many, 1, 0, "Error: 101 conditions are given; at most 100 can be tested.\n"},
     };
     define_events("pc");
     for (const auto &k : cases) {

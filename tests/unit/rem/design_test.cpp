@@ -5,45 +5,31 @@
 #include <vector>
 
 #include "rem.h"
+#include "rem_test_model.h"
+
+using rem_test::Event;
 
 namespace {
 
-struct Event {
-    char name;
-    int shape;
-    std::vector<std::vector<int>> ranges;  // {start, stop}
-};
-
-// Builds the design of the events over files with the given weights and
-// returns what the design step printed.
+// Builds the design of the events (named 1, 2, ...) over files with the given
+// weights and returns what the design step printed.
 std::string build(const std::vector<float> &weights, const std::vector<Event> &events) {
-    REM.nfiles = static_cast<int>(weights.size());
-    for (size_t i = 0; i < weights.size(); ++i) REM_input.file_weight[i] = weights[i];
-    REM.nevents = static_cast<int>(events.size());
-    for (size_t e = 0; e < events.size(); ++e) {
-        REM.event_number[e] = REM_EventNumberFromChar(events[e].name);
-        REM.event_shape[e] = events[e].shape;
-        REM.event_nranges[e] = static_cast<int>(events[e].ranges.size());
-        for (size_t r = 0; r < events[e].ranges.size(); ++r) {
-            REM.range_start[e][r] = events[e].ranges[r][0];
-            REM.range_stop[e][r] = events[e].ranges[r][1];
-        }
-    }
     testing::internal::CaptureStdout();
-    REMInternal_define_design_matrix();
+    rem_test::build_model(static_cast<int>(weights.size()), events, weights);
     return testing::internal::GetCapturedStdout();
 }
 
 }  // namespace
 
 TEST(DesignMatrix, RampOverEightFilesAndIdentity) {
-    EXPECT_EQ(build(std::vector<float>(8, 1.0f), {{'P', 1, {{0, 7}}}}), "");
+    EXPECT_EQ(build(std::vector<float>(8, 1.0f), {{1, {{0, 7}}}}), "");
     ASSERT_EQ(REM.nbasis, 1);
-    for (int i = 0; i < 8; ++i) EXPECT_FLOAT_EQ(REM.design[i][0], -1.0 + 2.0 * i / 7.0) << i;
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_FLOAT_EQ(REM.design[i][0], -1.0 + 2.0 * i / 7.0) << i;
+        for (int j = 0; j < 8; ++j) EXPECT_EQ(REM.identity[i][j], i == j ? 1.0f : 0.0f);
+    }
     EXPECT_EQ(REM.design[0][0], -1.0f);
     EXPECT_EQ(REM.design[7][0], 1.0f);
-    for (int i = 0; i < 8; ++i)
-        for (int j = 0; j < 8; ++j) EXPECT_EQ(REM.identity[i][j], i == j ? 1.0f : 0.0f);
 }
 
 TEST(DesignMatrix, ColumnsScaledByMeanWeightOfLastRange) {
@@ -53,19 +39,16 @@ TEST(DesignMatrix, ColumnsScaledByMeanWeightOfLastRange) {
         std::vector<Event> events;
         std::vector<std::vector<float>> rows;
     } cases[] = {
-        {"weights 2 2 4", {2, 2, 4}, {{'p', 0, {{0, 2}}}}, {{0.75f}, {0.75f}, {1.5f}}},
-        {"negative weights keep their sign", {-2, -2}, {{'p', 0, {{0, 1}}}}, {{-1}, {-1}}},
+        {"weights 2 2 4", {2, 2, 4}, {{0, {{0, 2}}}}, {{0.75f}, {0.75f}, {1.5f}}},
+        {"negative weights keep their sign", {-2, -2}, {{0, {{0, 1}}}}, {{-1}, {-1}}},
         {"file 2 in no event",
          {1, 1, 1, 1},
-         {{'p', 0, {{0, 1}}}, {'c', 0, {{3, 3}}}},
+         {{0, {{0, 1}}}, {0, {{3, 3}}}},
          {{1, 0}, {1, 0}, {0, 0}, {0, 1}}},
-        {"the last range sets the scale",
-         {1, 1, 4, 4},
-         {{'p', 0, {{0, 1}, {2, 3}}}},
-         {{0.25f}, {0.25f}, {1}, {1}}},
+        {"the last range sets the scale", {1, 1, 4, 4}, {{0, {{0, 1}, {2, 3}}}}, {{0.25f}, {0.25f}, {1}, {1}}},
         {"overlapping ramp ranges: the last decides",
          {1, 1, 1, 1, 1},
-         {{'P', 1, {{0, 4}, {2, 3}}}},
+         {{1, {{0, 4}, {2, 3}}}},
          {{-1}, {-0.5f}, {-1}, {1}, {1}}},
     };
     for (const auto &k : cases) {
@@ -77,14 +60,14 @@ TEST(DesignMatrix, ColumnsScaledByMeanWeightOfLastRange) {
 }
 
 TEST(DesignMatrix, DegenerateScalesWarnButKeepTheirValues) {
-    EXPECT_EQ(build({1, 1, 1}, {{'P', 1, {{0, 1}, {2, 2}}}}),
-              "Warning: ramp event P has a range of the single file 2; its design value is "
+    EXPECT_EQ(build({1, 1, 1}, {{1, {{0, 1}, {2, 2}}}}),
+              "Warning: ramp event 1 has a range of the single file 2; its design value is "
               "not a number.\n");
     EXPECT_EQ(REM.design[0][0], -1.0f);
     EXPECT_TRUE(std::isnan(REM.design[2][0]));
 
-    EXPECT_EQ(build({0, 0, 1}, {{'p', 0, {{0, 1}}}}),
-              "Warning: the file weights of event p average 0 over files 0 to 1; its "
+    EXPECT_EQ(build({0, 0, 1}, {{0, {{0, 1}}}}),
+              "Warning: the file weights of event 1 average 0 over files 0 to 1; its "
               "design values are not finite.\n");
     EXPECT_TRUE(std::isnan(REM.design[0][0]));
     EXPECT_EQ(REM.design[2][0], 0.0f);

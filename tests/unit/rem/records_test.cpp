@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstring>
-
 #include "rem.h"
 
 TEST(EventCharacters, NumbersAndCharactersMatch) {
@@ -30,16 +28,5 @@ TEST(EventCharacters, NumbersAndCharactersMatch) {
             dup2(2, 1);
             REM_EventChar(62);
         },
-        testing::ExitedWithCode(1),
-        "Programming error: event number 62 apparently is not defined!");
-}
-
-TEST(Records, ConditionStringByIndex) {
-    REM.nconditions = 1;
-    std::strcpy(REM.condition_name[0], "p-c");
-    char text[REM_NAME_LENGTH] = "untouched";
-    EXPECT_EQ(REM_get_condition_string(1, text), 1);
-    EXPECT_STREQ(text, "untouched");
-    EXPECT_EQ(REM_get_condition_string(0, text), 0);
-    EXPECT_STREQ(text, "p-c");
+        testing::ExitedWithCode(1), "Programming error: event number 62 apparently is not defined!");
 }

@@ -4,23 +4,14 @@
 #include <cstdio>
 
 #include "rem.h"
+#include "rem_test_model.h"
 #include "test_support.h"
 
 TEST(Reports, BasisFileHoldsTheDesign) {
     // Four files: event p (square) over files 0 and 1, event P (ramp) over 0 to 3.
-    REM.nfiles = 4;
-    for (int i = 0; i < 4; ++i) REM_input.file_weight[i] = 1.0f;
-    REM.nevents = 2;
-    const char names[] = {'p', 'P'};
-    const int shapes[] = {0, 1}, stops[] = {1, 3};
-    for (int e = 0; e < 2; ++e) {
-        REM.event_number[e] = REM_EventNumberFromChar(names[e]);
-        REM.event_shape[e] = shapes[e];
-        REM.event_nranges[e] = 1;
-        REM.range_start[e][0] = 0;
-        REM.range_stop[e][0] = stops[e];
-    }
-    REMInternal_define_design_matrix();
+    rem_test::build_model(4, {{0, {{0, 1}}}, {1, {{0, 3}}}});
+    REM.event_number[0] = REM_EventNumberFromChar('p');
+    REM.event_number[1] = REM_EventNumberFromChar('P');
     test_support::TempDir dir;
     test_support::ScopedChdir in(dir.path());
     REM_describe_basis_functions();
