@@ -1,11 +1,11 @@
-// Final fit and F test: the checks, the zero-error shortcut, the exact cases of
-// the test (effect size, signs, folding, clamps, floors) and random designs
-// against a double-precision weighted least-squares fit and F distribution.
+// Final fit and F test: the zero-error shortcut, the exact cases of the test
+// (effect size, signs, folding, clamps, floors), and random designs run through
+// the estimate, the fit and the test against a double-precision computation.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
-#include <string>
 #include <vector>
 
 #include "rem.h"
@@ -16,7 +16,7 @@ using namespace rem_test;
 namespace {
 
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
-const float kPMin = static_cast<float>(std::exp(-100.0));
+const float kPMin = static_cast<float>(std::exp(-100.0));  // 3.78e-44, a denormal
 
 struct FResult {
     int status;
@@ -49,8 +49,8 @@ double f_tail(double F, int m, int nu)
 // Expected Euler characteristic density times resels, before the clamp.
 double corrected_p(double F, int nu, int resels)
 {
-    const double rho = 0.1169 * ((nu - 1.0) / nu * F - 1.0) / std::pow(1.0 + F / nu, (nu - 1.0) / 2.0);
-    return resels * rho;
+    return resels * 0.1169 * ((nu - 1.0) / nu * F - 1.0) /
+           std::pow(1.0 + F / nu, (nu - 1.0) / 2.0);
 }
 
 double clamp_and_floor(double p)
@@ -59,79 +59,73 @@ double clamp_and_floor(double p)
     return p < kPMin ? kPMin : p;
 }
 
-// Two events over four files; beta and normal_inverse are then set by hand.
-void two_event_model()
+// The estimation in double precision: OLS start, EM steps, stop at a relative
+// change of at most 5 %.  `margin` is the closest any change came to 0.05, so
+// that a test can make sure both computations take the same number of steps.
+struct RemlReference {
+    double sigma2, margin;
+};
+
+RemlReference reml_reference(const Mat &X, const Vec &y, const Vec &s)
 {
-    build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
+    const int n = static_cast<int>(X.size()), k = static_cast<int>(X[0].size());
+    const Wls start = wls(X, Vec(n, 0.0), 1.0);  // W = I
+    double sigma2 = dot(y, mat_vec(start.R, y)) / (n - k);
+    double next = 0.0, change = std::fabs(1.0 - next / sigma2), margin = 1.0;
+    while (change > 0.05) {
+        const Wls w = wls(X, s, sigma2);
+        double trace = 0.0;
+        for (int i = 0; i < n; ++i) trace += s[i] * s[i] * w.R[i][i];
+        const Vec Ry = mat_vec(w.R, y);
+        next = ((trace + k) * sigma2 + sigma2 * sigma2 * dot(Ry, Ry)) / n;
+        change = std::fabs(1.0 - next / sigma2);
+        margin = std::min(margin, std::fabs(change - 0.05));
+        sigma2 = next;
+    }
+    return {next, margin};
 }
 
 }  // namespace
 
-TEST(FitFinal, RefusesAnUninitialisedModel)
-{
-    REM.initialized = 0;
-    float fitted[1] = {7}, sums[1] = {7};
-    const float y[1] = {1}, s[1] = {1};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(REM_fit_final(1.0f, 1, y, s, fitted, sums), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Error in REM_fit_data: first initialize the REM\n");
-    EXPECT_EQ(fitted[0], 7.0f);
-}
-
-TEST(FitFinalDeathTest, EndsTheProcessOnAWrongNumberOfValues)
-{
-    two_event_model();
-    float fitted[3], sums[3];
-    const float y[3] = {1, 2, 3}, s[3] = {1, 1, 1};
-    EXPECT_EXIT(REM_fit_final(1.0f, 3, y, s, fitted, sums), testing::ExitedWithCode(1), "");
-}
-
-// Only an exact zero (of either sign) triggers the all-zero fit; a negative
-// value is squared like its absolute value, a NaN goes into the fit.
+// Only an exact zero (of either sign) gives the all-zero fit; a negative
+// error value weighs like its absolute value and a NaN goes into the fit.
 TEST(FitFinal, ZeroErrorValueGivesAnAllZeroFit)
 {
-    two_event_model();
+    build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
     const std::vector<float> y{1.0f, 2.0f, 4.0f, 3.5f};
-    const std::vector<std::vector<float>> zero = {
-        {1.0f, 0.0f, 2.0f, 1.0f}, {1.0f, 1.0f, 2.0f, -0.0f}, {kNaN, 0.0f, -2.0f, 1.0f}};
+    auto fit = [&](const std::vector<float> &s) {  // fitted values, then event sums
+        std::vector<float> out(8, 7.0f);
+        EXPECT_EQ(REM_fit_final(0.3f, 4, y.data(), s.data(), out.data(), out.data() + 4), 0);
+        return out;
+    };
+    const std::vector<std::vector<float>> zero = {{1, 0, 2, 1}, {1, 1, 2, -0.0f}, {kNaN, 0, -2, 1}};
     for (const auto &s : zero) {
         REM.beta[1] = REM.normal_inverse[1][0] = 5.0f;
-        std::vector<float> fitted(4, 7.0f), sums(4, 7.0f);
-        ASSERT_EQ(REM_fit_final(0.5f, 4, y.data(), s.data(), fitted.data(), sums.data()), 0);
-        EXPECT_EQ(fitted, std::vector<float>(4, 0.0f));
-        EXPECT_EQ(sums, std::vector<float>(4, 0.0f));
+        EXPECT_EQ(fit(s), std::vector<float>(8, 0.0f));
         EXPECT_EQ(REM.beta[1], 0.0f);
         EXPECT_EQ(REM.normal_inverse[1][0], 0.0f);
     }
-    std::vector<float> f1(4), s1(4), f2(4), s2(4), f3(4), s3(4);
-    const std::vector<float> plus{1.0f, 1.5f, 2.0f, 0.5f}, minus{-1.0f, 1.5f, -2.0f, 0.5f},
-        nan{1.0f, kNaN, 2.0f, 0.5f};
-    REM_fit_final(0.3f, 4, y.data(), plus.data(), f1.data(), s1.data());
-    REM_fit_final(0.3f, 4, y.data(), minus.data(), f2.data(), s2.data());
-    EXPECT_NE(f1[0], 0.0f);
-    EXPECT_EQ(f1, f2);
-    EXPECT_EQ(s1, s2);
-    REM_fit_final(0.3f, 4, y.data(), nan.data(), f3.data(), s3.data());
-    EXPECT_TRUE(std::isnan(f3[0]));
+    const std::vector<float> plus = fit({1, 1.5f, 2, 0.5f});
+    EXPECT_NE(plus[0], 0.0f);
+    EXPECT_EQ(fit({-1, 1.5f, -2, 0.5f}), plus);
+    EXPECT_TRUE(std::isnan(fit({1, kNaN, 2, 0.5f})[0]));
 }
 
 TEST(CalculateF, RejectsABadConditionBeforeABadCount)
 {
-    two_event_model();
+    build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
     set_condition(0, {{1, 0}});
     set_condition(1, {{0, 1}});
-    struct Case {
+    const struct {
         int n, condition;
-        std::string message;
-    };
-    const Case cases[] = {
+        const char *message;
+    } cases[] = {
         {4, 2, "Error: the specified condition (2) is out of range (0-2)\n"},
         {4, -1, "Error: the specified condition (-1) is out of range (0-2)\n"},
         {3, 7, "Error: the specified condition (7) is out of range (0-2)\n"},
         {3, 0, "Error: # time points (3) != # used in REM fit (4).\n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         testing::internal::CaptureStdout();
         const FResult r = run_f(c.n, 10, c.condition, 10);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.message);
@@ -152,32 +146,27 @@ TEST(CalculateF, ExactCases)
         float effect;
         double t, p_raw, p_corrected;
     };
-    const double s65 = std::sqrt(6.5);
+    const std::vector<std::vector<int>> two{{1, 0}, {0, 1}}, first{{1, 0}};
+    const float p3 = static_cast<float>(std::sqrt(14.0 / 3.0));
+    const float p7 = static_cast<float>(std::sqrt(6.0 / 7.0));
     const Case cases[] = {
-        {"zero beta", 0, 0, 1, {{1, 0}, {0, 1}}, 10, 100, 0, 0, 1, 1},
+        {"zero beta", 0, 0, 1, two, 10, 100, 0, 0, 1, 1},
         {"all-zero contrast row", 3, 5, 1, {{0, 0}}, 10, 100, 0, 0, 1, 1},
-        {"2 and -2: first wins", 2, -2, 1, {{1, 0}, {0, 1}}, 10, 0, 2, 2,
-         2 * std::pow(10.0 / 18.0, 5), kPMin},
-        {"-3 and 2: sign kept", -3, 2, 1, {{1, 0}, {0, 1}}, 10, 0, -3, -s65,
+        {"2 and -2: first wins", 2, -2, 1, two, 10, 0, 2, 2, 2 * std::pow(10.0 / 18.0, 5), kPMin},
+        {"-3 and 2: sign kept", -3, 2, 1, two, 10, 0, -3, -std::sqrt(6.5),
          2 * std::pow(10.0 / 23.0, 5), kPMin},
-        {"m = 2, p0 = 0.3 doubled", static_cast<float>(std::sqrt(14.0 / 3.0)), 0, 1,
-         {{1, 0}, {0, 1}}, 2, 0, static_cast<float>(std::sqrt(14.0 / 3.0)), std::sqrt(7.0 / 3.0),
-         0.6, kPMin},
-        {"m = 2, p0 = 0.7 folded", static_cast<float>(std::sqrt(6.0 / 7.0)), 0, 1,
-         {{1, 0}, {0, 1}}, 2, 0, static_cast<float>(std::sqrt(6.0 / 7.0)), std::sqrt(3.0 / 7.0),
-         0.6, kPMin},
-        {"m = 2, p0 = 1 gives 2, set to 1", 1e-5f, 0, 1, {{1, 0}, {0, 1}}, 2, 10, 1e-5f,
-         std::sqrt(5e-11), 1, 1},
-        {"m = 1, Student t with 2 dof", 1.5f, 0, 0.25f, {{1, 0}}, 2, 10, 1.5f, 3,
+        {"m = 2, p0 = 0.3 doubled", p3, 0, 1, two, 2, 0, p3, std::sqrt(7.0 / 3.0), 0.6, kPMin},
+        {"m = 2, p0 = 0.7 folded", p7, 0, 1, two, 2, 0, p7, std::sqrt(3.0 / 7.0), 0.6, kPMin},
+        {"m = 2, p0 = 1 gives 2, set to 1", 1e-5f, 0, 1, two, 2, 10, 1e-5f, std::sqrt(5e-11), 1, 1},
+        {"m = 1, Student t with 2 dof", 1.5f, 0, 0.25f, first, 2, 10, 1.5f, 3,
          1 - 3 / std::sqrt(11.0), 1},
         {"corrected p inside (0, 1)", 0, -3, 1, {{0, 1}}, 10, 10, -3, -3, f_tail(9, 1, 10),
          corrected_p(9, 10, 10)},
-        {"negative rho", 0.5f, 0, 1, {{1, 0}}, 10, 100, 0.5f, 0.5, f_tail(0.25, 1, 10), 1},
-        {"huge F floored", 1e10f, 0, 1, {{1, 0}}, 20, 1000, 1e10f, 1e10, kPMin, kPMin},
-        {"resels 0", 3, 0, 1, {{1, 0}}, 10, 0, 3, 3, f_tail(9, 1, 10), kPMin},
+        {"negative rho", 0.5f, 0, 1, first, 10, 100, 0.5f, 0.5, f_tail(0.25, 1, 10), 1},
+        {"huge F floored", 1e10f, 0, 1, first, 20, 1000, 1e10f, 1e10, kPMin, kPMin},
+        {"resels 0", 3, 0, 1, first, 10, 0, 3, 3, f_tail(9, 1, 10), kPMin},
     };
-    EXPECT_NEAR(kPMin, 3.78e-44, 0.01e-44);  // a denormal, not 0
-    two_event_model();
+    build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         REM.beta[0] = c.b0;
@@ -192,68 +181,93 @@ TEST(CalculateF, ExactCases)
         if (c.effect == 0.0f) {
             EXPECT_TRUE(std::isnan(r.effect_error));  // 0 / 0
         } else {
-            EXPECT_NEAR(r.effect_error, c.effect / std::fabs(c.t), 1e-6 * std::fabs(r.effect_error));
+            EXPECT_NEAR(r.effect_error, c.effect / std::fabs(c.t), 1e-6 * std::fabs(c.effect / c.t));
         }
         EXPECT_NEAR(r.p_raw, c.p_raw, 1e-5 * c.p_raw);
         EXPECT_NEAR(r.p_corrected, c.p_corrected, 1e-5 * c.p_corrected);
     }
 }
 
-// Random designs against a double-precision weighted least-squares fit and
-// the F distribution.  Tolerances: float32 rounding through two inversions
-// (relative 1e-4 on beta, fitted values and F, observed 1e-6); p values move
-// by up to nu/2 times the relative error of F (relative 2e-3).
-TEST(FitAndTest, RandomDesignsAgreeWithDoublePrecision)
+// Random designs (groups, square and ramp events, weights, several-row
+// contrasts) through the estimate, the fit at its value and the test of each
+// condition, against double precision.  Tolerances: float32 rounding through
+// the inversions and a few EM steps (relative 1e-4, observed 1e-5); p values
+// move by up to nu/2 times the relative error of F (relative 2e-3).
+TEST(EstimateFitAndTest, RandomDesignsAgreeWithDoublePrecision)
 {
+    using Rows = std::vector<std::vector<int>>;
     struct Design {
         int n;
         std::vector<Event> events;
-        std::vector<std::vector<std::vector<int>>> conditions;
+        std::vector<Rows> conditions;
     };
     const Design designs[] = {
         {12, {{0, {{0, 5}}}, {0, {{6, 11}}}}, {{{1, 0}}, {{1, -1}}, {{1, 0}, {0, 1}}}},
         {15,
          {{0, {{0, 6}}}, {0, {{7, 14}}}, {1, {{0, 14}}}},
-         {{{0, 0, 1}}, {{1, -1, 0}}, {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}, {{1, -1, 0}, {0, 0, 1}}}},
+         {{{0, 0, 1}}, {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}, {{1, -1, 0}, {0, 0, 1}}}},
         {16,
          {{0, {{0, 3}, {8, 11}}}, {0, {{4, 7}, {12, 15}}}, {1, {{0, 6}}}, {1, {{8, 14}}}},
          {{{1, 1, 0, 0}}, {{0, 0, 1, -1}}, {{0, 0, 1, 0}, {0, 0, 0, 1}}}},
+        {9, {{1, {{0, 8}}}, {0, {{0, 8}}}}, {{{1, 0}}, {{1, 0}, {0, 1}}}},
     };
-    Random rng(7031);
+    Random rng(20261122);
     for (const Design &d : designs) {
         const int k = static_cast<int>(d.events.size());
         for (int trial = 0; trial < 3; ++trial) {
-            std::vector<float> w(d.n);
-            for (float &v : w) v = static_cast<float>(rng.uniform(0.5, 2.0));
+            std::vector<float> w(d.n, 1.0f);  // unit weights in the first trial
+            for (float &v : w) v = trial == 0 ? 1.0f : static_cast<float>(rng.uniform(0.5, 2.0));
             build_model(d.n, d.events, w);
             EXPECT_EQ(REM_get_DOF(), d.n - k);
             const Mat X = design();
+            const double v = rng.uniform(0.5, 3.0);  // the true random-effects variance
+            double sigma2_ref = 0.0;
             std::vector<float> y(d.n), s(d.n);
-            for (int i = 0; i < d.n; ++i) {
-                s[i] = static_cast<float>(rng.uniform(0.3, 1.5));
-                y[i] = static_cast<float>(rng.normal() * 2.0 + 0.5 * X[i][0]);
+            std::vector<int> dof(d.n);
+            // New data while a step comes too close to the 5 % threshold to
+            // be sure that both computations take the same number of steps.
+            for (RemlReference ref{0, 0}; ref.margin <= 1e-3;) {
+                for (int i = 0; i < d.n; ++i) {
+                    s[i] = static_cast<float>(rng.uniform(0.4, 1.6));
+                    double mu = 0.0;
+                    for (int j = 0; j < k; ++j) mu += X[i][j] * (1.0 + j);
+                    y[i] = static_cast<float>(mu + rng.normal() * std::sqrt(s[i] * s[i] + v));
+                    dof[i] = 10 + static_cast<int>(rng.uniform() * 20);
+                }
+                ref = reml_reference(X, to_double(y), to_double(s));
+                sigma2_ref = ref.sigma2;
             }
-            const float sigma2 = static_cast<float>(rng.uniform(0.1, 2.0));
+            double total_dof = 0.0, fe = 0.0;
+            for (int i = 0; i < d.n; ++i) total_dof += dof[i];
+            for (int i = 0; i < d.n; ++i) fe += dof[i] / total_dof * s[i] * s[i];
+
+            float fe_out = 0.0f, sigma2 = 0.0f;
+            ASSERT_EQ(REM_REML_iterate(d.n, y.data(), s.data(), dof.data(), &fe_out, &sigma2), 0);
+            EXPECT_NEAR(fe_out, fe, 1e-6 * fe);
+            EXPECT_NEAR(sigma2, sigma2_ref, 1e-4 * std::fabs(sigma2_ref));
+
             std::vector<float> fitted(d.n), sums(d.n);
             ASSERT_EQ(REM_fit_final(sigma2, d.n, y.data(), s.data(), fitted.data(), sums.data()),
                       0);
-
-            const Wls ref = wls(X, to_double(s), sigma2);
-            const Vec beta = mat_vec(ref.estimator, to_double(y));
-            for (int j = 0; j < k; ++j) EXPECT_NEAR(REM.beta[j], beta[j], 1e-4 * (std::fabs(beta[j]) + 0.1));
+            const Wls fit = wls(X, to_double(s), sigma2);
+            const Vec beta = mat_vec(fit.estimator, to_double(y));
+            for (int j = 0; j < k; ++j)
+                EXPECT_NEAR(REM.beta[j], beta[j], 1e-4 * (std::fabs(beta[j]) + 0.1));
             for (int i = 0; i < d.n; ++i) {
-                double f = 0.0, sum = 0.0;
+                double f = 0.0, sum = 0.0, size = 0.1;  // size: the terms' magnitude
                 for (int j = 0; j < k; ++j) {
                     f += X[i][j] * beta[j];
+                    size += std::fabs(X[i][j] * beta[j]) + std::fabs(beta[j]);
                     if (X[i][j] != 0.0) sum += beta[j];
                 }
-                EXPECT_NEAR(fitted[i], f, 1e-4 * (std::fabs(f) + 0.1));
-                EXPECT_NEAR(sums[i], sum, 1e-4 * (std::fabs(sum) + 0.1));
+                EXPECT_NEAR(fitted[i], f, 1e-4 * size);
+                EXPECT_NEAR(sums[i], sum, 1e-4 * size);
             }
 
-            for (size_t c = 0; c < d.conditions.size(); ++c) set_condition(static_cast<int>(c), d.conditions[c]);
-            for (size_t c = 0; c < d.conditions.size(); ++c) {
-                const auto &L = d.conditions[c];
+            const int nc = static_cast<int>(d.conditions.size());
+            for (int c = 0; c < nc; ++c) set_condition(c, d.conditions[c]);
+            for (int c = 0; c < nc; ++c) {
+                const Rows &L = d.conditions[c];
                 const int m = static_cast<int>(L.size());
                 Vec cv(m, 0.0);
                 Mat M = zeros(m, m);
@@ -261,25 +275,25 @@ TEST(FitAndTest, RandomDesignsAgreeWithDoublePrecision)
                 for (int r = 0; r < m; ++r) {
                     for (int j = 0; j < k; ++j) cv[r] += L[r][j] * beta[j];
                     if (std::fabs(cv[r]) > std::fabs(effect)) effect = cv[r];
-                    for (int s2 = 0; s2 < m; ++s2)
+                    for (int r2 = 0; r2 < m; ++r2)
                         for (int i = 0; i < k; ++i)
                             for (int j = 0; j < k; ++j)
-                                M[r][s2] += L[r][i] * ref.normal_inverse[i][j] * L[s2][j];
+                                M[r][r2] += L[r][i] * fit.normal_inverse[i][j] * L[r2][j];
                 }
                 const double F = dot(cv, mat_vec(inverse(M), cv)) / m;
-                const int dof = 2 * (3 + static_cast<int>(rng.uniform() * 12));
+                const int nu = 2 * (3 + static_cast<int>(rng.uniform() * 12));
                 const int resels = static_cast<int>(rng.uniform() * 20);
-                double p = f_tail(F, m, dof);
+                double p = f_tail(F, m, nu);
                 if (m > 1) p = 2 * p > 1 ? 2 - 2 * p : 2 * p;
 
-                const FResult r = run_f(d.n, resels, static_cast<int>(c), dof);
+                const FResult r = run_f(d.n, resels, c, nu);
                 ASSERT_EQ(r.status, 0);
                 EXPECT_NEAR(r.effect, effect, 1e-4 * (std::fabs(effect) + 0.1));
                 EXPECT_NEAR(r.t, std::copysign(std::sqrt(F), effect), 1e-4 * std::sqrt(F));
-                EXPECT_NEAR(r.effect_error, effect / std::sqrt(F),
-                            1e-4 * std::fabs(effect / std::sqrt(F)));
+                const double error = effect / std::sqrt(F);
+                EXPECT_NEAR(r.effect_error, error, 1e-4 * std::fabs(error));
                 EXPECT_NEAR(r.p_raw, clamp_and_floor(p), 2e-3 * clamp_and_floor(p));
-                const double pc = clamp_and_floor(corrected_p(F, dof, resels));
+                const double pc = clamp_and_floor(corrected_p(F, nu, resels));
                 EXPECT_NEAR(r.p_corrected, pc, 2e-3 * pc);
             }
         }
