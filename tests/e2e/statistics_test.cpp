@@ -22,6 +22,7 @@ using test_support::TempDir;
 // most 5 %.
 double reml(const Mat &X, const Vec &y, const Vec &s) {
     const double n = y.size(), k = X[0].size();
+    // No errors and unit variance give unit weights: ordinary least squares.
     double sigma2 =
         rem_test::dot(y, rem_test::mat_vec(rem_test::wls(X, Vec(y.size(), 0.0), 1.0).R, y)) /
         (n - k);
