@@ -102,6 +102,47 @@ int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, f
                     float *p_corrected, float *effect_size, float *effect_error);
 int REM_get_DOF(void);
 
+// ======================================================================
+// Fast per-voxel kernel (fast_reml.cpp, fast_kernels.cpp).
+//
+// The same estimate, fit and test as REM_REML_iterate, REM_fit_final and
+// REM_calculate_F, bit for bit, but re-entrant: the design is read from REM
+// (read only) and everything else lives in a workspace that belongs to one
+// thread.  Nothing is allocated per voxel.  Create the workspace after the
+// design has been built (it follows a rebuilt design by itself).
+// ======================================================================
+typedef struct rem_workspace rem_workspace;
+
+rem_workspace *rem_workspace_create(void);
+void rem_workspace_free(rem_workspace *ws);
+
+// Same arguments, results and messages as REM_REML_iterate.
+int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *error,
+                  const int *dof, float *sigma2_fe, float *sigma2_re);
+// Same as REM_fit_final; beta and normal_inverse are kept in the workspace.
+int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *effect,
+                       const float *error, float *fitted, float *event_sum);
+// Same as REM_calculate_F, on the workspace's last fit.
+int rem_fast_calculate_F(rem_workspace *ws, int n, int resels, int condition, int dof,
+                         float *t_value, float *p_raw, float *p_corrected, float *effect_size,
+                         float *effect_error);
+
+// The last fit's amplitudes (k values) and normal_inverse (k x k, rows first).
+const float *rem_workspace_beta(const rem_workspace *ws);
+const float *rem_workspace_normal_inverse(const rem_workspace *ws);
+// 1: every voxel takes the general route (the plain arithmetic on the
+// workspace), which the fast route otherwise uses only where its shortcuts do
+// not apply (values that are not finite, a zero on the diagonal, ...).
+void rem_workspace_set_general_only(rem_workspace *ws, int general_only);
+// Number of REML or fit calls that took the general route.
+long rem_workspace_general_count(const rem_workspace *ws);
+// Name of the vector instruction set in use ("avx512", "avx2" or "sse2"); the
+// best one the processor has is chosen at start.  Selecting another (before
+// any thread runs the kernel) returns 0, or 1 when the processor lacks it.
+// All give the same bits: each lane does the same separate multiply and add.
+const char *rem_fast_instruction_set(void);
+int rem_fast_select_instruction_set(const char *name);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,775 @@
+// Fast, re-entrant per-voxel REML estimate, final fit and F test.
+//
+// The results are those of REM_REML_iterate, REM_fit_final and REM_calculate_F
+// bit for bit.  The plain operations multiply full n x n matrices although the
+// covariance S^2 + sigma2.I and its inverse W are diagonal; here the products
+// with a diagonal matrix keep only their one non-zero term, and R.R skips the
+// terms whose factors are zero.  Neither changes a single bit as long as every
+// value is finite:
+//
+//  - every plain sum is a float that starts at +0.0f and receives one term at
+//    a time.  Such a sum is never -0 (in round-to-nearest x + y is -0 only when
+//    both are -0), so a term that is +0 or -0 leaves it unchanged: leaving
+//    such terms out is exact.  A product with a zero factor is such a term
+//    unless the other factor is infinite or not a number.
+//  - a sum with a single non-zero term p is 0.0f + p, which is p except that
+//    -0 becomes +0; that is what the code below writes.
+//  - the float64 LU inversion of a diagonal matrix with finite, non-zero
+//    diagonal d (and zeros elsewhere) never pivots, and its result has
+//    1.0 / d on the diagonal and zeros (of either sign) elsewhere; rounded to
+//    float that is (float)(1.0 / (double)d).  The sign of those zeros never
+//    matters, because they only ever enter sums as factors of finite terms.
+//
+// Before a shortcut is used its conditions are checked (finite design, error
+// values, squares, variance, diagonal and weights; a finite R).  When one does
+// not hold, the voxel is computed from its start by the general route: the
+// plain arithmetic, step by step, on the workspace's own matrices.
+//
+// Only the model's design and conditions are read from REM, never written, so
+// any number of threads can work at once, each with its own workspace.
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "fast_internal.h"
+#include "rem.h"
+#include "util.h"
+
+// Rows of R.R formed together before their products with y are summed.
+#define RR_BLOCK_ROWS 8
+
+struct rem_workspace {
+    int n;    // files
+    int k;    // basis functions
+    int ld;   // padded row length of the n-column matrices
+    float **design_source;  // the REM.design that X was copied from
+    int design_finite;
+    int general_only;
+    long general_count;
+
+    float *X;      // n x k design, rows first
+    float *beta;   // k
+    float *NI;     // k x k normal_inverse
+    float *N;      // k x k normal_matrix
+    float *T;      // k x k scratch of the pseudo-inverse
+    float *WX;     // n x k  W.X
+    float *DtW;    // k x ld X'.W
+    float *E;      // k x ld estimator
+    float *fv2;    // ld: diagonal of S^2
+    float *w;      // ld: diagonal of W
+    float *t;      // ld: a matrix times y
+    float *row;    // ld: one row of the hat matrix
+    float *R;      // n x ld residue-forming matrix
+    float *RR;     // RR_BLOCK_ROWS x ld rows of R.R
+    int *start;    // n: start of the non-zero span of R's rows, rounded down
+    int *stop;     // n: end of that span, rounded up
+    int *list;     // n: columns l of a row of R with R[i][l] non-zero
+    float *coef;   // n: those R[i][l]
+
+    int dcap;      // order that D, pivot and dwork can hold
+    double *D;
+    int *pivot;
+    double *dwork;
+
+    // General route, allocated when first needed: n x ld each.
+    float *g_fv, *g_fv2, *g_v, *g_hat, *g_r, *g_rr, *g_work;
+
+    // F test: contrast values and L.N.L' for up to mcap rows.
+    int mcap;
+    float *contrast;
+    float *M;
+};
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Storage
+
+float *aligned_floats(size_t count)
+{
+    void *p = nullptr;
+    if (count == 0) count = 1;
+    if (posix_memalign(&p, 64, count * sizeof(float)) != 0 || p == nullptr)
+        alloc_error("rem_workspace: not enough memory for the voxel workspace");
+    std::memset(p, 0, count * sizeof(float));
+    return static_cast<float *>(p);
+}
+
+template <typename T>
+T *plain_array(size_t count)
+{
+    if (count == 0) count = 1;
+    void *p = std::calloc(count, sizeof(T));
+    if (p == nullptr) alloc_error("rem_workspace: not enough memory for the voxel workspace");
+    return static_cast<T *>(p);
+}
+
+void release(rem_workspace *ws)
+{
+    void *blocks[] = {ws->X,     ws->beta,  ws->NI,    ws->N,     ws->T,      ws->WX,
+                      ws->DtW,   ws->E,     ws->fv2,   ws->w,     ws->t,      ws->row,
+                      ws->R,     ws->RR,    ws->start, ws->stop,  ws->list,   ws->coef,
+                      ws->D,     ws->pivot, ws->dwork, ws->g_fv,  ws->g_fv2,  ws->g_v,
+                      ws->g_hat, ws->g_r,   ws->g_rr,  ws->g_work, ws->contrast, ws->M};
+    for (void *b : blocks) std::free(b);
+    const int general_only = ws->general_only;
+    const long general_count = ws->general_count;
+    std::memset(ws, 0, sizeof(*ws));
+    ws->general_only = general_only;
+    ws->general_count = general_count;
+}
+
+// Sizes the workspace for the design now in REM and copies the design.
+void attach_design(rem_workspace *ws)
+{
+    release(ws);
+    const int n = REM.nfiles > 0 ? REM.nfiles : 0;
+    const int k = REM.nbasis > 0 ? REM.nbasis : 0;
+    const size_t ld = static_cast<size_t>((n + REM_FAST_BLOCK - 1) / REM_FAST_BLOCK) * REM_FAST_BLOCK +
+                      (n == 0 ? REM_FAST_BLOCK : 0);
+    const size_t nn = static_cast<size_t>(n), kk = static_cast<size_t>(k);
+    ws->n = n;
+    ws->k = k;
+    ws->ld = static_cast<int>(ld);
+    ws->design_source = REM.design;
+
+    ws->X = aligned_floats(nn * kk);
+    ws->design_finite = 1;
+    for (int i = 0; i < n; ++i) {
+        for (int a = 0; a < k; ++a) {
+            const float x = REM.design[i][a];
+            ws->X[i * k + a] = x;
+            if (!std::isfinite(x)) ws->design_finite = 0;
+        }
+    }
+    ws->beta = aligned_floats(kk);
+    ws->NI = aligned_floats(kk * kk);
+    ws->N = aligned_floats(kk * kk);
+    ws->T = aligned_floats(kk * kk);
+    ws->WX = aligned_floats(nn * kk);
+    ws->DtW = aligned_floats(kk * ld);
+    ws->E = aligned_floats(kk * ld);
+    ws->fv2 = aligned_floats(ld);
+    ws->w = aligned_floats(ld);
+    ws->t = aligned_floats(ld);
+    ws->row = aligned_floats(ld);
+    ws->R = aligned_floats(nn * ld);
+    ws->RR = aligned_floats(RR_BLOCK_ROWS * ld);
+    ws->start = plain_array<int>(nn);
+    ws->stop = plain_array<int>(nn);
+    ws->list = plain_array<int>(nn);
+    ws->coef = aligned_floats(nn);
+}
+
+void ensure_double_scratch(rem_workspace *ws, int order)
+{
+    if (order <= ws->dcap) return;
+    std::free(ws->D);
+    std::free(ws->pivot);
+    std::free(ws->dwork);
+    const size_t o = static_cast<size_t>(order);
+    ws->D = plain_array<double>(o * o);
+    ws->pivot = plain_array<int>(o);
+    ws->dwork = plain_array<double>(o);
+    ws->dcap = order;
+}
+
+void ensure_general(rem_workspace *ws)
+{
+    if (ws->g_fv != nullptr) return;
+    const size_t size = static_cast<size_t>(ws->n) * static_cast<size_t>(ws->ld);
+    ws->g_fv = aligned_floats(size);
+    ws->g_fv2 = aligned_floats(size);
+    ws->g_v = aligned_floats(size);
+    ws->g_hat = aligned_floats(size);
+    ws->g_r = aligned_floats(size);
+    ws->g_rr = aligned_floats(size);
+    ws->g_work = aligned_floats(size);
+}
+
+// The checks that open REM_REML_iterate and REM_fit_final, and the
+// workspace's own: it follows the design that REM holds now.
+int check_model(rem_workspace *ws, int n)
+{
+    if (!REM.initialized) {
+        printf("Error in REM_fit_data: first initialize the REM\n");
+        return 1;
+    }
+    if (n != REM.nfiles) {
+        printf("Error: the number of data time points (%d) does not match the number in the REM "
+               "(%d).\n",
+               n, REM.nfiles);
+        exit(1);
+    }
+    if (ws->design_source != REM.design || ws->n != REM.nfiles || ws->k != REM.nbasis)
+        attach_design(ws);
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// The plain arithmetic on contiguous matrices (element [i][j] at i*ld + j).
+
+// C (rows x cols) = op(A).op(B), each element a float sum over the inner
+// index in order.
+void product(float *C, int ldc, int rows, int cols, const float *A, int lda, int transpose_a,
+             int inner, const float *B, int ldb, int transpose_b)
+{
+    for (int i = 0; i < rows; ++i) {
+        for (int j = 0; j < cols; ++j) {
+            float sum = 0.0f;
+            for (int m = 0; m < inner; ++m) {
+                const float a = transpose_a ? A[m * lda + i] : A[i * lda + m];
+                const float b = transpose_b ? B[j * ldb + m] : B[m * ldb + j];
+                sum += a * b;
+            }
+            C[i * ldc + j] = sum;
+        }
+    }
+}
+
+// In-place float64 inversion (LU with partial pivoting, inversion of U,
+// solution of inverse(A).L = inverse(U), column exchanges); n >= 0.
+int invert_double(int n, double *A, int lda, int *pivot, double *work)
+{
+    for (int k = 0; k < n; ++k) {
+        int p = k;
+        double best = std::fabs(A[k * lda + k]);
+        for (int i = k + 1; i < n; ++i) {
+            if (std::fabs(A[i * lda + k]) > best) {
+                p = i;
+                best = std::fabs(A[i * lda + k]);
+            }
+        }
+        pivot[k] = p;
+        if (A[p * lda + k] == 0.0) return 1;
+        if (p != k) {
+            for (int j = 0; j < n; ++j) {
+                const double t = A[k * lda + j];
+                A[k * lda + j] = A[p * lda + j];
+                A[p * lda + j] = t;
+            }
+        }
+        for (int i = k + 1; i < n; ++i) A[i * lda + k] = A[i * lda + k] / A[k * lda + k];
+        for (int j = k + 1; j < n; ++j)
+            for (int i = k + 1; i < n; ++i)
+                A[i * lda + j] = A[i * lda + j] - A[i * lda + k] * A[k * lda + j];
+    }
+    for (int j = 0; j < n; ++j) {
+        A[j * lda + j] = 1.0 / A[j * lda + j];
+        const double ajj = -A[j * lda + j];
+        for (int jj = 0; jj < j; ++jj) {
+            for (int i = 0; i < jj; ++i)
+                A[i * lda + j] = A[i * lda + j] + A[i * lda + jj] * A[jj * lda + j];
+            A[jj * lda + j] = A[jj * lda + j] * A[jj * lda + jj];
+        }
+        for (int i = 0; i < j; ++i) A[i * lda + j] = A[i * lda + j] * ajj;
+    }
+    for (int j = n - 1; j >= 0; --j) {
+        for (int i = j + 1; i < n; ++i) {
+            work[i] = A[i * lda + j];
+            A[i * lda + j] = 0.0;
+        }
+        if (j < n - 1) {
+            for (int c = j + 1; c < n; ++c)
+                for (int r = 0; r < n; ++r) A[r * lda + j] = A[r * lda + j] - A[r * lda + c] * work[c];
+        }
+    }
+    for (int j = n - 2; j >= 0; --j) {
+        const int p = pivot[j];
+        if (p != j) {
+            for (int r = 0; r < n; ++r) {
+                const double t = A[r * lda + j];
+                A[r * lda + j] = A[r * lda + p];
+                A[r * lda + p] = t;
+            }
+        }
+    }
+    return 0;
+}
+
+// In-place inversion of a float matrix through float64; the matrix is
+// copied back whatever the outcome (a failure leaves it partly factorised).
+void invert_float(rem_workspace *ws, int n, float *A, int lda)
+{
+    ensure_double_scratch(ws, n);
+    double *D = ws->D;
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) D[i * n + j] = static_cast<double>(A[i * lda + j]);
+    (void)invert_double(n, D, n, ws->pivot, ws->dwork);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) A[i * lda + j] = static_cast<float>(D[i * n + j]);
+}
+
+// normal_inverse = (N'.N)^-1.N' for the k x k normal matrix.
+void normal_pseudo_inverse(rem_workspace *ws)
+{
+    const int k = ws->k;
+    product(ws->T, k, k, k, ws->N, k, 1, k, ws->N, k, 0);
+    invert_float(ws, k, ws->T, k);
+    product(ws->NI, k, k, k, ws->T, k, 0, k, ws->N, k, 1);
+}
+
+// The residue step of the plain operations with W = g_v.  Without `full`
+// it stops after the estimator (the final fit reads nothing later).
+void general_residue(rem_workspace *ws, bool full)
+{
+    const int n = ws->n, k = ws->k, ld = ws->ld;
+    const float *W = ws->g_v;
+    product(ws->DtW, ld, k, n, ws->X, k, 1, n, W, ld, 0);
+    product(ws->WX, k, n, k, W, ld, 0, n, ws->X, k, 0);
+    product(ws->N, k, k, k, ws->X, k, 1, n, ws->WX, k, 0);
+    normal_pseudo_inverse(ws);
+    product(ws->E, ld, k, n, ws->NI, k, 0, k, ws->DtW, ld, 0);
+    if (!full) return;
+    product(ws->g_hat, ld, n, n, ws->X, k, 0, k, ws->E, ld, 0);
+    product(ws->g_r, ld, n, n, W, ld, 0, n, ws->g_hat, ld, 0);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) ws->g_r[i * ld + j] = W[i * ld + j] - ws->g_r[i * ld + j];
+    product(ws->g_rr, ld, n, n, ws->g_r, ld, 0, n, ws->g_r, ld, 0);
+}
+
+void general_fixed_variance(rem_workspace *ws, const float *error)
+{
+    const int n = ws->n, ld = ws->ld;
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) ws->g_fv[i * ld + j] = (i == j) ? error[i] : 0.0f;
+    product(ws->g_fv2, ld, n, n, ws->g_fv, ld, 0, n, ws->g_fv, ld, 0);
+}
+
+void general_weighting(rem_workspace *ws, float sigma2)
+{
+    const int n = ws->n, ld = ws->ld;
+    for (int i = 0; i < n; ++i) {
+        for (int j = 0; j < n; ++j) {
+            const float identity = (i == j) ? 1.0f : 0.0f;
+            ws->g_v[i * ld + j] = ws->g_fv2[i * ld + j] + sigma2 * identity;
+        }
+    }
+    invert_float(ws, n, ws->g_v, ld);
+}
+
+// t = A.y and y'.t, float sums in index order.
+void matrix_times_vector(int n, const float *A, int lda, const float *y, float *t)
+{
+    for (int i = 0; i < n; ++i) {
+        float s = 0.0f;
+        for (int j = 0; j < n; ++j) s += A[i * lda + j] * y[j];
+        t[i] = s;
+    }
+}
+
+float dot(int n, const float *y, const float *t)
+{
+    float s = 0.0f;
+    for (int i = 0; i < n; ++i) s += y[i] * t[i];
+    return s;
+}
+
+// The REML iteration of the plain operation, from the fixed variance on.
+float general_reml(rem_workspace *ws, const float *effect, const float *error)
+{
+    ensure_general(ws);
+    ++ws->general_count;
+    const int n = ws->n, k = ws->k, ld = ws->ld;
+    general_fixed_variance(ws, error);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) ws->g_v[i * ld + j] = (i == j) ? 1.0f : 0.0f;
+    invert_float(ws, n, ws->g_v, ld);
+    general_residue(ws, true);
+    matrix_times_vector(n, ws->g_r, ld, effect, ws->t);
+    const float q = dot(n, effect, ws->t);
+    float sigma2 = q / static_cast<float>(n - k);
+
+    float sigma2_new = 0.0f;
+    float change = std::fabs(1.0f - sigma2_new / sigma2);
+    while (change > 0.05f) {
+        general_weighting(ws, sigma2);
+        general_residue(ws, true);
+        product(ws->g_work, ld, n, n, ws->g_fv2, ld, 0, n, ws->g_r, ld, 0);
+        float trace = 0.0f;
+        for (int i = 0; i < n; ++i) trace += ws->g_work[i * ld + i];
+        const float a = (trace + static_cast<float>(k)) * sigma2;
+        matrix_times_vector(n, ws->g_rr, ld, effect, ws->t);
+        float b = dot(n, effect, ws->t);
+        b = (sigma2 * sigma2) * b;
+        sigma2_new = (a + b) / static_cast<float>(n);
+        change = std::fabs(1.0f - sigma2_new / sigma2);
+        sigma2 = sigma2_new;
+    }
+    return sigma2_new;
+}
+
+// ---------------------------------------------------------------------------
+// The fast route.
+
+// Weights W = diag(w) from the diagonal of S^2 + sigma2.I; false when the
+// shortcut does not apply (the inverse would not be a finite diagonal).
+bool diagonal_weights(rem_workspace *ws, float sigma2)
+{
+    if (!std::isfinite(sigma2)) return false;  // sigma2 * 0 off the diagonal
+    for (int i = 0; i < ws->n; ++i) {
+        const float d = ws->fv2[i] + sigma2 * 1.0f;
+        if (d == 0.0f || !std::isfinite(d)) return false;
+        const float w = static_cast<float>(1.0 / static_cast<double>(d));
+        if (!std::isfinite(w)) return false;
+        ws->w[i] = w;
+    }
+    return true;
+}
+
+// The residue step for W = diag(w) with a finite design: X'.W, W.X, the
+// normal matrix, its pseudo-inverse and the estimator; with `full` also R
+// (rows of the hat matrix are formed one at a time and not kept) and the
+// non-zero spans of R's rows.  False when R is not finite.
+bool fast_residue(rem_workspace *ws, bool full)
+{
+    const int n = ws->n, k = ws->k, ld = ws->ld;
+    const rem_fast_kernels *kern = rem_fast_current_kernels();
+    const float *X = ws->X;
+    const float *w = ws->w;
+
+    for (int a = 0; a < k; ++a) {
+        float *out = ws->DtW + a * ld;
+        for (int j = 0; j < n; ++j) out[j] = 0.0f + X[j * k + a] * w[j];
+    }
+    for (int i = 0; i < n; ++i)
+        for (int a = 0; a < k; ++a) ws->WX[i * k + a] = 0.0f + w[i] * X[i * k + a];
+    product(ws->N, k, k, k, X, k, 1, n, ws->WX, k, 0);
+    normal_pseudo_inverse(ws);
+    for (int a = 0; a < k; ++a) {
+        float *out = ws->E + a * ld;
+        std::memset(out, 0, sizeof(float) * static_cast<size_t>(ld));
+        for (int m = 0; m < k; ++m) kern->axpy(out, ws->NI[a * k + m], ws->DtW + m * ld, ld);
+    }
+    if (!full) return true;
+
+    float *hat_row = ws->row;
+    float finite = 0.0f;
+    for (int i = 0; i < n; ++i) {
+        std::memset(hat_row, 0, sizeof(float) * static_cast<size_t>(ld));
+        for (int a = 0; a < k; ++a) kern->axpy(hat_row, X[i * k + a], ws->E + a * ld, ld);
+        float *r = ws->R + static_cast<long>(i) * ld;
+        const float wi = w[i];
+        int first = -1, last = -1;
+        for (int j = 0; j < n; ++j) {
+            const float p = 0.0f + wi * hat_row[j];
+            const float v = (j == i ? wi : 0.0f) - p;
+            r[j] = v;
+            finite = finite + v * 0.0f;
+            if (v != 0.0f) {
+                if (first < 0) first = j;
+                last = j;
+            }
+        }
+        if (first < 0) {
+            ws->start[i] = 0;
+            ws->stop[i] = 0;
+        } else {
+            ws->start[i] = first / REM_FAST_BLOCK * REM_FAST_BLOCK;
+            ws->stop[i] = (last + REM_FAST_BLOCK) / REM_FAST_BLOCK * REM_FAST_BLOCK;
+        }
+    }
+    return finite == 0.0f;
+}
+
+// t = (R.R).y with every element of R.R formed exactly: row i of R.R is the
+// sum over l of R[i][l] times row l of R, the terms added in the order of l,
+// leaving out those with R[i][l] = 0 and the columns where row l is 0.
+void residue_squared_times(rem_workspace *ws, const float *y, float *t)
+{
+    const int n = ws->n, ld = ws->ld;
+    const rem_fast_kernels *kern = rem_fast_current_kernels();
+    for (int i0 = 0; i0 < n; i0 += RR_BLOCK_ROWS) {
+        const int rows = (n - i0 < RR_BLOCK_ROWS) ? n - i0 : RR_BLOCK_ROWS;
+        for (int b = 0; b < rows; ++b) {
+            const float *r = ws->R + static_cast<long>(i0 + b) * ld;
+            float *out = ws->RR + b * ld;
+            std::memset(out, 0, sizeof(float) * static_cast<size_t>(ld));
+            int count = 0;
+            for (int l = 0; l < n; ++l) {
+                if (r[l] != 0.0f) {
+                    ws->list[count] = l;
+                    ws->coef[count] = r[l];
+                    ++count;
+                }
+            }
+            kern->accumulate(out, ws->R, ld, ws->list, ws->coef, count, ws->start, ws->stop);
+        }
+        // (R.R).y for these rows: independent sums, each in order of j.
+        float acc[RR_BLOCK_ROWS] = {0.0f};
+        for (int j = 0; j < n; ++j) {
+            const float yj = y[j];
+            for (int b = 0; b < RR_BLOCK_ROWS; ++b) acc[b] += ws->RR[b * ld + j] * yj;
+        }
+        for (int b = 0; b < rows; ++b) t[i0 + b] = acc[b];
+    }
+}
+
+// The REML estimate by the fast route; false when a shortcut's conditions
+// fail on the way (the caller then starts the voxel again on the general
+// route).  The error values are positive here.
+bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float *result)
+{
+    const int n = ws->n, k = ws->k;
+    if (ws->general_only || !ws->design_finite || n < 1 || k < 1) return false;
+    for (int i = 0; i < n; ++i) {
+        if (!std::isfinite(error[i])) return false;
+        const float s2 = error[i] * error[i];
+        if (!std::isfinite(s2)) return false;
+        ws->fv2[i] = s2;
+    }
+
+    // Unit weights first: the inverse of the identity is the identity.
+    for (int i = 0; i < n; ++i) ws->w[i] = 1.0f;
+    if (!fast_residue(ws, true)) return false;
+    matrix_times_vector(n, ws->R, ws->ld, effect, ws->t);
+    const float q = dot(n, effect, ws->t);
+    float sigma2 = q / static_cast<float>(n - k);
+
+    float sigma2_new = 0.0f;
+    float change = std::fabs(1.0f - sigma2_new / sigma2);
+    while (change > 0.05f) {
+        if (!diagonal_weights(ws, sigma2)) return false;
+        if (!fast_residue(ws, true)) return false;
+        // Trace of S^2.R: its diagonal is s_i^2 . R[i][i].
+        float trace = 0.0f;
+        for (int i = 0; i < n; ++i) trace += ws->fv2[i] * ws->R[static_cast<long>(i) * ws->ld + i];
+        const float a = (trace + static_cast<float>(k)) * sigma2;
+        residue_squared_times(ws, effect, ws->t);
+        float b = dot(n, effect, ws->t);
+        b = (sigma2 * sigma2) * b;
+        sigma2_new = (a + b) / static_cast<float>(n);
+        change = std::fabs(1.0f - sigma2_new / sigma2);
+        sigma2 = sigma2_new;
+    }
+    *result = sigma2_new;
+    return true;
+}
+
+// The weighting of the final fit by the fast route; false when a shortcut's
+// conditions do not hold.
+bool fast_fit_weights(rem_workspace *ws, float sigma2_re, const float *error)
+{
+    const int n = ws->n, k = ws->k;
+    if (ws->general_only || !ws->design_finite || n < 1 || k < 1) return false;
+    for (int i = 0; i < n; ++i) {
+        if (!std::isfinite(error[i])) return false;
+        const float s2 = error[i] * error[i];
+        if (!std::isfinite(s2)) return false;
+        ws->fv2[i] = s2;
+    }
+    return diagonal_weights(ws, sigma2_re);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Public operations
+
+rem_workspace *rem_workspace_create(void)
+{
+    rem_workspace *ws = plain_array<rem_workspace>(1);
+    if (REM.initialized) attach_design(ws);
+    return ws;
+}
+
+void rem_workspace_free(rem_workspace *ws)
+{
+    if (ws == nullptr) return;
+    release(ws);
+    std::free(ws);
+}
+
+const float *rem_workspace_beta(const rem_workspace *ws) { return ws->beta; }
+
+const float *rem_workspace_normal_inverse(const rem_workspace *ws) { return ws->NI; }
+
+void rem_workspace_set_general_only(rem_workspace *ws, int general_only)
+{
+    ws->general_only = general_only;
+}
+
+long rem_workspace_general_count(const rem_workspace *ws) { return ws->general_count; }
+
+int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *error,
+                  const int *dof, float *sigma2_fe, float *sigma2_re)
+{
+    if (check_model(ws, n)) return 1;
+
+    int unusable = 0;
+    for (int i = 0; i < n; ++i) {
+        if (!(error[i] > 0.0f)) unusable = 1;
+    }
+    if (unusable) {
+        *sigma2_fe = 0.0f;
+        *sigma2_re = 0.0f;
+        return -1;
+    }
+
+    int total_dof = 0;
+    for (int i = 0; i < n; ++i) total_dof += dof[i];
+    float fe = 0.0f;
+    for (int i = 0; i < n; ++i) {
+        const float weight = static_cast<float>(dof[i]) / static_cast<float>(total_dof);
+        fe += weight * error[i] * error[i];
+    }
+    *sigma2_fe = fe;
+
+    float re = 0.0f;
+    if (!fast_reml(ws, effect, error, &re)) re = general_reml(ws, effect, error);
+    *sigma2_re = re;
+    return 0;
+}
+
+int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *effect,
+                       const float *error, float *fitted, float *event_sum)
+{
+    if (check_model(ws, n)) return 1;
+    const int k = ws->k;
+
+    int zero_error = 0;
+    for (int i = 0; i < n; ++i) {
+        if (error[i] == 0.0f) zero_error = 1;
+    }
+    if (zero_error) {
+        for (int i = 0; i < n; ++i) {
+            fitted[i] = 0.0f;
+            event_sum[i] = 0.0f;
+        }
+        for (int j = 0; j < k; ++j) {
+            ws->beta[j] = 0.0f;
+            for (int jj = 0; jj < k; ++jj) ws->NI[j * k + jj] = 0.0f;
+        }
+        return 0;
+    }
+
+    if (fast_fit_weights(ws, sigma2_re, error)) {
+        fast_residue(ws, false);
+    } else {
+        ensure_general(ws);
+        ++ws->general_count;
+        general_fixed_variance(ws, error);
+        general_weighting(ws, sigma2_re);
+        general_residue(ws, false);
+    }
+
+    for (int j = 0; j < k; ++j) {
+        float s = 0.0f;
+        for (int i = 0; i < n; ++i) s += ws->E[j * ws->ld + i] * effect[i];
+        ws->beta[j] = s;
+    }
+    for (int i = 0; i < n; ++i) {
+        float value = 0.0f;
+        float sum = 0.0f;
+        for (int j = 0; j < k; ++j) {
+            const float x = ws->X[i * k + j];
+            value += x * ws->beta[j];
+            if (x != 0.0f) sum += ws->beta[j];
+        }
+        fitted[i] = value;
+        event_sum[i] = sum;
+    }
+    return 0;
+}
+
+int rem_fast_calculate_F(rem_workspace *ws, int n, int resels, int condition, int dof,
+                         float *t_value, float *p_raw, float *p_corrected, float *effect_size,
+                         float *effect_error)
+{
+    if (condition < 0 || condition >= REM.nconditions) {
+        printf("Error: the specified condition (%d) is out of range (0-%d)\n", condition,
+               REM.nconditions);
+        return 1;
+    }
+    if (n != REM.nfiles) {
+        printf("Error: # time points (%d) != # used in REM fit (%d).\n", n, REM.nfiles);
+        return 1;
+    }
+    if (ws->design_source != REM.design || ws->n != REM.nfiles || ws->k != REM.nbasis)
+        attach_design(ws);
+
+    const int k = ws->k;
+    const int m = REM.condition_nrows[condition];
+    int **L = REM.condition_contrast[condition];
+    const float *N = ws->NI;
+    if (m > ws->mcap) {
+        std::free(ws->contrast);
+        std::free(ws->M);
+        ws->contrast = aligned_floats(static_cast<size_t>(m));
+        ws->M = aligned_floats(static_cast<size_t>(m) * static_cast<size_t>(m));
+        ws->mcap = m;
+    }
+    float *contrast = ws->contrast;
+    float *M = ws->M;
+
+    float largest = 0.0f;
+    for (int r = 0; r < m; ++r) {
+        float c = 0.0f;
+        for (int j = 0; j < k; ++j) c += L[r][j] * ws->beta[j];
+        contrast[r] = c;
+        if (std::fabs(c) > std::fabs(largest)) largest = c;
+    }
+    *effect_size = largest;
+
+    for (int r = 0; r < m; ++r) {
+        for (int s = 0; s < m; ++s) {
+            float sum = 0.0f;
+            for (int i = 0; i < k; ++i) {
+                for (int j = 0; j < k; ++j) sum += L[r][i] * N[i * k + j] * L[s][j];
+            }
+            M[r * m + s] = sum;
+        }
+    }
+    invert_float(ws, m, M, m);
+
+    float Q = 0.0f;
+    for (int r = 0; r < m; ++r) {
+        for (int s = 0; s < m; ++s) Q += contrast[r] * M[r * m + s] * contrast[s];
+    }
+    const float F = Q / static_cast<float>(m);
+
+    float t = static_cast<float>(std::sqrt(static_cast<double>(F)));
+    *effect_error = *effect_size / t;
+
+    const float nu = static_cast<float>(dof);
+    const float numerator = 0.1169f * ((nu - 1) / nu * F - 1);
+    const float base = 1 + F / nu;
+    const float exponent = (nu - 1) / 2;
+    const float rho = static_cast<float>(
+        numerator / std::pow(static_cast<double>(base), static_cast<double>(exponent)));
+    float corrected = resels * rho;
+
+    if (*effect_size < 0.0f) t = -t;
+
+    float raw;
+    if (*effect_size == 0.0f) {
+        t = 0.0f;
+        raw = 1.0f;
+        corrected = 1.0f;
+    } else {
+        const float x = nu / (m * F + nu);
+        const float p0 = static_cast<float>(ibeta(0.5 * static_cast<double>(nu),
+                                                  0.5 * static_cast<double>(m),
+                                                  static_cast<double>(x)));
+        if (m == 1) {
+            raw = p0;
+        } else {
+            raw = 2 * p0;
+            if (raw == 2.0f) raw = 1.0f;
+            if (raw > 1.0f) raw = 2 - raw;
+        }
+    }
+
+    if (corrected > 1.0f || corrected < 0.0f) corrected = 1.0f;
+
+    const float p_min = static_cast<float>(std::exp(-100.0));
+    if (raw < p_min) raw = p_min;
+    if (corrected < p_min) corrected = p_min;
+
+    *t_value = t;
+    *p_raw = raw;
+    *p_corrected = corrected;
+    return 0;
+}

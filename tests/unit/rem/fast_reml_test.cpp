@@ -1,0 +1,311 @@
+// The fast per-voxel kernel against the plain operations, bit for bit: REML
+// estimates, final fits and F tests on random designs and random voxels,
+// with special values (zeros, negatives, NaN, infinities, overflowing and
+// underflowing squares, exactly fitting data) and degenerate designs, for
+// every vector instruction set the processor has.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "rem.h"
+#include "rem_test_model.h"
+
+using namespace rem_test;
+
+namespace {
+
+const float kInf = std::numeric_limits<float>::infinity();
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+bool same_bits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+std::string show(float v)
+{
+    uint32_t u;
+    std::memcpy(&u, &v, sizeof u);
+    char text[64];
+    snprintf(text, sizeof text, "%.9g (0x%08x)", static_cast<double>(v), u);
+    return text;
+}
+
+#define EXPECT_BITS(plain, fast, what) \
+    EXPECT_TRUE(same_bits(plain, fast)) << what << ": plain " << show(plain) << ", fast " << show(fast)
+
+struct Design {
+    const char *name;
+    int n;
+    std::vector<Event> events;
+    std::vector<float> weights;
+    std::vector<std::vector<std::vector<int>>> conditions;
+    // With a rank-deficient design the iteration need not settle (it has no
+    // step limit): the estimate is compared only on data with a NaN effect,
+    // where it stops after the start.
+    bool reml_stops_only_on_nan = false;
+};
+
+// How the voxel values are drawn.
+enum class Data { Normal, Special, ExactFit };
+
+const float special_values[] = {0.0f,  -0.0f, -1.5f, kNaN,   kInf,   -kInf,
+                                1e20f, 1e-23f, 3e38f, 1e-40f, -2.0f, 1e-30f};
+
+struct Voxel {
+    std::vector<float> y, s;
+    std::vector<int> dof;
+};
+
+Voxel draw_voxel(Random &rng, int n, Data data)
+{
+    Voxel v;
+    v.y.resize(n);
+    v.s.resize(n);
+    v.dof.resize(n);
+    const double level = rng.uniform(-3.0, 3.0);
+    const double spread = std::exp(rng.uniform(-3.0, 2.0));
+    for (int i = 0; i < n; ++i) {
+        v.y[i] = static_cast<float>(level + spread * rng.normal());
+        v.s[i] = static_cast<float>(std::exp(rng.uniform(-2.0, 1.0)));
+        v.dof[i] = 5 + static_cast<int>(rng.uniform() * 40);
+    }
+    if (data == Data::ExactFit) {
+        // Small integer amplitudes on a design of small exact values: the
+        // residue is exactly 0.
+        for (int i = 0; i < n; ++i) {
+            float f = 0.0f;
+            for (int a = 0; a < REM.nbasis; ++a)
+                f += REM.design[i][a] * static_cast<float>(a + 2 - 3 * (a % 2));
+            v.y[i] = f;
+        }
+    }
+    if (data == Data::Special) {
+        const int count = 1 + static_cast<int>(rng.uniform() * 2);
+        for (int c = 0; c < count; ++c) {
+            const int i = static_cast<int>(rng.uniform() * n);
+            const float value = special_values[static_cast<int>(rng.uniform() * 12)];
+            if (rng.uniform() < 0.5) v.y[i] = value;
+            else v.s[i] = value;
+        }
+    }
+    return v;
+}
+
+// Random-effects variances for the final fit: the REML value, rescaled,
+// zero, negative, one that cancels a file's s^2 exactly, tiny and not finite.
+std::vector<float> fit_variances(Random &rng, float re, const Voxel &v)
+{
+    const float s0 = v.s[0];
+    return {re,       re * static_cast<float>(rng.uniform(0.2, 3.0)), 0.0f, -0.5f * re,
+            -(s0 * s0), 1e-41f - s0 * s0,                              kNaN, kInf};
+}
+
+// One voxel through both: REML, then the final fit for several variances,
+// each followed by every condition's test.  Without `reml` the estimate is
+// left out and the fit starts from a fixed variance.
+void compare_voxel(rem_workspace *ws, const Voxel &v, bool reml, Random &rng,
+                   const std::string &where)
+{
+    const int n = static_cast<int>(v.y.size());
+    float fe_p = 7.0f, re_p = 0.7f, fe_f = 8.0f, re_f = 0.7f;
+    if (reml) {
+        const int rp = REM_REML_iterate(n, v.y.data(), v.s.data(), v.dof.data(), &fe_p, &re_p);
+        const int rf = rem_fast_reml(ws, n, v.y.data(), v.s.data(), v.dof.data(), &fe_f, &re_f);
+        ASSERT_EQ(rp, rf) << where;
+        EXPECT_BITS(fe_p, fe_f, where + " sigma2_fe");
+        EXPECT_BITS(re_p, re_f, where + " sigma2_re");
+    }
+
+    // The fit passes the error values as they are (not their magnitudes).
+    Voxel signed_errors = v;
+    for (int i = 0; i < n; ++i)
+        if (rng.uniform() < 0.2) signed_errors.s[i] = -signed_errors.s[i];
+
+    for (float sigma2 : fit_variances(rng, re_p, v)) {
+        const std::string at = where + " fit variance " + show(sigma2);
+        std::vector<float> fit_p(n, 7.0f), sum_p(n, 7.0f), fit_f(n, 8.0f), sum_f(n, 8.0f);
+        const int ap = REM_fit_final(sigma2, n, signed_errors.y.data(), signed_errors.s.data(),
+                                     fit_p.data(), sum_p.data());
+        const int af = rem_fast_fit_final(ws, sigma2, n, signed_errors.y.data(),
+                                          signed_errors.s.data(), fit_f.data(), sum_f.data());
+        ASSERT_EQ(ap, af) << at;
+        for (int i = 0; i < n; ++i) {
+            EXPECT_BITS(fit_p[i], fit_f[i], at + " fitted " + std::to_string(i));
+            EXPECT_BITS(sum_p[i], sum_f[i], at + " event_sum " + std::to_string(i));
+        }
+        const int k = REM.nbasis;
+        for (int a = 0; a < k; ++a) {
+            EXPECT_BITS(REM.beta[a], rem_workspace_beta(ws)[a], at + " beta");
+            for (int b = 0; b < k; ++b)
+                EXPECT_BITS(REM.normal_inverse[a][b], rem_workspace_normal_inverse(ws)[a * k + b],
+                            at + " normal_inverse");
+        }
+        for (int c = 0; c < REM.nconditions; ++c) {
+            float p[5] = {7, 7, 7, 7, 7}, f[5] = {8, 8, 8, 8, 8};
+            const int resels = 1 + c * 37;
+            const int dof = 3 + c * 11;
+            const int cp = REM_calculate_F(n, resels, c, dof, &p[0], &p[1], &p[2], &p[3], &p[4]);
+            const int cf = rem_fast_calculate_F(ws, n, resels, c, dof, &f[0], &f[1], &f[2], &f[3],
+                                                &f[4]);
+            ASSERT_EQ(cp, cf) << at;
+            const char *names[5] = {"t", "p_raw", "p_corrected", "effect_size", "effect_error"};
+            for (int o = 0; o < 5; ++o)
+                EXPECT_BITS(p[o], f[o], at + " condition " + std::to_string(c) + " " + names[o]);
+        }
+    }
+}
+
+void define_conditions(const Design &d)
+{
+    REM.nconditions = 0;
+    for (size_t c = 0; c < d.conditions.size(); ++c)
+        set_condition(static_cast<int>(c), d.conditions[c]);
+}
+
+const std::vector<Design> &designs()
+{
+    static const std::vector<Design> all = {
+        {"two groups", 24, {{0, {{0, 11}}}, {0, {{12, 23}}}}, {},
+         {{{1, 0}}, {{0, 1}}, {{1, -1}}, {{1, 0}, {0, 1}}}},
+        {"interleaved groups and a ramp", 30,
+         {{0, {{0, 4}, {10, 14}, {20, 24}}}, {0, {{5, 9}, {15, 19}, {25, 29}}}, {1, {{0, 29}}}},
+         {},
+         {{{1, -1, 0}}, {{0, 0, 1}}, {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}}},
+        {"weights and overlapping events", 17,
+         {{0, {{0, 16}}}, {1, {{3, 12}}}, {0, {{8, 16}}}},
+         {1.0f, 2.0f, 0.5f, 3.0f, 1.0f, 1.5f, 2.5f, 0.25f, 1.0f, 4.0f, 1.0f, 1.0f, 2.0f, -1.0f,
+          1.0f, 0.75f, 1.25f},
+         {{{1, 0, 0}}, {{0, 1, -1}}, {{1, 1, 1}, {0, 1, 0}}}},
+        {"single global mean", 9, {{0, {{0, 8}}}}, {}, {{{1}}, {{-1}}}},
+        {"singular design", 12, {{0, {{0, 5}}}, {0, {{0, 5}}}, {0, {{6, 11}}}}, {},
+         {{{1, -1, 0}}, {{0, 0, 1}}}, true},
+        {"as many events as files", 3, {{0, {{0, 0}}}, {0, {{1, 1}}}, {0, {{2, 2}}}}, {},
+         {{{1, 0, 0}}, {{1, -1, 0}, {0, 1, -1}}}},
+        {"file in no event", 10, {{0, {{0, 3}}}, {0, {{6, 9}}}}, {}, {{{1, -1}}}},
+        {"single-file ramp (not a number)", 8, {{0, {{0, 7}}}, {1, {{4, 4}}}}, {}, {{{1, 0}}}},
+        {"zero mean weight (infinite)", 6, {{0, {{0, 5}}}, {0, {{0, 1}}}},
+         {1.0f, -1.0f, 1.0f, 1.0f, 1.0f, 1.0f}, {{{1, 0}}}},
+        {"large groups", 70, {{0, {{0, 34}}}, {0, {{35, 69}}}}, {}, {{{1, -1}}}},
+    };
+    return all;
+}
+
+// Returns how many calls took the general route.
+long run_design(const Design &d, int voxels, uint64_t seed, bool general_only)
+{
+    build_model(d.n, d.events, d.weights);
+    define_conditions(d);
+    rem_workspace *ws = rem_workspace_create();
+    rem_workspace_set_general_only(ws, general_only ? 1 : 0);
+    Random rng(seed);
+    const Data kinds[] = {Data::Normal, Data::Special, Data::ExactFit};
+    for (int v = 0; v < voxels; ++v) {
+        const Data kind = kinds[v % 3];
+        Voxel voxel = draw_voxel(rng, d.n, kind);
+        if (d.reml_stops_only_on_nan && v % 2 == 0) voxel.y[0] = kNaN;
+        compare_voxel(ws, voxel, v % 2 == 0 || !d.reml_stops_only_on_nan, rng,
+                      std::string(d.name) + " voxel " + std::to_string(v) + " (" +
+                          rem_fast_instruction_set() + ")");
+        if (testing::Test::HasFatalFailure()) break;
+    }
+    const long general = rem_workspace_general_count(ws);
+    rem_workspace_free(ws);
+    return general;
+}
+
+std::vector<std::string> instruction_sets()
+{
+    std::vector<std::string> names;
+    for (const char *name : {"sse2", "avx2", "avx512"})
+        if (rem_fast_select_instruction_set(name) == 0) names.push_back(name);
+    return names;
+}
+
+}  // namespace
+
+TEST(FastReml, MatchesThePlainOperationsBitForBit)
+{
+    for (const std::string &isa : instruction_sets()) {
+        ASSERT_EQ(rem_fast_select_instruction_set(isa.c_str()), 0);
+        uint64_t seed = 11;
+        for (const Design &d : designs()) {
+            const int voxels = d.n > 40 ? 6 : 60;
+            const long general = run_design(d, voxels, seed++, false);
+            // Of the nine calls per voxel, four fits have variances that
+            // need the general route; so do special values (a third of the
+            // voxels).  A finite design must take the fast route otherwise.
+            bool finite = true;
+            for (int i = 0; i < REM.nfiles; ++i)
+                for (int a = 0; a < REM.nbasis; ++a) finite = finite && std::isfinite(REM.design[i][a]);
+            if (finite) {
+                EXPECT_LT(general, voxels * 6) << d.name;
+            }
+        }
+    }
+}
+
+// The general route (used where a shortcut does not apply) on ordinary data.
+TEST(FastReml, GeneralRouteMatchesThePlainOperations)
+{
+    uint64_t seed = 101;
+    for (const Design &d : designs()) run_design(d, d.n > 40 ? 3 : 15, seed++, true);
+}
+
+// Ordinary voxels must take the fast route, or the comparison above proves
+// little; special values must send a voxel down the general route.
+TEST(FastReml, OrdinaryVoxelsTakeTheFastRoute)
+{
+    build_model(20, {{0, {{0, 9}}}, {0, {{10, 19}}}});
+    rem_workspace *ws = rem_workspace_create();
+    Random rng(5);
+    for (int v = 0; v < 30; ++v) {
+        const Voxel voxel = draw_voxel(rng, 20, Data::Normal);
+        float fe, re;
+        std::vector<float> fitted(20), sums(20);
+        ASSERT_EQ(rem_fast_reml(ws, 20, voxel.y.data(), voxel.s.data(), voxel.dof.data(), &fe, &re), 0);
+        rem_fast_fit_final(ws, re, 20, voxel.y.data(), voxel.s.data(), fitted.data(), sums.data());
+    }
+    EXPECT_EQ(rem_workspace_general_count(ws), 0);
+
+    Voxel voxel = draw_voxel(rng, 20, Data::Normal);
+    voxel.s[3] = kInf;
+    float fe, re;
+    rem_fast_reml(ws, 20, voxel.y.data(), voxel.s.data(), voxel.dof.data(), &fe, &re);
+    EXPECT_EQ(rem_workspace_general_count(ws), 1);
+    rem_workspace_free(ws);
+}
+
+// Messages and results of the checks are those of the plain operations.
+TEST(FastReml, ChecksAndMessages)
+{
+    REM.initialized = 0;
+    rem_workspace *ws = rem_workspace_create();
+    const float y[1] = {1.0f}, s[1] = {1.0f};
+    const int d[1] = {1};
+    float fe = 7.0f, re = 7.0f, out[2];
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(rem_fast_reml(ws, 1, y, s, d, &fe, &re), 1);
+    EXPECT_EQ(rem_fast_fit_final(ws, 1.0f, 1, y, s, out, out + 1), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error in REM_fit_data: first initialize the REM\n"
+              "Error in REM_fit_data: first initialize the REM\n");
+
+    // The workspace follows the design built after it was created.
+    build_model(4, {{0, {{0, 3}}}});
+    set_condition(0, {{1}});
+    float t, p, pc, es, ee;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(rem_fast_calculate_F(ws, 4, 1, 1, 10, &t, &p, &pc, &es, &ee), 1);
+    EXPECT_EQ(rem_fast_calculate_F(ws, 3, 1, 0, 10, &t, &p, &pc, &es, &ee), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error: the specified condition (1) is out of range (0-1)\n"
+              "Error: # time points (3) != # used in REM fit (4).\n");
+    const float y4[4] = {1, 2, 4, 3}, s4[4] = {1, 1, 2, 1};
+    const int d4[4] = {5, 5, 5, 5};
+    EXPECT_EQ(rem_fast_reml(ws, 4, y4, s4, d4, &fe, &re), 0);
+    EXPECT_EXIT(rem_fast_reml(ws, 3, y4, s4, d4, &fe, &re), testing::ExitedWithCode(1),
+                "");
+    rem_workspace_free(ws);
+}
