@@ -21,12 +21,6 @@ TEST(Transform, DiagonalExampleAndItsInverse) {
     expect_matrix(invert_mat44(scale_and_shift_to_mat44(1, 1, 1, 0, 0, 0, 1, 1, 1)), identity);
 }
 
-TEST(Transform, GeneralAffineCopiesTheThreeRows) {
-    const float rx[4] = {0.5f, 0.1f, 0, -90}, ry[4] = {-0.1f, 2, 0, 126}, rz[4] = {0, 0, 3, -72};
-    expect_matrix(general_affine_to_mat44(rx, ry, rz),
-                  {{0.5f, 0.1f, 0, -90}, {-0.1f, 2, 0, 126}, {0, 0, 3, -72}, {0, 0, 0, 1}});
-}
-
 TEST(TransformDeathTest, SingularMatrixEndsTheProcessWithTheRowMessage) {
     mat44 singular = scale_and_shift_to_mat44(1, 0, 1, 0, 0, 0, 1, 1, 1);
     // The message goes to standard output, which the child joins to the

@@ -7,44 +7,54 @@
 
 namespace {
 
-TEST(DecodeVistraKeyword, EveryKeyword) {
+TEST(DecodeVistraKeyword, EveryKeywordAndItsMessages) {
+    const char *const storage =
+        "Error: arguments for storage-type are ...\n"
+        "    short, float, long, unsigned-short, unsigned-char\n";
     const struct {
         const char *line;
         int result;
         int volume_header::*field;
         int value;
+        const char *message;
     } cases[] = {
-        {"x 64", 0, &volume_header::nx, 64},
-        {"  y\t48 extra", 0, &volume_header::ny, 48},
-        {"z 30", 0, &volume_header::nz, 30},
-        {"t two", 1, &volume_header::nt, 0},
-        {"byte-order 0", 0, &volume_header::byte_order, 0},
-        {"degrees-of-freedom 12", 0, &volume_header::degrees_of_freedom, 12},
-        {"matrix 32 32 10 2", 0, &volume_header::nt, 2},
-        {"matrix 32 32 10", 0, &volume_header::nz, 10},
-        {"matrix 32 32", 1, &volume_header::ny, 32},
-        {"data-type magnitude", 0, &volume_header::data_type, 0},
-        {"data-type complex", 0, &volume_header::data_type, 1},
-        {"data-type real-imaginary", 0, &volume_header::data_type, 1},
-        {"data-type magnitude-phase", 0, &volume_header::data_type, 2},
-        {"storage-type short", 0, &volume_header::header_storage_type, 1},
-        {"storage-type float", 0, &volume_header::header_storage_type, 2},
-        {"storage-type long", 0, &volume_header::header_storage_type, 3},
-        {"storage-type unsigned-short", 0, &volume_header::header_storage_type, 4},
-        {"storage-type unsigned-char", 0, &volume_header::header_storage_type, 5},
-        {"registration PW-rat", 0, &volume_header::registration, 1},
-        {"registration paxinos-rat", 0, &volume_header::registration, -1},
-        {"registration PW-rat", 0, &volume_header::data_type, 0},
-        {"information: subject 3", -1, &volume_header::nx, 0},
-        {"info", -1, &volume_header::nx, 0},
-        {"X 64", 1, &volume_header::nx, 0},
+        {"x 64", 0, &volume_header::nx, 64, ""},
+        {"  y\t48 extra", 0, &volume_header::ny, 48, ""},
+        {"z 30", 0, &volume_header::nz, 30, ""},
+        {"t two", 1, &volume_header::nt, 0, ""},
+        {"byte-order 0", 0, &volume_header::byte_order, 0, ""},
+        {"degrees-of-freedom 12", 0, &volume_header::degrees_of_freedom, 12, ""},
+        {"matrix 32 32 10 2", 0, &volume_header::nt, 2, ""},
+        {"matrix 32 32 10", 0, &volume_header::nz, 10, ""},
+        {"matrix 32 32", 1, &volume_header::ny, 32, ""},
+        {"data-type magnitude", 0, &volume_header::data_type, 0, ""},
+        {"data-type real-imaginary", 0, &volume_header::data_type, 1, ""},
+        {"data-type magnitude-phase", 0, &volume_header::data_type, 2, ""},
+        {"data-type phase", 1, &volume_header::data_type, 0,
+         "Error: arguments for data-type are\n1) magnitude (this is the default),\n"
+         "2) complex (or real-imaginary),\n3) magnitude-phase\n"},
+        {"storage-type short", 0, &volume_header::header_storage_type, 1, ""},
+        {"storage-type float", 0, &volume_header::header_storage_type, 2, ""},
+        {"storage-type unsigned-char", 0, &volume_header::header_storage_type, 5, ""},
+        {"storage-type", 1, &volume_header::header_storage_type, 0, storage},
+        {"storage-type double", 1, &volume_header::header_storage_type, 0, storage},
+        {"registration paxinos-rat", 0, &volume_header::registration, -1, ""},
+        {"registration PW-rat", 0, &volume_header::data_type, 0, ""},
+        {"registration human", 1, &volume_header::data_type, 0,
+         "Error: arguments for registration are\n1) paxinos-rat, and\n"
+         "2) nothing else (paxinos-monkey later?)\n"},
+        {"direction 1 0.5 1", 1, &volume_header::nx, 0,
+         "Error: allowed values for direction (1,0.5,1) are 1 and -1.\n"},
+        {"information: subject 3", -1, &volume_header::nx, 0, ""},
+        {"info", -1, &volume_header::nx, 0, ""},
+        {"X 64", 1, &volume_header::nx, 0, ""},
     };
     for (const auto &c : cases) {
         volume_header h = {};
         h.data_type = 7;
         ::testing::internal::CaptureStdout();
         EXPECT_EQ(decode_vistra_header_keyword(c.line, &h), c.result) << c.line;
-        EXPECT_EQ(::testing::internal::GetCapturedStdout(), "") << c.line;
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), c.message) << c.line;
         EXPECT_EQ(h.*c.field, c.value) << c.line;
     }
 
@@ -58,31 +68,6 @@ TEST(DecodeVistraKeyword, EveryKeyword) {
     EXPECT_EQ(h.origin[1], 126.0f);
     EXPECT_EQ(decode_vistra_header_keyword("direction 1 -1 1", &h), 0);
     EXPECT_EQ(h.direction[1], -1.0f);
-}
-
-TEST(DecodeVistraKeyword, Messages) {
-    const char *const storage =
-        "Error: arguments for storage-type are ...\n"
-        "    short, float, long, unsigned-short, unsigned-char\n";
-    const struct {
-        const char *line, *message;
-    } cases[] = {
-        {"direction 1 0.5 1", "Error: allowed values for direction (1,0.5,1) are 1 and -1.\n"},
-        {"data-type phase",
-         "Error: arguments for data-type are\n1) magnitude (this is the "
-         "default),\n2) complex (or real-imaginary),\n3) magnitude-phase\n"},
-        {"storage-type", storage},
-        {"storage-type double", storage},
-        {"registration human",
-         "Error: arguments for registration are\n1) paxinos-rat, and\n"
-         "2) nothing else (paxinos-monkey later?)\n"},
-    };
-    for (const auto &c : cases) {
-        volume_header h = {};
-        ::testing::internal::CaptureStdout();
-        EXPECT_EQ(decode_vistra_header_keyword(c.line, &h), 1) << c.line;
-        EXPECT_EQ(::testing::internal::GetCapturedStdout(), c.message);
-    }
 }
 
 class ReadVistraHeader : public io_test::ScratchDirTest {};
