@@ -11,7 +11,8 @@ namespace {
 // A model of one file with one event per character of names.
 void define_events(const std::string &names) {
     rem_test::build_model(1, std::vector<rem_test::Event>(names.size(), {0, {{0, 0}}}));
-    for (size_t e = 0; e < names.size(); ++e) REM.event_number[e] = REM_EventNumberFromChar(names[e]);
+    for (size_t e = 0; e < names.size(); ++e)
+        REM.event_number[e] = REM_EventNumberFromChar(names[e]);
 }
 
 }  // namespace

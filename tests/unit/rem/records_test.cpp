@@ -28,5 +28,6 @@ TEST(EventCharacters, NumbersAndCharactersMatch) {
             dup2(2, 1);
             REM_EventChar(62);
         },
-        testing::ExitedWithCode(1), "Programming error: event number 62 apparently is not defined!");
+        testing::ExitedWithCode(1),
+        "Programming error: event number 62 apparently is not defined!");
 }

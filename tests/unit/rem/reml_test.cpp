@@ -62,63 +62,50 @@ TEST(ModelCheckDeathTest, EstimateAndFitRefuseAMissingModelAndAWrongCount)
 
 // Every error value must be positive: 0, -0, a negative value or NaN give -1
 // and two zeros.  Otherwise the fixed-effects variance is s^2 weighted by the
-// files' degrees of freedom.
-TEST(RemlIterate, ErrorValuesAndFixedEffectsVariance)
+// files' degrees of freedom.  Data constant within each group leave a residue
+// of exactly 0 (q = 0): the start is 0, the change 0/0 and no step runs, so
+// the weighting stays the unit start.
+TEST(RemlIterate, ExactCases)
 {
     struct Case {
-        std::vector<float> s;
+        std::vector<float> y, s;
         std::vector<int> dof;
         int status;
-        float fe, tolerance;
+        float fe, re;  // re: NaN where the estimate is not checked here
     };
+    const std::vector<float> y{1.0f, 2.5f, -1.0f, 0.5f};
     const std::vector<int> ten(4, 10);
     const Case cases[] = {
-        {{0, 1, 1, 1}, ten, -1, 0, 0},
-        {{1, 1, 1, -0.0f}, ten, -1, 0, 0},
-        {{1, -2, 1, 1}, ten, -1, 0, 0},
-        {{1, 1, kNaN, 1}, ten, -1, 0, 0},
-        {{kNaN, -1, 0, 1}, ten, -1, 0, 0},
-        {{0.5f, 0.5f, 0.5f, 0.5f}, {12, 12, 12, 12}, 0, 0.25f, 0},  // equal: s^2 exactly
-        {{1, 2, 1, 2}, {1, 3, 1, 3}, 0, 3.25f, 0},                   // 1/8 + 3/8*4, twice
-        {{0.3f, 0.3f, 0.3f, 0.3f}, {7, 7, 7, 7}, 0, 0.09f, 1e-7f},
-        {{1, 3, 2, 1}, {0, 10, 0, 0}, 0, 9.0f, 0},  // one file carries all
+        {y, {0, 1, 1, 1}, ten, -1, 0, 0},
+        {y, {1, 1, 1, -0.0f}, ten, -1, 0, 0},
+        {y, {1, -2, 1, 1}, ten, -1, 0, 0},
+        {y, {1, 1, kNaN, 1}, ten, -1, 0, 0},
+        {y, {kNaN, -1, 0, 1}, ten, -1, 0, 0},
+        {y, {0.5f, 0.5f, 0.5f, 0.5f}, {12, 12, 12, 12}, 0, 0.25f, kNaN},  // equal: s^2
+        {y, {1, 2, 1, 2}, {1, 3, 1, 3}, 0, 3.25f, kNaN},                   // 1/8 + 3/8*4, twice
+        {y, {1, 3, 2, 1}, {0, 10, 0, 0}, 0, 9.0f, kNaN},                   // one file carries all
+        {{2, 2, -1, -1}, {0.5f, 1, 1, 0.5f}, {5, 5, 5, 5}, 0, 0.625f, 0},  // q = 0
     };
     build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
     for (const Case &c : cases) {
-        const RemlResult r = run_reml({1.0f, 2.5f, -1.0f, 0.5f}, c.s, c.dof);
+        const RemlResult r = run_reml(c.y, c.s, c.dof);
         EXPECT_EQ(r.status, c.status);
-        EXPECT_NEAR(r.fe, c.fe, c.tolerance);
-        if (c.status != 0) {
+        EXPECT_EQ(r.fe, c.fe);
+        if (c.re == 0.0f) {
             EXPECT_EQ(r.re, 0.0f);
         }
+        if (c.status == 0 && c.re == 0.0f) {
+            EXPECT_EQ(REM.v_inverse[0][0], 1.0f);  // the unit start, not 1 / (0.5^2 + sigma2)
+        }
     }
-}
 
-// Degenerate starts: the least-squares residue is exactly 0 (constant data
-// under one group; as many events as files, where R0 = 0 and n - k = 0), so
-// the start value is 0 or 0/0, the change is not a number and no step runs.
-// The weighting is then still the unit start, not (S^2 + sigma2 I)^-1.
-TEST(RemlIterate, DegenerateStartSkipsTheLoop)
-{
-    struct Case {
-        int n;
-        std::vector<Event> events;
-        std::vector<float> y, s;
-        float fe;
-    };
-    const Case cases[] = {
-        {4, {{0, {{0, 3}}}}, {2, 2, 2, 2}, {0.5f, 0.5f, 0.5f, 0.5f}, 0.25f},
-        {2, {{0, {{0, 0}}}, {0, {{1, 1}}}}, {3, -1}, {1, 2}, 2.5f},
-    };
-    for (const Case &c : cases) {
-        build_model(c.n, c.events);
-        const RemlResult r = run_reml(c.y, c.s, std::vector<int>(c.n, 5));
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.re, 0.0f);
-        EXPECT_EQ(r.fe, c.fe);
-        EXPECT_EQ(REM.v_inverse[0][0], 1.0f);
-        EXPECT_EQ(REM.v_inverse[c.n - 1][c.n - 1], 1.0f);
-    }
+    // As many events as files: R0 = 0 and n - k = 0, the start is 0/0.
+    build_model(2, {{0, {{0, 0}}}, {0, {{1, 1}}}});
+    const RemlResult r = run_reml({3, -1}, {1, 2}, {5, 5});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.fe, 2.5f);
+    EXPECT_EQ(r.re, 0.0f);
+    EXPECT_EQ(REM.v_inverse[1][1], 1.0f);
 }
 
 // One group with equal errors s^2: W = I/(s^2 + v), R = (I - J/n)/(s^2 + v) and
