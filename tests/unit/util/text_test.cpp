@@ -42,30 +42,25 @@ TEST(NextNonWhite, SkipsOnlyBlanksAndTabs) {
 
 // The scanner's position is static and never reset, so each scenario runs in
 // a child process of its own; this process never calls the scanner itself.
-namespace {
-struct Call {
-    int result;
-    int index;  // index after the call (-99: never written)
-};
-
-void run_scenario(std::vector<std::string> words, const std::vector<Call> &calls) {
+// Each call is given as its result and the index after it (-99: not written).
+static void run_scenario(std::vector<std::string> words, const std::vector<std::pair<int, int>> &calls) {
     std::vector<char *> argv;
     for (std::string &w : words) argv.push_back(&w[0]);
     argv.push_back(nullptr);
     int index = -99;
-    for (size_t n = 0; n < calls.size(); ++n) {
+    for (const auto &call : calls) {
         const int result = my_getopt(static_cast<int>(words.size()), argv.data(), "hHri:", &index);
-        if (result != calls[n].result || index != calls[n].index) {
-            fprintf(stderr, "call %zu: got %d (index %d)\n", n, result, index);
+        if (result != call.first || index != call.second) {
+            fprintf(stderr, "got %d (index %d) instead of %d (%d)\n", result, index, call.first,
+                    call.second);
             _exit(1);
         }
     }
     _exit(0);
 }
-}  // namespace
 
 TEST(MyGetopt, ScenariosInFreshProcesses) {
-    const std::pair<std::vector<std::string>, std::vector<Call>> scenarios[] = {
+    const std::pair<std::vector<std::string>, std::vector<std::pair<int, int>>> scenarios[] = {
         {{"prog", "-r", "data.txt"}, {{'r', 1}, {'i', 2}, {0, 2}, {0, 2}}},
         {{"prog", "-i"}, {{'i', 2}, {0, 2}}},
         {{"prog", "-x"}, {{-1, 1}, {-1, 1}, {-1, 1}}},
