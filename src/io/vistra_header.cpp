@@ -20,8 +20,8 @@ struct word_code {
 };
 
 // Reads the word of a word-valued statement into word (which keeps the
-// keyword when the value is missing) and stores its code from table in
-// field: 0.  An unknown word prints message and gives 1.
+// keyword when the value is missing), stores its code from table in field
+// and gives 0; an unknown word prints message and gives 1.
 template <size_t N>
 int decode_word(const char *value, char *word, const word_code (&table)[N], int *field,
                 const char *message) {
@@ -154,8 +154,9 @@ int read_vistra_header(char *name, volume_header *header) {
     }
 
     // Statements after the first line are numbered from 1 in messages.
-    const bool read = io_internal::read_statements(
-        file, path, [header](const char *text) { return decode_vistra_header_keyword(text, header); });
+    const bool read = io_internal::read_statements(file, path, [header](const char *text) {
+        return decode_vistra_header_keyword(text, header);
+    });
     fclose(file);
     if (!read) return 1;
 

@@ -62,8 +62,7 @@ bool dimensions_found(const volume_header *header, const char *path, bool requir
 
 mat44 scale_and_shift(const float *resolution, const float *origin, const float *direction) {
     return scale_and_shift_to_mat44(resolution[0], resolution[1], resolution[2], origin[0],
-                                    origin[1], origin[2], direction[0], direction[1],
-                                    direction[2]);
+                                    origin[1], origin[2], direction[0], direction[1], direction[2]);
 }
 
 }  // namespace io_internal

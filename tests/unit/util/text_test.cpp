@@ -43,7 +43,8 @@ TEST(NextNonWhite, SkipsOnlyBlanksAndTabs) {
 // The scanner's position is static and never reset, so each scenario runs in
 // a child process of its own; this process never calls the scanner itself.
 // Each call is given as its result and the index after it (-99: not written).
-static void run_scenario(std::vector<std::string> words, const std::vector<std::pair<int, int>> &calls) {
+static void run_scenario(std::vector<std::string> words,
+                         const std::vector<std::pair<int, int>> &calls) {
     std::vector<char *> argv;
     for (std::string &w : words) argv.push_back(&w[0]);
     argv.push_back(nullptr);
