@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "driver.h"
+#include "fast_passes.h"
 #include "io.h"
 #include "rem.h"
 #include "util.h"
@@ -189,10 +190,18 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     int step = nvoxels / 100;
     if (step < 1) step = 1;
 
+    // The fast passes give the same maps and lines as the plain ones below;
+    // FMRI_REM_PLAIN=1 asks for the plain ones.
+    const bool fast = fast_passes_usable(w.nfiles, nconditions) != 0;
+
     int unestimable = 0;
-    for (int i = 0; i < nvoxels; ++i) {
-        estimate_variances(i, &w, &unestimable);
-        print_progress(i, step, "RE variance");
+    if (fast) {
+        fast_variance_pass(nvoxels, step, w.entries, w.dofs, w.nfiles, &unestimable);
+    } else {
+        for (int i = 0; i < nvoxels; ++i) {
+            estimate_variances(i, &w, &unestimable);
+            print_progress(i, step, "RE variance");
+        }
     }
     std::printf("\r 100 percent done computing RE variance\n");
 
@@ -213,9 +222,16 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
         std::printf("\nCalculating raw pvalues without correction for multiple comparisons.\n");
     }
 
-    for (int i = 0; i < nvoxels; ++i) {
-        if (test_conditions(i, nvoxels, residue_requested, nconditions, dof, &w) != 0) return 1;
-        print_progress(i, step, "statistics");
+    if (fast) {
+        if (fast_statistics_pass(nvoxels, step, w.entries, w.nfiles, residue_requested,
+                                 nconditions, dof) != 0)
+            return 1;
+    } else {
+        for (int i = 0; i < nvoxels; ++i) {
+            if (test_conditions(i, nvoxels, residue_requested, nconditions, dof, &w) != 0)
+                return 1;
+            print_progress(i, step, "statistics");
+        }
     }
 
     std::printf("\r 100 percent done computing RE variance\n");

@@ -1,0 +1,37 @@
+// The two voxel passes of the random-effects analysis on the fast per-voxel
+// kernel of the model, spread over all cores (OpenMP; OMP_NUM_THREADS limits
+// the number of threads).  Maps, counts and printed progress are the same,
+// bit for bit and line for line, as those of the plain passes, for any
+// number of threads.
+#ifndef FMRI_REM_FAST_PASSES_H
+#define FMRI_REM_FAST_PASSES_H
+
+#include "driver.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// 1 when the fast passes are to be used: the environment variable
+// FMRI_REM_PLAIN is unset, empty or "0", and the model is ready for nfiles
+// files and nconditions conditions (otherwise the plain passes run, which
+// report such problems in their own words).
+int fast_passes_usable(int nfiles, int nconditions);
+
+// First pass: REML variances into Sigma2_FE_map and Sigma2_RE_map; adds the
+// voxels that could not be estimated to *unestimable.  entries and dofs list
+// the nfiles signal files in order; progress is printed every step voxels.
+void fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
+                        int nfiles, int *unestimable);
+
+// Second pass: final fit and every condition's test into P_map, T_map,
+// S_map, dS_map (and Residue_series when requested).  Returns 0, or 1 when
+// a test fails.
+int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries, int nfiles,
+                         int residue_requested, int nconditions, int dof);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
