@@ -15,6 +15,57 @@
 // constant of a three-dimensional t field.
 static const float euler_characteristic_constant = 0.1169f;
 
+// From F: t, the effect's error and the two p values (see weighting.h).
+void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, float *t_value,
+                float *p_raw, float *p_corrected, float *effect_error)
+{
+    float t = static_cast<float>(std::sqrt(static_cast<double>(F)));
+    *effect_error = *effect_size / t;
+
+    // Expected Euler characteristic of a 3-D t field above t = sqrt(F).
+    const float nu = static_cast<float>(dof);
+    const float numerator = euler_characteristic_constant * ((nu - 1) / nu * F - 1);
+    const float base = 1 + F / nu;
+    const float exponent = (nu - 1) / 2;
+    const float rho = static_cast<float>(
+        numerator / std::pow(static_cast<double>(base), static_cast<double>(exponent)));
+    float corrected = resels * rho;
+
+    if (*effect_size < 0.0f) t = -t;
+
+    float raw;
+    if (*effect_size == 0.0f) {
+        t = 0.0f;
+        raw = 1.0f;
+        corrected = 1.0f;
+    } else {
+        // Upper tail of the F distribution with m and nu degrees of freedom.
+        const float x = nu / (m * F + nu);
+        const float p0 = static_cast<float>(
+            ibeta(0.5 * static_cast<double>(nu), 0.5 * static_cast<double>(m),
+                  static_cast<double>(x)));
+        if (m == 1) {
+            raw = p0;
+        } else {
+            // Several rows: doubled, and folded back into [0, 1].
+            raw = 2 * p0;
+            if (raw == 2.0f) raw = 1.0f;
+            if (raw > 1.0f) raw = 2 - raw;
+        }
+    }
+
+    if (corrected > 1.0f || corrected < 0.0f) corrected = 1.0f;
+
+    // Never 0, so that -log10 p stays finite.
+    const float p_min = static_cast<float>(std::exp(-100.0));
+    if (raw < p_min) raw = p_min;
+    if (corrected < p_min) corrected = p_min;
+
+    *t_value = t;
+    *p_raw = raw;
+    *p_corrected = corrected;
+}
+
 int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,
                   float *event_sum)
 {
@@ -112,51 +163,7 @@ int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, f
     free_float_matrix(M, static_cast<uint32_t>(m));
     free_float_vector(contrast);
 
-    float t = static_cast<float>(std::sqrt(static_cast<double>(F)));
-    *effect_error = *effect_size / t;
-
-    // Expected Euler characteristic of a 3-D t field above t = sqrt(F).
-    const float nu = static_cast<float>(dof);
-    const float numerator = euler_characteristic_constant * ((nu - 1) / nu * F - 1);
-    const float base = 1 + F / nu;
-    const float exponent = (nu - 1) / 2;
-    const float rho = static_cast<float>(
-        numerator / std::pow(static_cast<double>(base), static_cast<double>(exponent)));
-    float corrected = resels * rho;
-
-    if (*effect_size < 0.0f) t = -t;
-
-    float raw;
-    if (*effect_size == 0.0f) {
-        t = 0.0f;
-        raw = 1.0f;
-        corrected = 1.0f;
-    } else {
-        // Upper tail of the F distribution with m and nu degrees of freedom.
-        const float x = nu / (m * F + nu);
-        const float p0 = static_cast<float>(
-            ibeta(0.5 * static_cast<double>(nu), 0.5 * static_cast<double>(m),
-                  static_cast<double>(x)));
-        if (m == 1) {
-            raw = p0;
-        } else {
-            // Several rows: doubled, and folded back into [0, 1].
-            raw = 2 * p0;
-            if (raw == 2.0f) raw = 1.0f;
-            if (raw > 1.0f) raw = 2 - raw;
-        }
-    }
-
-    if (corrected > 1.0f || corrected < 0.0f) corrected = 1.0f;
-
-    // Never 0, so that -log10 p stays finite.
-    const float p_min = static_cast<float>(std::exp(-100.0));
-    if (raw < p_min) raw = p_min;
-    if (corrected < p_min) corrected = p_min;
-
-    *t_value = t;
-    *p_raw = raw;
-    *p_corrected = corrected;
+    rem_f_test(F, m, dof, resels, effect_size, t_value, p_raw, p_corrected, effect_error);
     return 0;
 }
 

@@ -104,11 +104,9 @@ void rem_set_weighting(int n, float sigma2)
     (void)rInvertSquareMatrix(n, REM.v_inverse, &failed_column);  // a singular matrix is left as is
 }
 
-int REM_REML_iterate(int n, const float *effect, const float *error, const int *dof,
-                     float *sigma2_fe, float *sigma2_re)
+int rem_fixed_effects_variance(int n, const float *error, const int *dof, float *sigma2_fe,
+                               float *sigma2_re)
 {
-    if (rem_check_model(n) != 0) return 1;
-
     // Every error value must be positive; NaN fails the test as well.
     int unusable = 0;
     for (int i = 0; i < n; ++i) {
@@ -129,6 +127,15 @@ int REM_REML_iterate(int n, const float *effect, const float *error, const int *
         fe += weight * error[i] * error[i];
     }
     *sigma2_fe = fe;
+    return 0;
+}
+
+int REM_REML_iterate(int n, const float *effect, const float *error, const int *dof,
+                     float *sigma2_fe, float *sigma2_re)
+{
+    if (rem_check_model(n) != 0) return 1;
+
+    if (rem_fixed_effects_variance(n, error, dof, sigma2_fe, sigma2_re) != 0) return -1;
 
     const int k = REM.nbasis;
     float *t = float_vector(static_cast<uint32_t>(n));
