@@ -1,0 +1,115 @@
+// Whole runs on the fast, parallel voxel passes against the plain passes
+// (FMRI_REM_PLAIN=1): every file written and the whole standard output must
+// be identical, with one thread, two threads and more threads than cores.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+using test_support::read_file;
+using test_support::read_floats;
+using test_support::run_command;
+using test_support::run_fmri_rem;
+using test_support::shell_quote;
+using test_support::TempDir;
+using test_support::write_floats;
+
+namespace {
+
+// Every file of a folder (hidden ones too), name to contents.
+std::map<std::string, std::string> folder_contents(const std::string &dir)
+{
+    std::map<std::string, std::string> files;
+    for (const auto &entry : std::filesystem::directory_iterator(dir))
+        files[entry.path().filename().string()] = read_file(entry.path().string());
+    return files;
+}
+
+struct Run {
+    std::string env;
+    const char *label;
+};
+
+// Runs fmri-rem on ../study/analysis.rem once per setting, each in its own
+// folder, and compares each run with the plain one.
+void compare_runs(const TempDir &dir, const std::vector<std::string> &args)
+{
+    const Run runs[] = {{"FMRI_REM_PLAIN=1 OMP_NUM_THREADS=1", "plain"},
+                        {"OMP_NUM_THREADS=1", "fast, 1 thread"},
+                        {"OMP_NUM_THREADS=2", "fast, 2 threads"},
+                        {"OMP_NUM_THREADS=5", "fast, 5 threads"}};
+    std::map<std::string, std::string> reference;
+    std::string reference_out;
+    for (const Run &run : runs) {
+        const std::string folder = dir.file(std::string("run-") + std::to_string(&run - runs));
+        std::filesystem::create_directory(folder);
+        const auto result = run_fmri_rem(args, folder, "", run.env);
+        ASSERT_EQ(result.status, 0) << run.label << "\n" << result.out;
+        EXPECT_EQ(result.err, "") << run.label;
+        const auto files = folder_contents(folder);
+        if (&run == runs) {
+            reference = files;
+            reference_out = result.out;
+            EXPECT_GE(reference.size(), 8u);
+            continue;
+        }
+        EXPECT_EQ(result.out, reference_out) << run.label;
+        ASSERT_EQ(files.size(), reference.size()) << run.label;
+        for (const auto &[name, contents] : reference) {
+            ASSERT_EQ(files.count(name), 1u) << run.label << ": " << name;
+            EXPECT_TRUE(files.at(name) == contents) << run.label << ": " << name << " differs";
+        }
+    }
+}
+
+void simulate(const TempDir &dir, const std::string &options)
+{
+    const std::string simulate = shell_quote(std::string(FMRI_REM_BUILD_DIR) + "/fmri-rem-simulate");
+    ASSERT_EQ(run_command(simulate + " -o study --prefix ../study/ " + options, dir.path()).status, 0);
+}
+
+}  // namespace
+
+// More voxels than one chunk of the parallel passes, no ratio smoothing (so
+// the second pass fits the raw REML variances), residues requested.
+TEST(FastPath, SameFilesAndOutputAsThePlainPasses)
+{
+    TempDir dir;
+    simulate(dir, "--size 24 20 10 --subjects 6 --smoothing 4 0 --seed 3");
+    compare_runs(dir, {"-r", "-i", "../study/analysis.rem"});
+}
+
+// Values that send voxels down the kernel's general route: zero, negative,
+// infinite and not-a-number effects and errors, tiny and huge errors.  With
+// ratio smoothing, and a correction for multiple comparisons.
+TEST(FastPath, SpecialValuesAndSmoothing)
+{
+    TempDir dir;
+    simulate(dir, "--size 20 12 8 --subjects 5 --smoothing 3 6 --seed 4 --no-mask");
+    const float inf = std::numeric_limits<float>::infinity();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float specials[] = {0.0f, -0.0f, -2.0f, inf, -inf, nan, 1e-30f, 1e20f, 1e-40f, 3e38f};
+    const int nspecial = static_cast<int>(sizeof specials / sizeof specials[0]);
+    int f = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(dir.file("study"))) {
+        if (entry.path().extension() != ".bfloat") continue;
+        std::vector<float> data = read_floats(entry.path().string());
+        const size_t nv = data.size() / 2;
+        for (size_t v = 37 + 11 * f; v < nv; v += 97 + f) {
+            const int which = static_cast<int>((v / 7 + f) % nspecial);
+            data[v % 3 == 0 ? v : nv + v] = specials[which];
+        }
+        write_floats(entry.path().string(), data);
+        ++f;
+    }
+    std::string analysis = read_file(dir.file("study/analysis.rem"));
+    analysis = "multiple-comparisons 120\n" + analysis;
+    test_support::write_file(dir.file("study/analysis.rem"), analysis);
+    compare_runs(dir, {"-r", "../study/analysis.rem"});
+}
