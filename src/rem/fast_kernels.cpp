@@ -1,8 +1,8 @@
-// Vector kernels of the fast per-voxel path: a multiply-and-add of one row
-// into another, and the accumulation of several scaled rows.  Each lane does
-// exactly what the scalar statement `out[j] = out[j] + r * x[j]` does in
-// float32: a separate multiply and add (never fused), so every variant gives
-// the same bits.  The variant is chosen once, from what the processor has.
+// Vector kernels of the fast per-voxel path.  Each lane does exactly what the
+// scalar statement `out[j] = out[j] + r * x[j]` does in float32: a separate
+// multiply and add (never fused) on the lane's own running sum, so every
+// variant gives the same bits.  The variant is chosen once, from what the
+// processor has.
 #include <immintrin.h>
 
 #include <cstring>
@@ -12,107 +12,175 @@
 
 namespace {
 
-// ---- SSE2: part of every x86-64 processor ----
+// Most vectors of one row of R.R kept in registers at a time.
+const int kTile = 8;
 
-void axpy_sse2(float *out, float r, const float *x, int count)
+// The union [*a, *b) of the non-zero spans of rows l0 .. l1-1; an empty span
+// is stored as [kEmptyStart, 0), which leaves the union as it is.
+inline void union_span_scalar(const int *start, const int *stop, int l0, int l1, int *a, int *b)
 {
-    const __m128 rv = _mm_set1_ps(r);
-    for (int j = 0; j < count; j += 4) {
-        const __m128 p = _mm_mul_ps(rv, _mm_load_ps(x + j));
-        _mm_store_ps(out + j, _mm_add_ps(_mm_load_ps(out + j), p));
+    int lo = REM_FAST_EMPTY_START, hi = 0;
+    for (int l = l0; l < l1; ++l) {
+        if (start[l] < lo) lo = start[l];
+        if (stop[l] > hi) hi = stop[l];
     }
+    *a = lo;
+    *b = hi;
 }
 
-void accumulate_sse2(float *out, const float *M, int ld, const int *rows, const float *coef,
-                     int count, const int *start, const int *stop)
+__attribute__((target("avx2"))) inline void union_span_avx2(const int *start, const int *stop,
+                                                            int l0, int l1, int *a, int *b)
 {
-    for (int c = 0; c < count; ++c) {
-        const int l = rows[c];
-        const float *x = M + static_cast<long>(l) * ld;
-        const __m128 rv = _mm_set1_ps(coef[c]);
-        for (int j = start[l]; j < stop[l]; j += 4) {
-            const __m128 p = _mm_mul_ps(rv, _mm_load_ps(x + j));
-            _mm_store_ps(out + j, _mm_add_ps(_mm_load_ps(out + j), p));
-        }
+    const __m256i empty = _mm256_set1_epi32(REM_FAST_EMPTY_START);
+    const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    __m256i lo = empty, hi = _mm256_setzero_si256();
+    for (int l = l0; l < l1; l += 8) {
+        // Lanes below l1 - l are loaded; the others stay out of the union.
+        const __m256i mask = _mm256_cmpgt_epi32(_mm256_set1_epi32(l1 - l), lanes);
+        const __m256i s = _mm256_maskload_epi32(start + l, mask);
+        const __m256i e = _mm256_maskload_epi32(stop + l, mask);
+        lo = _mm256_min_epi32(lo, _mm256_blendv_epi8(empty, s, mask));
+        hi = _mm256_max_epi32(hi, e);
     }
+    int los[8], his[8];
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(los), lo);
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(his), hi);
+    int x = los[0], y = his[0];
+    for (int i = 1; i < 8; ++i) {
+        if (los[i] < x) x = los[i];
+        if (his[i] > y) y = his[i];
+    }
+    *a = x;
+    *b = y;
 }
 
-// ---- AVX2 ----
-
-__attribute__((target("avx2"))) void axpy_avx2(float *out, float r, const float *x, int count)
+__attribute__((target("avx512f"))) inline void union_span_avx512(const int *start,
+                                                                 const int *stop, int l0, int l1,
+                                                                 int *a, int *b)
 {
-    const __m256 rv = _mm256_set1_ps(r);
-    for (int j = 0; j < count; j += 8) {
-        const __m256 p = _mm256_mul_ps(rv, _mm256_load_ps(x + j));
-        _mm256_store_ps(out + j, _mm256_add_ps(_mm256_load_ps(out + j), p));
+    const __m512i empty = _mm512_set1_epi32(REM_FAST_EMPTY_START);
+    __m512i lo = empty, hi = _mm512_setzero_si512();
+    for (int l = l0; l < l1; l += 16) {
+        const int left = l1 - l;
+        const __mmask16 mask = left >= 16 ? 0xffff : static_cast<__mmask16>((1u << left) - 1);
+        const __m512i s = _mm512_mask_loadu_epi32(empty, mask, start + l);
+        const __m512i e = _mm512_maskz_loadu_epi32(mask, stop + l);
+        lo = _mm512_mask_blend_epi32(_mm512_cmplt_epi32_mask(s, lo), lo, s);
+        hi = _mm512_mask_blend_epi32(_mm512_cmpgt_epi32_mask(e, hi), hi, e);
     }
+    int los[16], his[16];
+    _mm512_storeu_si512(los, lo);
+    _mm512_storeu_si512(his, hi);
+    int x = los[0], y = his[0];
+    for (int i = 1; i < 16; ++i) {
+        if (los[i] < x) x = los[i];
+        if (his[i] > y) y = his[i];
+    }
+    *a = x;
+    *b = y;
 }
 
-__attribute__((target("avx2"))) void accumulate_avx2(float *out, const float *M, int ld,
-                                                     const int *rows, const float *coef,
-                                                     int count, const int *start, const int *stop)
-{
-    for (int c = 0; c < count; ++c) {
-        const int l = rows[c];
-        const float *x = M + static_cast<long>(l) * ld;
-        const __m256 rv = _mm256_set1_ps(coef[c]);
-        for (int j = start[l]; j < stop[l]; j += 8) {
-            const __m256 p = _mm256_mul_ps(rv, _mm256_load_ps(x + j));
-            _mm256_store_ps(out + j, _mm256_add_ps(_mm256_load_ps(out + j), p));
-        }
+// The three variants share their shape; only the vector type and its
+// operations differ.  TILE is one tile of NV vectors of a row of R.R: the sum
+// over l of rt[l] * Rt[l][j0 + ...], the terms in the order of l, held in
+// registers, then stored, or scaled by yj and added into t.
+#define REM_FAST_VARIANT(SUFFIX, TARGET, VEC, W, SETZERO, SET1, LOAD, STORE, ADD, MUL, SUB,    \
+                         UNION)                                                                \
+    TARGET void axpy_##SUFFIX(float *out, float r, const float *x, int count)                   \
+    {                                                                                          \
+        const VEC rv = SET1(r);                                                                \
+        for (int j = 0; j < count; j += W) STORE(out + j, ADD(LOAD(out + j), MUL(rv, LOAD(x + j)))); \
+    }                                                                                          \
+                                                                                               \
+    template <int NV>                                                                          \
+    TARGET inline void tile_##SUFFIX(float *out, float *t, float yj, const float *Rt, int ld,   \
+                                     const float *rt, int l0, int l1, int j0)                  \
+    {                                                                                          \
+        VEC acc[NV];                                                                           \
+        _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v) acc[v] = SETZERO();               \
+        for (int l = l0; l < l1; ++l) {                                                        \
+            const float c = rt[l];                                                             \
+            if (c == 0.0f) continue; /* a zero term leaves every sum as it is */               \
+            const VEC r = SET1(c);                                                             \
+            const float *x = Rt + static_cast<long>(l) * ld + j0;                              \
+            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v)                               \
+                acc[v] = ADD(acc[v], MUL(r, LOAD(x + W * v)));                                 \
+        }                                                                                      \
+        if (out != nullptr) {                                                                  \
+            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v) STORE(out + j0 + W * v, acc[v]); \
+        } else {                                                                               \
+            const VEC y = SET1(yj);                                                            \
+            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v)                               \
+                STORE(t + j0 + W * v, ADD(LOAD(t + j0 + W * v), MUL(y, acc[v])));              \
+        }                                                                                      \
+    }                                                                                          \
+                                                                                               \
+    TARGET void rr_row_##SUFFIX(float *out, float *t, float yj, const float *Rt, int ld,        \
+                                const float *rt, int l0, int l1, const int *start,             \
+                                const int *stop)                                               \
+    {                                                                                          \
+        int a, b;                                                                              \
+        UNION(start, stop, l0, l1, &a, &b);                                                    \
+        for (int j0 = a; j0 < b; j0 += W * kTile) {                                            \
+            const int left = (b - j0) / W;                                                     \
+            switch (left < kTile ? left : kTile) {                                             \
+            case 1: tile_##SUFFIX<1>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
+            case 2: tile_##SUFFIX<2>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
+            case 3: tile_##SUFFIX<3>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
+            case 4: tile_##SUFFIX<4>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
+            case 5: tile_##SUFFIX<5>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
+            case 6: tile_##SUFFIX<6>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
+            case 7: tile_##SUFFIX<7>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
+            default: tile_##SUFFIX<8>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;              \
+            }                                                                                  \
+        }                                                                                      \
+    }                                                                                          \
+                                                                                               \
+    TARGET int residue_row_##SUFFIX(float *r, const float *h, const float *w, int count,        \
+                                    int *first, int *last)                                     \
+    {                                                                                          \
+        const VEC zero = SETZERO();                                                            \
+        VEC finite = zero; /* becomes not a number once any value is not finite */            \
+        int a = -1, b = -1;                                                                    \
+        for (int i = 0; i < count; i += W) {                                                   \
+            const VEC v = SUB(zero, ADD(zero, MUL(LOAD(w + i), LOAD(h + i))));                 \
+            STORE(r + i, v);                                                                   \
+            finite = ADD(finite, MUL(v, zero));                                                \
+            const unsigned nonzero = NONZERO(v, zero);                                         \
+            if (nonzero != 0) {                                                                \
+                if (a < 0) a = i + __builtin_ctz(nonzero);                                     \
+                b = i + 31 - __builtin_clz(nonzero);                                           \
+            }                                                                                  \
+        }                                                                                      \
+        *first = a;                                                                            \
+        *last = b;                                                                             \
+        return NONZERO(finite, zero) == 0;                                                     \
     }
-}
 
-// ---- AVX-512 ----
+#define NO_TARGET
+#define TARGET_AVX2 __attribute__((target("avx2")))
+#define TARGET_AVX512 __attribute__((target("avx512f")))
 
-__attribute__((target("avx512f"))) void axpy_avx512(float *out, float r, const float *x,
-                                                    int count)
-{
-    const __m512 rv = _mm512_set1_ps(r);
-    for (int j = 0; j < count; j += 16) {
-        const __m512 p = _mm512_mul_ps(rv, _mm512_load_ps(x + j));
-        _mm512_store_ps(out + j, _mm512_add_ps(_mm512_load_ps(out + j), p));
-    }
-}
+// Bit mask of the lanes of v that are not equal to zero (not a number
+// included).
+#define NONZERO(v, zero) static_cast<unsigned>(_mm_movemask_ps(_mm_cmpneq_ps(v, zero)))
+REM_FAST_VARIANT(sse2, NO_TARGET, __m128, 4, _mm_setzero_ps, _mm_set1_ps, _mm_load_ps, _mm_store_ps,
+                 _mm_add_ps, _mm_mul_ps, _mm_sub_ps, union_span_scalar)
+#undef NONZERO
+#define NONZERO(v, zero) static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(v, zero, _CMP_NEQ_UQ)))
+REM_FAST_VARIANT(avx2, TARGET_AVX2, __m256, 8, _mm256_setzero_ps, _mm256_set1_ps, _mm256_load_ps,
+                 _mm256_store_ps, _mm256_add_ps, _mm256_mul_ps, _mm256_sub_ps, union_span_avx2)
+#undef NONZERO
+#define NONZERO(v, zero) static_cast<unsigned>(_mm512_cmp_ps_mask(v, zero, _CMP_NEQ_UQ))
+REM_FAST_VARIANT(avx512, TARGET_AVX512, __m512, 16, _mm512_setzero_ps, _mm512_set1_ps,
+                 _mm512_load_ps, _mm512_store_ps, _mm512_add_ps, _mm512_mul_ps, _mm512_sub_ps,
+                 union_span_avx512)
+#undef NONZERO
 
-__attribute__((target("avx512f"))) void accumulate_avx512(float *out, const float *M, int ld,
-                                                          const int *rows, const float *coef,
-                                                          int count, const int *start,
-                                                          const int *stop)
-{
-    int c = 0;
-    // Two rows at a time: one load and store of out for two terms, which
-    // are still added one after the other.
-    for (; c + 1 < count; c += 2) {
-        const int l0 = rows[c], l1 = rows[c + 1];
-        const float *x0 = M + static_cast<long>(l0) * ld;
-        const float *x1 = M + static_cast<long>(l1) * ld;
-        const __m512 r0 = _mm512_set1_ps(coef[c]);
-        const __m512 r1 = _mm512_set1_ps(coef[c + 1]);
-        const int a0 = start[l0], b0 = stop[l0], a1 = start[l1], b1 = stop[l1];
-        const int lo = a0 < a1 ? a0 : a1;
-        const int hi = b0 > b1 ? b0 : b1;
-        for (int j = lo; j < hi; j += 16) {
-            __m512 acc = _mm512_load_ps(out + j);
-            if (j >= a0 && j < b0) acc = _mm512_add_ps(acc, _mm512_mul_ps(r0, _mm512_load_ps(x0 + j)));
-            if (j >= a1 && j < b1) acc = _mm512_add_ps(acc, _mm512_mul_ps(r1, _mm512_load_ps(x1 + j)));
-            _mm512_store_ps(out + j, acc);
-        }
-    }
-    for (; c < count; ++c) {
-        const int l = rows[c];
-        const float *x = M + static_cast<long>(l) * ld;
-        const __m512 rv = _mm512_set1_ps(coef[c]);
-        for (int j = start[l]; j < stop[l]; j += 16) {
-            const __m512 p = _mm512_mul_ps(rv, _mm512_load_ps(x + j));
-            _mm512_store_ps(out + j, _mm512_add_ps(_mm512_load_ps(out + j), p));
-        }
-    }
-}
-
-const rem_fast_kernels kernels_sse2 = {"sse2", axpy_sse2, accumulate_sse2};
-const rem_fast_kernels kernels_avx2 = {"avx2", axpy_avx2, accumulate_avx2};
-const rem_fast_kernels kernels_avx512 = {"avx512", axpy_avx512, accumulate_avx512};
+const rem_fast_kernels kernels_sse2 = {"sse2", axpy_sse2, rr_row_sse2, residue_row_sse2};
+const rem_fast_kernels kernels_avx2 = {"avx2", axpy_avx2, rr_row_avx2, residue_row_avx2};
+const rem_fast_kernels kernels_avx512 = {"avx512", axpy_avx512, rr_row_avx512,
+                                         residue_row_avx512};
 
 bool has_avx2() { return __builtin_cpu_supports("avx2"); }
 bool has_avx512() { return __builtin_cpu_supports("avx512f"); }

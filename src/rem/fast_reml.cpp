@@ -37,9 +37,6 @@
 #include "rem.h"
 #include "util.h"
 
-// Rows of R.R formed together before their products with y are summed.
-#define RR_BLOCK_ROWS 8
-
 struct rem_workspace {
     int n;    // files
     int k;    // basis functions
@@ -50,6 +47,7 @@ struct rem_workspace {
     long general_count;
 
     float *X;      // n x k design, rows first
+    float *Xt;     // k x ld the design transposed
     float *beta;   // k
     float *NI;     // k x k normal_inverse
     float *N;      // k x k normal_matrix
@@ -60,13 +58,12 @@ struct rem_workspace {
     float *fv2;    // ld: diagonal of S^2
     float *w;      // ld: diagonal of W
     float *t;      // ld: a matrix times y
-    float *row;    // ld: one row of the hat matrix
-    float *R;      // n x ld residue-forming matrix
-    float *RR;     // RR_BLOCK_ROWS x ld rows of R.R
-    int *start;    // n: start of the non-zero span of R's rows, rounded down
-    int *stop;     // n: end of that span, rounded up
-    int *list;     // n: columns l of a row of R with R[i][l] non-zero
-    float *coef;   // n: those R[i][l]
+    float *row;    // ld: one column of the hat matrix, or one row of R.R
+    float *Rt;     // n x ld the residue-forming matrix R, transposed
+    int *first;    // n: first non-zero column of each row of Rt
+    int *last;     // n: last one
+    int *start;    // n: first rounded down to a whole vector (or empty)
+    int *stop;     // n: last + 1 rounded up
 
     int dcap;      // order that D, pivot and dwork can hold
     double *D;
@@ -108,9 +105,9 @@ T *plain_array(size_t count)
 
 void release(rem_workspace *ws)
 {
-    void *blocks[] = {ws->X,     ws->beta,  ws->NI,    ws->N,     ws->T,      ws->WX,
-                      ws->DtW,   ws->E,     ws->fv2,   ws->w,     ws->t,      ws->row,
-                      ws->R,     ws->RR,    ws->start, ws->stop,  ws->list,   ws->coef,
+    void *blocks[] = {ws->X,     ws->Xt,    ws->beta,  ws->NI,    ws->N,      ws->T,
+                      ws->WX,    ws->DtW,   ws->E,     ws->fv2,   ws->w,      ws->t,
+                      ws->row,   ws->Rt,    ws->start, ws->stop,  ws->first, ws->last,
                       ws->D,     ws->pivot, ws->dwork, ws->g_fv,  ws->g_fv2,  ws->g_v,
                       ws->g_hat, ws->g_r,   ws->g_rr,  ws->g_work, ws->contrast, ws->M};
     for (void *b : blocks) std::free(b);
@@ -136,11 +133,13 @@ void attach_design(rem_workspace *ws)
     ws->design_source = REM.design;
 
     ws->X = aligned_floats(nn * kk);
+    ws->Xt = aligned_floats(kk * ld);
     ws->design_finite = 1;
     for (int i = 0; i < n; ++i) {
         for (int a = 0; a < k; ++a) {
             const float x = REM.design[i][a];
             ws->X[i * k + a] = x;
+            ws->Xt[a * ld + i] = x;
             if (!std::isfinite(x)) ws->design_finite = 0;
         }
     }
@@ -155,12 +154,11 @@ void attach_design(rem_workspace *ws)
     ws->w = aligned_floats(ld);
     ws->t = aligned_floats(ld);
     ws->row = aligned_floats(ld);
-    ws->R = aligned_floats(nn * ld);
-    ws->RR = aligned_floats(RR_BLOCK_ROWS * ld);
+    ws->Rt = aligned_floats(nn * ld);
+    ws->first = plain_array<int>(nn);
+    ws->last = plain_array<int>(nn);
     ws->start = plain_array<int>(nn);
     ws->stop = plain_array<int>(nn);
-    ws->list = plain_array<int>(nn);
-    ws->coef = aligned_floats(nn);
 }
 
 void ensure_double_scratch(rem_workspace *ws, int order)
@@ -420,9 +418,12 @@ bool diagonal_weights(rem_workspace *ws, float sigma2)
 }
 
 // The residue step for W = diag(w) with a finite design: X'.W, W.X, the
-// normal matrix, its pseudo-inverse and the estimator; with `full` also R
-// (rows of the hat matrix are formed one at a time and not kept) and the
-// non-zero spans of R's rows.  False when R is not finite.
+// normal matrix, its pseudo-inverse and the estimator; with `full` also R,
+// kept transposed (Rt[j][i] = R[i][j]), with the non-zero spans of its rows.
+// Column j of the hat matrix, hat[i][j] = sum over a of X[i][a].E[a][j], is
+// formed for all i at once and not kept; the off-diagonal R[i][j] is then
+// 0 - (0.0f + w[i].hat[i][j]) and the diagonal w[j] - (0.0f + w[j].hat[j][j]).
+// False when R is not finite.
 bool fast_residue(rem_workspace *ws, bool full)
 {
     const int n = ws->n, k = ws->k, ld = ws->ld;
@@ -445,65 +446,66 @@ bool fast_residue(rem_workspace *ws, bool full)
     }
     if (!full) return true;
 
-    float *hat_row = ws->row;
-    float finite = 0.0f;
-    for (int i = 0; i < n; ++i) {
-        std::memset(hat_row, 0, sizeof(float) * static_cast<size_t>(ld));
-        for (int a = 0; a < k; ++a) kern->axpy(hat_row, X[i * k + a], ws->E + a * ld, ld);
-        float *r = ws->R + static_cast<long>(i) * ld;
-        const float wi = w[i];
-        int first = -1, last = -1;
-        for (int j = 0; j < n; ++j) {
-            const float p = 0.0f + wi * hat_row[j];
-            const float v = (j == i ? wi : 0.0f) - p;
-            r[j] = v;
-            finite = finite + v * 0.0f;
-            if (v != 0.0f) {
-                if (first < 0) first = j;
-                last = j;
-            }
+    float *hat_column = ws->row;
+    for (int j = 0; j < n; ++j) {
+        std::memset(hat_column, 0, sizeof(float) * static_cast<size_t>(ld));
+        for (int a = 0; a < k; ++a) kern->axpy(hat_column, ws->E[a * ld + j], ws->Xt + a * ld, ld);
+        float *rt = ws->Rt + static_cast<long>(j) * ld;
+        int first, last;
+        if (!kern->residue_row(rt, hat_column, w, ld, &first, &last)) return false;
+        const float diagonal = w[j] - (0.0f + w[j] * hat_column[j]);
+        if (!std::isfinite(diagonal)) return false;
+        rt[j] = diagonal;
+        if (diagonal != 0.0f) {
+            if (first < 0 || j < first) first = j;
+            if (j > last) last = j;
         }
+        ws->first[j] = first;
+        ws->last[j] = last;
         if (first < 0) {
-            ws->start[i] = 0;
-            ws->stop[i] = 0;
+            ws->start[j] = REM_FAST_EMPTY_START;
+            ws->stop[j] = 0;
         } else {
-            ws->start[i] = first / REM_FAST_BLOCK * REM_FAST_BLOCK;
-            ws->stop[i] = (last + REM_FAST_BLOCK) / REM_FAST_BLOCK * REM_FAST_BLOCK;
+            ws->start[j] = first / REM_FAST_BLOCK * REM_FAST_BLOCK;
+            ws->stop[j] = (last + REM_FAST_BLOCK) / REM_FAST_BLOCK * REM_FAST_BLOCK;
         }
     }
-    return finite == 0.0f;
+    return true;
 }
 
-// t = (R.R).y with every element of R.R formed exactly: row i of R.R is the
-// sum over l of R[i][l] times row l of R, the terms added in the order of l,
-// leaving out those with R[i][l] = 0 and the columns where row l is 0.
-void residue_squared_times(rem_workspace *ws, const float *y, float *t)
+// t = M.y for the n x n matrix M given transposed (Mt[j][i] = M[i][j]): every
+// t[i] is the float sum over j in order of M[i][j].y[j], so the rows of Mt
+// are added, scaled by y[j], one after the other, all i at once.
+void transposed_times(rem_workspace *ws, const float *Mt, const float *y, float *t)
+{
+    const rem_fast_kernels *kern = rem_fast_current_kernels();
+    std::memset(t, 0, sizeof(float) * static_cast<size_t>(ws->ld));
+    for (int j = 0; j < ws->n; ++j) kern->axpy(t, y[j], Mt + static_cast<long>(j) * ws->ld, ws->ld);
+}
+
+// t = (R.R).y with every element of R.R formed exactly.  (R.R)' = R'.R', so
+// row j of (R.R)' is the sum over l of Rt[j][l] times row l of Rt, the terms
+// added in the order of l (the products are those of R[i][l].R[l][j]),
+// leaving out those with Rt[j][l] = 0 and the columns where row l is 0.
+// Each finished row j is added into t scaled by y[j], as above; where y[j]
+// is finite, the zeros of the row need not be added.
+void residue_squared_times(rem_workspace *ws, const float *y, bool y_finite, float *t)
 {
     const int n = ws->n, ld = ws->ld;
     const rem_fast_kernels *kern = rem_fast_current_kernels();
-    for (int i0 = 0; i0 < n; i0 += RR_BLOCK_ROWS) {
-        const int rows = (n - i0 < RR_BLOCK_ROWS) ? n - i0 : RR_BLOCK_ROWS;
-        for (int b = 0; b < rows; ++b) {
-            const float *r = ws->R + static_cast<long>(i0 + b) * ld;
-            float *out = ws->RR + b * ld;
-            std::memset(out, 0, sizeof(float) * static_cast<size_t>(ld));
-            int count = 0;
-            for (int l = 0; l < n; ++l) {
-                if (r[l] != 0.0f) {
-                    ws->list[count] = l;
-                    ws->coef[count] = r[l];
-                    ++count;
-                }
-            }
-            kern->accumulate(out, ws->R, ld, ws->list, ws->coef, count, ws->start, ws->stop);
+    float *rr = ws->row;
+    std::memset(t, 0, sizeof(float) * static_cast<size_t>(ld));
+    for (int j = 0; j < n; ++j) {
+        const float *rt = ws->Rt + static_cast<long>(j) * ld;
+        const int l0 = ws->first[j];
+        const int l1 = ws->last[j] + 1;  // an empty row gives no terms
+        if (y_finite && std::isfinite(y[j])) {
+            kern->rr_row(nullptr, t, y[j], ws->Rt, ld, rt, l0, l1, ws->start, ws->stop);
+        } else {
+            std::memset(rr, 0, sizeof(float) * static_cast<size_t>(ld));
+            kern->rr_row(rr, nullptr, 0.0f, ws->Rt, ld, rt, l0, l1, ws->start, ws->stop);
+            kern->axpy(t, y[j], rr, ld);
         }
-        // (R.R).y for these rows: independent sums, each in order of j.
-        float acc[RR_BLOCK_ROWS] = {0.0f};
-        for (int j = 0; j < n; ++j) {
-            const float yj = y[j];
-            for (int b = 0; b < RR_BLOCK_ROWS; ++b) acc[b] += ws->RR[b * ld + j] * yj;
-        }
-        for (int b = 0; b < rows; ++b) t[i0 + b] = acc[b];
     }
 }
 
@@ -521,10 +523,13 @@ bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float
         ws->fv2[i] = s2;
     }
 
+    bool y_finite = true;
+    for (int i = 0; i < n; ++i) y_finite = y_finite && std::isfinite(effect[i]);
+
     // Unit weights first: the inverse of the identity is the identity.
     for (int i = 0; i < n; ++i) ws->w[i] = 1.0f;
     if (!fast_residue(ws, true)) return false;
-    matrix_times_vector(n, ws->R, ws->ld, effect, ws->t);
+    transposed_times(ws, ws->Rt, effect, ws->t);
     const float q = dot(n, effect, ws->t);
     float sigma2 = q / static_cast<float>(n - k);
 
@@ -535,9 +540,9 @@ bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float
         if (!fast_residue(ws, true)) return false;
         // Trace of S^2.R: its diagonal is s_i^2 . R[i][i].
         float trace = 0.0f;
-        for (int i = 0; i < n; ++i) trace += ws->fv2[i] * ws->R[static_cast<long>(i) * ws->ld + i];
+        for (int i = 0; i < n; ++i) trace += ws->fv2[i] * ws->Rt[static_cast<long>(i) * ws->ld + i];
         const float a = (trace + static_cast<float>(k)) * sigma2;
-        residue_squared_times(ws, effect, ws->t);
+        residue_squared_times(ws, effect, y_finite, ws->t);
         float b = dot(n, effect, ws->t);
         b = (sigma2 * sigma2) * b;
         sigma2_new = (a + b) / static_cast<float>(n);
