@@ -1,10 +1,11 @@
 # Front door: `make example` analyses the bundled example study,
-# `make check` builds with sanitizers and runs the whole test suite.
+# `make check` builds with sanitizers and runs the whole test suite, `make bench`
+# times the voxel passes.
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 CHECK_BUILD ?= build-check
 
-.PHONY: setup build example check clean
+.PHONY: setup build example check bench clean
 
 setup:
 	@bash scripts/setup.sh
@@ -20,6 +21,10 @@ check: setup
 	@cmake -S . -B $(CHECK_BUILD) -DCMAKE_BUILD_TYPE=Release -DFMRI_REM_SANITIZE=ON >/dev/null
 	@cmake --build $(CHECK_BUILD) -j $(JOBS)
 	@cd $(CHECK_BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# Timing of the fast and the plain voxel passes on simulated studies.
+bench: build
+	@bash scripts/bench.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(CHECK_BUILD)
