@@ -26,12 +26,15 @@ struct rem_fast_kernels {
     // t[i] + yj * row[i] over the union instead.
     void (*rr_row)(float *out, float *t, float yj, const float *Rt, int ld, const float *rt,
                    int l0, int l1, const int *start, const int *stop);
-    // r[i] = 0.0f - (0.0f + w[i] * h[i]) for i in [0, count), count a multiple
-    // of REM_FAST_BLOCK, all three 64-byte aligned.  Returns 1 when every r[i]
-    // is finite, and sets *first and *last to the first and last i with r[i]
-    // not zero (both -1 when there is none).
-    int (*residue_row)(float *r, const float *h, const float *w, int count, int *first,
-                       int *last);
+    // out[i] = 0.0f + x[i] * w[i] for i in [0, count).
+    void (*weigh)(float *out, const float *x, const float *w, int count);
+    // One column of R, as a row of Rt: with h[i] the float sum over a of
+    // coef[a] * Xt[a*ld + i] (a = 0 .. k-1 in order, from +0), r[i] = 0.0f -
+    // (0.0f + w[i] * h[i]) for i in [0, count).  Returns 1 when every r[i] is
+    // finite, and sets *first and *last to the first and last i with r[i] not
+    // zero (both -1 when there is none).
+    int (*residue_column)(float *r, const float *coef, int k, const float *Xt, int ld,
+                          const float *w, int count, int *first, int *last);
 };
 
 const rem_fast_kernels *rem_fast_current_kernels(void);

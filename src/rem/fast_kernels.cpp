@@ -136,14 +136,24 @@ __attribute__((target("avx512f"))) inline void union_span_avx512(const int *star
         }                                                                                      \
     }                                                                                          \
                                                                                                \
-    TARGET int residue_row_##SUFFIX(float *r, const float *h, const float *w, int count,        \
-                                    int *first, int *last)                                     \
+    TARGET void weigh_##SUFFIX(float *out, const float *x, const float *w, int count)          \
+    {                                                                                          \
+        const VEC zero = SETZERO();                                                            \
+        for (int i = 0; i < count; i += W) STORE(out + i, ADD(zero, MUL(LOAD(x + i), LOAD(w + i)))); \
+    }                                                                                          \
+                                                                                               \
+    TARGET int residue_column_##SUFFIX(float *r, const float *coef, int k, const float *Xt,     \
+                                       int ld, const float *w, int count, int *first,          \
+                                       int *last)                                              \
     {                                                                                          \
         const VEC zero = SETZERO();                                                            \
         VEC finite = zero; /* becomes not a number once any value is not finite */            \
         int a = -1, b = -1;                                                                    \
         for (int i = 0; i < count; i += W) {                                                   \
-            const VEC v = SUB(zero, ADD(zero, MUL(LOAD(w + i), LOAD(h + i))));                 \
+            VEC h = zero;                                                                      \
+            for (int m = 0; m < k; ++m)                                                        \
+                h = ADD(h, MUL(SET1(coef[m]), LOAD(Xt + static_cast<long>(m) * ld + i)));      \
+            const VEC v = SUB(zero, ADD(zero, MUL(LOAD(w + i), h)));                           \
             STORE(r + i, v);                                                                   \
             finite = ADD(finite, MUL(v, zero));                                                \
             const unsigned nonzero = NONZERO(v, zero);                                         \
@@ -177,10 +187,12 @@ REM_FAST_VARIANT(avx512, TARGET_AVX512, __m512, 16, _mm512_setzero_ps, _mm512_se
                  union_span_avx512)
 #undef NONZERO
 
-const rem_fast_kernels kernels_sse2 = {"sse2", axpy_sse2, rr_row_sse2, residue_row_sse2};
-const rem_fast_kernels kernels_avx2 = {"avx2", axpy_avx2, rr_row_avx2, residue_row_avx2};
-const rem_fast_kernels kernels_avx512 = {"avx512", axpy_avx512, rr_row_avx512,
-                                         residue_row_avx512};
+const rem_fast_kernels kernels_sse2 = {"sse2", axpy_sse2, rr_row_sse2, weigh_sse2,
+                                       residue_column_sse2};
+const rem_fast_kernels kernels_avx2 = {"avx2", axpy_avx2, rr_row_avx2, weigh_avx2,
+                                       residue_column_avx2};
+const rem_fast_kernels kernels_avx512 = {"avx512", axpy_avx512, rr_row_avx512, weigh_avx512,
+                                         residue_column_avx512};
 
 bool has_avx2() { return __builtin_cpu_supports("avx2"); }
 bool has_avx512() { return __builtin_cpu_supports("avx512f"); }

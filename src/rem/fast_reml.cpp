@@ -58,7 +58,8 @@ struct rem_workspace {
     float *fv2;    // ld: diagonal of S^2
     float *w;      // ld: diagonal of W
     float *t;      // ld: a matrix times y
-    float *row;    // ld: one column of the hat matrix, or one row of R.R
+    float *row;    // ld: one row of R.R
+    float *coef;   // k: one column of the estimator
     float *Rt;     // n x ld the residue-forming matrix R, transposed
     int *first;    // n: first non-zero column of each row of Rt
     int *last;     // n: last one
@@ -107,7 +108,7 @@ void release(rem_workspace *ws)
 {
     void *blocks[] = {ws->X,     ws->Xt,    ws->beta,  ws->NI,    ws->N,      ws->T,
                       ws->WX,    ws->DtW,   ws->E,     ws->fv2,   ws->w,      ws->t,
-                      ws->row,   ws->Rt,    ws->start, ws->stop,  ws->first, ws->last,
+                      ws->row,   ws->coef,  ws->Rt,    ws->start, ws->stop,  ws->first, ws->last,
                       ws->D,     ws->pivot, ws->dwork, ws->g_fv,  ws->g_fv2,  ws->g_v,
                       ws->g_hat, ws->g_r,   ws->g_rr,  ws->g_work, ws->contrast, ws->M};
     for (void *b : blocks) std::free(b);
@@ -154,6 +155,7 @@ void attach_design(rem_workspace *ws)
     ws->w = aligned_floats(ld);
     ws->t = aligned_floats(ld);
     ws->row = aligned_floats(ld);
+    ws->coef = aligned_floats(kk);
     ws->Rt = aligned_floats(nn * ld);
     ws->first = plain_array<int>(nn);
     ws->last = plain_array<int>(nn);
@@ -428,16 +430,29 @@ bool fast_residue(rem_workspace *ws, bool full)
 {
     const int n = ws->n, k = ws->k, ld = ws->ld;
     const rem_fast_kernels *kern = rem_fast_current_kernels();
-    const float *X = ws->X;
     const float *w = ws->w;
 
-    for (int a = 0; a < k; ++a) {
-        float *out = ws->DtW + a * ld;
-        for (int j = 0; j < n; ++j) out[j] = 0.0f + X[j * k + a] * w[j];
+    // X'.W; W.X holds the same values transposed (each element is the one
+    // product X[j][a].w[j], plus 0.0f), so the normal matrix is X'.(X'.W)'.
+    for (int a = 0; a < k; ++a) kern->weigh(ws->DtW + a * ld, ws->Xt + a * ld, w, ld);
+    // Its elements four at a time: four independent float sums over l.
+    for (int p0 = 0; p0 < k * k; p0 += 4) {
+        const float *x[4], *d[4];
+        for (int q = 0; q < 4; ++q) {
+            const int p = p0 + q < k * k ? p0 + q : p0;
+            x[q] = ws->Xt + (p / k) * ld;
+            d[q] = ws->DtW + (p % k) * ld;
+        }
+        float s0 = 0.0f, s1 = 0.0f, s2 = 0.0f, s3 = 0.0f;
+        for (int l = 0; l < n; ++l) {
+            s0 += x[0][l] * d[0][l];
+            s1 += x[1][l] * d[1][l];
+            s2 += x[2][l] * d[2][l];
+            s3 += x[3][l] * d[3][l];
+        }
+        const float sums[4] = {s0, s1, s2, s3};
+        for (int q = 0; q < 4 && p0 + q < k * k; ++q) ws->N[p0 + q] = sums[q];
     }
-    for (int i = 0; i < n; ++i)
-        for (int a = 0; a < k; ++a) ws->WX[i * k + a] = 0.0f + w[i] * X[i * k + a];
-    product(ws->N, k, k, k, X, k, 1, n, ws->WX, k, 0);
     normal_pseudo_inverse(ws);
     for (int a = 0; a < k; ++a) {
         float *out = ws->E + a * ld;
@@ -446,14 +461,16 @@ bool fast_residue(rem_workspace *ws, bool full)
     }
     if (!full) return true;
 
-    float *hat_column = ws->row;
+    float *coef = ws->coef;
     for (int j = 0; j < n; ++j) {
-        std::memset(hat_column, 0, sizeof(float) * static_cast<size_t>(ld));
-        for (int a = 0; a < k; ++a) kern->axpy(hat_column, ws->E[a * ld + j], ws->Xt + a * ld, ld);
+        for (int a = 0; a < k; ++a) coef[a] = ws->E[a * ld + j];
         float *rt = ws->Rt + static_cast<long>(j) * ld;
         int first, last;
-        if (!kern->residue_row(rt, hat_column, w, ld, &first, &last)) return false;
-        const float diagonal = w[j] - (0.0f + w[j] * hat_column[j]);
+        if (!kern->residue_column(rt, coef, k, ws->Xt, ld, w, ld, &first, &last)) return false;
+        // hat[j][j], as the lane j above formed it.
+        float hjj = 0.0f;
+        for (int a = 0; a < k; ++a) hjj += coef[a] * ws->Xt[a * ld + j];
+        const float diagonal = w[j] - (0.0f + w[j] * hjj);
         if (!std::isfinite(diagonal)) return false;
         rt[j] = diagonal;
         if (diagonal != 0.0f) {
