@@ -36,6 +36,7 @@
 #include "fast_internal.h"
 #include "rem.h"
 #include "util.h"
+#include "weighting.h"
 
 struct rem_workspace {
     int n;    // files
@@ -193,16 +194,7 @@ void ensure_general(rem_workspace *ws)
 // workspace's own: it follows the design that REM holds now.
 int check_model(rem_workspace *ws, int n)
 {
-    if (!REM.initialized) {
-        printf("Error in REM_fit_data: first initialize the REM\n");
-        return 1;
-    }
-    if (n != REM.nfiles) {
-        printf("Error: the number of data time points (%d) does not match the number in the REM "
-               "(%d).\n",
-               n, REM.nfiles);
-        exit(1);
-    }
+    if (rem_check_model(n) != 0) return 1;
     if (ws->design_source != REM.design || ws->n != REM.nfiles || ws->k != REM.nbasis)
         attach_design(ws);
     return 0;
@@ -619,25 +611,7 @@ int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *er
                   const int *dof, float *sigma2_fe, float *sigma2_re)
 {
     if (check_model(ws, n)) return 1;
-
-    int unusable = 0;
-    for (int i = 0; i < n; ++i) {
-        if (!(error[i] > 0.0f)) unusable = 1;
-    }
-    if (unusable) {
-        *sigma2_fe = 0.0f;
-        *sigma2_re = 0.0f;
-        return -1;
-    }
-
-    int total_dof = 0;
-    for (int i = 0; i < n; ++i) total_dof += dof[i];
-    float fe = 0.0f;
-    for (int i = 0; i < n; ++i) {
-        const float weight = static_cast<float>(dof[i]) / static_cast<float>(total_dof);
-        fe += weight * error[i] * error[i];
-    }
-    *sigma2_fe = fe;
+    if (rem_fixed_effects_variance(n, error, dof, sigma2_fe, sigma2_re) != 0) return -1;
 
     float re = 0.0f;
     if (!fast_reml(ws, effect, error, &re)) re = general_reml(ws, effect, error);
@@ -751,47 +725,6 @@ int rem_fast_calculate_F(rem_workspace *ws, int n, int resels, int condition, in
         for (int s = 0; s < m; ++s) Q += contrast[r] * M[r * m + s] * contrast[s];
     }
     const float F = Q / static_cast<float>(m);
-
-    float t = static_cast<float>(std::sqrt(static_cast<double>(F)));
-    *effect_error = *effect_size / t;
-
-    const float nu = static_cast<float>(dof);
-    const float numerator = 0.1169f * ((nu - 1) / nu * F - 1);
-    const float base = 1 + F / nu;
-    const float exponent = (nu - 1) / 2;
-    const float rho = static_cast<float>(
-        numerator / std::pow(static_cast<double>(base), static_cast<double>(exponent)));
-    float corrected = resels * rho;
-
-    if (*effect_size < 0.0f) t = -t;
-
-    float raw;
-    if (*effect_size == 0.0f) {
-        t = 0.0f;
-        raw = 1.0f;
-        corrected = 1.0f;
-    } else {
-        const float x = nu / (m * F + nu);
-        const float p0 = static_cast<float>(ibeta(0.5 * static_cast<double>(nu),
-                                                  0.5 * static_cast<double>(m),
-                                                  static_cast<double>(x)));
-        if (m == 1) {
-            raw = p0;
-        } else {
-            raw = 2 * p0;
-            if (raw == 2.0f) raw = 1.0f;
-            if (raw > 1.0f) raw = 2 - raw;
-        }
-    }
-
-    if (corrected > 1.0f || corrected < 0.0f) corrected = 1.0f;
-
-    const float p_min = static_cast<float>(std::exp(-100.0));
-    if (raw < p_min) raw = p_min;
-    if (corrected < p_min) corrected = p_min;
-
-    *t_value = t;
-    *p_raw = raw;
-    *p_corrected = corrected;
+    rem_f_test(F, m, dof, resels, effect_size, t_value, p_raw, p_corrected, effect_error);
     return 0;
 }
