@@ -129,7 +129,14 @@ bench large-group "32 32 16" 100 2 8
 
 # nipy's mixed-effects EM, when that package is there: 5 iterations on a
 # 32 x 32 x 16 study of 2 groups of 40 files.
-if python3 -c 'import nipy.algorithms.statistics.mixed_effects_stat' 2>/dev/null; then
+nipy_python=""
+for p in python3 /usr/bin/python3; do
+  if "$p" -c 'import nipy.algorithms.statistics.mixed_effects_stat' 2>/dev/null; then
+    nipy_python=$p
+    break
+  fi
+done
+if [[ -n $nipy_python ]]; then
   dir=$work/nipy
   "$sim" -o "$dir" --prefix ../ --size 32 32 16 --subjects 40 --seed 3 >/dev/null
   n=$(voxels_of "$dir")
@@ -138,7 +145,7 @@ if python3 -c 'import nipy.algorithms.statistics.mixed_effects_stat' 2>/dev/null
   header
   run fast "$dir"
   row "fmri-rem fast" "$n" "$WALL" "$CPU" "$RSS"
-  python3 - "$dir" <<'EOF'
+  "$nipy_python" - "$dir" <<'EOF'
 import os, re, sys, time, resource
 import numpy as np
 from nipy.algorithms.statistics.mixed_effects_stat import mfx_stat
