@@ -20,6 +20,10 @@
 //    float that is (float)(1.0 / (double)d).  The sign of those zeros never
 //    matters, because they only ever enter sums as factors of finite terms.
 //
+// R is kept transposed: R.y and (R.R).y are then sums of scaled rows, formed
+// for all elements at once by the vector kernels while each element still
+// receives its terms one at a time in the plain order.
+//
 // Before a shortcut is used its conditions are checked (finite design, error
 // values, squares, variance, diagonal and weights; a finite R).  When one does
 // not hold, the voxel is computed from its start by the general route: the
