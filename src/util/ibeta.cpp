@@ -6,8 +6,16 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <math.h>
 
 namespace {
+
+// The C library's log-gamma without its side effect on the global signgam,
+// so that several threads may compute p values at once; same values.
+double log_gamma(double x) {
+    int sign = 0;
+    return lgamma_r(x, &sign);
+}
 
 const double MACHEP = 1.1102230246251565e-16;   // 2^-53
 const double MAXGAM = 171.6243769563027;
@@ -127,7 +135,7 @@ double ibeta(double a, double b, double x) {
         } else {
             // In logarithms, when the powers or the gamma functions would
             // overflow.
-            const double s = std::lgamma(a + b) + u - std::lgamma(a) - std::lgamma(b) + y +
+            const double s = log_gamma(a + b) + u - log_gamma(a) - log_gamma(b) + y +
                              std::log(w / a);
             t = s < MINLOG ? 0.0 : std::exp(s);
         }
@@ -175,7 +183,7 @@ double pseries(double a, double b, double x) {
     u = a * std::log(x);
     if (a + b < MAXGAM && std::fabs(u) < MAXLOG)
         return s * std::tgamma(a + b) / (std::tgamma(a) * std::tgamma(b)) * std::pow(x, a);
-    t = std::lgamma(a + b) - std::lgamma(a) - std::lgamma(b) + u + std::log(s);
+    t = log_gamma(a + b) - log_gamma(a) - log_gamma(b) + u + std::log(s);
     return t < MINLOG ? 0.0 : std::exp(t);
 }
 
