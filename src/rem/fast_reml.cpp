@@ -26,16 +26,25 @@
 //
 // Before a shortcut is used its conditions are checked (finite design, error
 // values, squares, variance, diagonal and weights; a finite R).  When one does
-// not hold, the voxel is computed from its start by the general route: the
-// plain arithmetic, step by step, on the workspace's own matrices.
+// not hold, the voxel is handed whole to the plain operation itself
+// (REM_REML_iterate or REM_fit_final), which works on the model's shared fit
+// matrices: those calls are made one at a time, under a lock, and the fit's
+// amplitudes and normal_inverse are then copied into the workspace for the
+// F test.  Such voxels are rare (values that are not finite, a zero
+// variance, ...), so the lock costs nothing in practice.
 //
-// Only the model's design and conditions are read from REM, never written, so
-// any number of threads can work at once, each with its own workspace.
+// The fast route only reads the model's design and conditions, which the
+// plain operations never write, so any number of threads can run it at once,
+// each with its own workspace, and without the lock.  It allocates nothing
+// per voxel: the small float64 inversions (the normal matrix, the F test's
+// L.N.L') use the workspace's scratch instead of dInvertSquareMatrix, which
+// allocates its pivot and work vectors on every call.
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "fast_internal.h"
 #include "rem.h"
@@ -48,8 +57,8 @@ struct rem_workspace {
     int ld;   // padded row length of the n-column matrices
     float **design_source;  // the REM.design that X was copied from
     int design_finite;
-    int general_only;
-    long general_count;
+    int general_only;    // every voxel to the plain operations
+    long general_count;  // calls handed to the plain operations
 
     float *X;      // n x k design, rows first
     float *Xt;     // k x ld the design transposed
@@ -57,6 +66,7 @@ struct rem_workspace {
     float *NI;     // k x k normal_inverse
     float *N;      // k x k normal_matrix
     float *T;      // k x k scratch of the pseudo-inverse
+    float **N_rows, **T_rows, **NI_rows;  // row pointers into N, T and NI
     float *WX;     // n x k  W.X
     float *DtW;    // k x ld X'.W
     float *E;      // k x ld estimator
@@ -75,9 +85,6 @@ struct rem_workspace {
     double *D;
     int *pivot;
     double *dwork;
-
-    // General route, allocated when first needed: n x ld each.
-    float *g_fv, *g_fv2, *g_v, *g_hat, *g_r, *g_rr, *g_work;
 
     // F test: contrast values and L.N.L' for up to mcap rows.
     int mcap;
@@ -114,8 +121,8 @@ void release(rem_workspace *ws)
     void *blocks[] = {ws->X,     ws->Xt,    ws->beta,  ws->NI,    ws->N,      ws->T,
                       ws->WX,    ws->DtW,   ws->E,     ws->fv2,   ws->w,      ws->t,
                       ws->row,   ws->coef,  ws->Rt,    ws->start, ws->stop,  ws->first, ws->last,
-                      ws->D,     ws->pivot, ws->dwork, ws->g_fv,  ws->g_fv2,  ws->g_v,
-                      ws->g_hat, ws->g_r,   ws->g_rr,  ws->g_work, ws->contrast, ws->M};
+                      ws->D,     ws->pivot, ws->dwork, ws->N_rows, ws->T_rows, ws->NI_rows,
+                      ws->contrast, ws->M};
     for (void *b : blocks) std::free(b);
     const int general_only = ws->general_only;
     const long general_count = ws->general_count;
@@ -153,6 +160,14 @@ void attach_design(rem_workspace *ws)
     ws->NI = aligned_floats(kk * kk);
     ws->N = aligned_floats(kk * kk);
     ws->T = aligned_floats(kk * kk);
+    ws->N_rows = plain_array<float *>(kk);
+    ws->T_rows = plain_array<float *>(kk);
+    ws->NI_rows = plain_array<float *>(kk);
+    for (size_t a = 0; a < kk; ++a) {
+        ws->N_rows[a] = ws->N + a * kk;
+        ws->T_rows[a] = ws->T + a * kk;
+        ws->NI_rows[a] = ws->NI + a * kk;
+    }
     ws->WX = aligned_floats(nn * kk);
     ws->DtW = aligned_floats(kk * ld);
     ws->E = aligned_floats(kk * ld);
@@ -181,19 +196,6 @@ void ensure_double_scratch(rem_workspace *ws, int order)
     ws->dcap = order;
 }
 
-void ensure_general(rem_workspace *ws)
-{
-    if (ws->g_fv != nullptr) return;
-    const size_t size = static_cast<size_t>(ws->n) * static_cast<size_t>(ws->ld);
-    ws->g_fv = aligned_floats(size);
-    ws->g_fv2 = aligned_floats(size);
-    ws->g_v = aligned_floats(size);
-    ws->g_hat = aligned_floats(size);
-    ws->g_r = aligned_floats(size);
-    ws->g_rr = aligned_floats(size);
-    ws->g_work = aligned_floats(size);
-}
-
 // The checks that open REM_REML_iterate and REM_fit_final, and the
 // workspace's own: it follows the design that REM holds now.
 int check_model(rem_workspace *ws, int n)
@@ -205,28 +207,12 @@ int check_model(rem_workspace *ws, int n)
 }
 
 // ---------------------------------------------------------------------------
-// The plain arithmetic on contiguous matrices (element [i][j] at i*ld + j).
+// Inversions without allocation, on contiguous matrices (element [i][j] at
+// i*lda + j).
 
-// C (rows x cols) = op(A).op(B), each element a float sum over the inner
-// index in order.
-void product(float *C, int ldc, int rows, int cols, const float *A, int lda, int transpose_a,
-             int inner, const float *B, int ldb, int transpose_b)
-{
-    for (int i = 0; i < rows; ++i) {
-        for (int j = 0; j < cols; ++j) {
-            float sum = 0.0f;
-            for (int m = 0; m < inner; ++m) {
-                const float a = transpose_a ? A[m * lda + i] : A[i * lda + m];
-                const float b = transpose_b ? B[j * ldb + m] : B[m * ldb + j];
-                sum += a * b;
-            }
-            C[i * ldc + j] = sum;
-        }
-    }
-}
-
-// In-place float64 inversion (LU with partial pivoting, inversion of U,
-// solution of inverse(A).L = inverse(U), column exchanges); n >= 0.
+// The steps of dInvertSquareMatrix, on the workspace's pivot and work
+// vectors: LU with partial pivoting, inversion of U, solution of
+// inverse(A).L = inverse(U), column exchanges; n >= 0.
 int invert_double(int n, double *A, int lda, int *pivot, double *work)
 {
     for (int k = 0; k < n; ++k) {
@@ -298,103 +284,22 @@ void invert_float(rem_workspace *ws, int n, float *A, int lda)
         for (int j = 0; j < n; ++j) A[i * lda + j] = static_cast<float>(D[i * n + j]);
 }
 
-// normal_inverse = (N'.N)^-1.N' for the k x k normal matrix.
+// normal_inverse = (N'.N)^-1.N' for the k x k normal matrix, as
+// Matrix_PseudoInverse forms it.
 void normal_pseudo_inverse(rem_workspace *ws)
 {
     const int k = ws->k;
-    product(ws->T, k, k, k, ws->N, k, 1, k, ws->N, k, 0);
+    Matrix_Product(ws->T_rows, k, k, ws->N_rows, 1, k, ws->N_rows, 0);
     invert_float(ws, k, ws->T, k);
-    product(ws->NI, k, k, k, ws->T, k, 0, k, ws->N, k, 1);
+    Matrix_Product(ws->NI_rows, k, k, ws->T_rows, 0, k, ws->N_rows, 1);
 }
 
-// The residue step of the plain operations with W = g_v.  Without `full`
-// it stops after the estimator (the final fit reads nothing later).
-void general_residue(rem_workspace *ws, bool full)
-{
-    const int n = ws->n, k = ws->k, ld = ws->ld;
-    const float *W = ws->g_v;
-    product(ws->DtW, ld, k, n, ws->X, k, 1, n, W, ld, 0);
-    product(ws->WX, k, n, k, W, ld, 0, n, ws->X, k, 0);
-    product(ws->N, k, k, k, ws->X, k, 1, n, ws->WX, k, 0);
-    normal_pseudo_inverse(ws);
-    product(ws->E, ld, k, n, ws->NI, k, 0, k, ws->DtW, ld, 0);
-    if (!full) return;
-    product(ws->g_hat, ld, n, n, ws->X, k, 0, k, ws->E, ld, 0);
-    product(ws->g_r, ld, n, n, W, ld, 0, n, ws->g_hat, ld, 0);
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) ws->g_r[i * ld + j] = W[i * ld + j] - ws->g_r[i * ld + j];
-    product(ws->g_rr, ld, n, n, ws->g_r, ld, 0, n, ws->g_r, ld, 0);
-}
-
-void general_fixed_variance(rem_workspace *ws, const float *error)
-{
-    const int n = ws->n, ld = ws->ld;
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) ws->g_fv[i * ld + j] = (i == j) ? error[i] : 0.0f;
-    product(ws->g_fv2, ld, n, n, ws->g_fv, ld, 0, n, ws->g_fv, ld, 0);
-}
-
-void general_weighting(rem_workspace *ws, float sigma2)
-{
-    const int n = ws->n, ld = ws->ld;
-    for (int i = 0; i < n; ++i) {
-        for (int j = 0; j < n; ++j) {
-            const float identity = (i == j) ? 1.0f : 0.0f;
-            ws->g_v[i * ld + j] = ws->g_fv2[i * ld + j] + sigma2 * identity;
-        }
-    }
-    invert_float(ws, n, ws->g_v, ld);
-}
-
-// t = A.y and y'.t, float sums in index order.
-void matrix_times_vector(int n, const float *A, int lda, const float *y, float *t)
-{
-    for (int i = 0; i < n; ++i) {
-        float s = 0.0f;
-        for (int j = 0; j < n; ++j) s += A[i * lda + j] * y[j];
-        t[i] = s;
-    }
-}
-
+// y'.t, summed in float in index order.
 float dot(int n, const float *y, const float *t)
 {
     float s = 0.0f;
     for (int i = 0; i < n; ++i) s += y[i] * t[i];
     return s;
-}
-
-// The REML iteration of the plain operation, from the fixed variance on.
-float general_reml(rem_workspace *ws, const float *effect, const float *error)
-{
-    ensure_general(ws);
-    ++ws->general_count;
-    const int n = ws->n, k = ws->k, ld = ws->ld;
-    general_fixed_variance(ws, error);
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) ws->g_v[i * ld + j] = (i == j) ? 1.0f : 0.0f;
-    invert_float(ws, n, ws->g_v, ld);
-    general_residue(ws, true);
-    matrix_times_vector(n, ws->g_r, ld, effect, ws->t);
-    const float q = dot(n, effect, ws->t);
-    float sigma2 = q / static_cast<float>(n - k);
-
-    float sigma2_new = 0.0f;
-    float change = std::fabs(1.0f - sigma2_new / sigma2);
-    while (change > 0.05f) {
-        general_weighting(ws, sigma2);
-        general_residue(ws, true);
-        product(ws->g_work, ld, n, n, ws->g_fv2, ld, 0, n, ws->g_r, ld, 0);
-        float trace = 0.0f;
-        for (int i = 0; i < n; ++i) trace += ws->g_work[i * ld + i];
-        const float a = (trace + static_cast<float>(k)) * sigma2;
-        matrix_times_vector(n, ws->g_rr, ld, effect, ws->t);
-        float b = dot(n, effect, ws->t);
-        b = (sigma2 * sigma2) * b;
-        sigma2_new = (a + b) / static_cast<float>(n);
-        change = std::fabs(1.0f - sigma2_new / sigma2);
-        sigma2 = sigma2_new;
-    }
-    return sigma2_new;
 }
 
 // ---------------------------------------------------------------------------
@@ -523,8 +428,8 @@ void residue_squared_times(rem_workspace *ws, const float *y, bool y_finite, flo
 }
 
 // The REML estimate by the fast route; false when a shortcut's conditions
-// fail on the way (the caller then starts the voxel again on the general
-// route).  The error values are positive here.
+// fail on the way (the caller then hands the whole voxel to
+// REM_REML_iterate).  The error values are positive here.
 bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float *result)
 {
     const int n = ws->n, k = ws->k;
@@ -581,6 +486,10 @@ bool fast_fit_weights(rem_workspace *ws, float sigma2_re, const float *error)
     return diagonal_weights(ws, sigma2_re);
 }
 
+// Serialises the calls to the plain operations, which work on the model's
+// shared fit matrices.
+std::mutex plain_lock;
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -618,9 +527,15 @@ int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *er
     if (rem_fixed_effects_variance(n, error, dof, sigma2_fe, sigma2_re) != 0) return -1;
 
     float re = 0.0f;
-    if (!fast_reml(ws, effect, error, &re)) re = general_reml(ws, effect, error);
-    *sigma2_re = re;
-    return 0;
+    if (fast_reml(ws, effect, error, &re)) {
+        *sigma2_re = re;
+        return 0;
+    }
+    // The plain operation repeats the checks above, which pass silently and
+    // give the same fixed-effects variance.
+    std::lock_guard<std::mutex> hold(plain_lock);
+    ++ws->general_count;
+    return REM_REML_iterate(n, effect, error, dof, sigma2_fe, sigma2_re);
 }
 
 int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *effect,
@@ -645,15 +560,19 @@ int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *e
         return 0;
     }
 
-    if (fast_fit_weights(ws, sigma2_re, error)) {
-        fast_residue(ws, false);
-    } else {
-        ensure_general(ws);
+    if (!fast_fit_weights(ws, sigma2_re, error)) {
+        // The plain operation repeats the checks above, which pass silently;
+        // the F test reads its amplitudes and normal_inverse from here.
+        std::lock_guard<std::mutex> hold(plain_lock);
         ++ws->general_count;
-        general_fixed_variance(ws, error);
-        general_weighting(ws, sigma2_re);
-        general_residue(ws, false);
+        const int result = REM_fit_final(sigma2_re, n, effect, error, fitted, event_sum);
+        for (int j = 0; j < k; ++j) {
+            ws->beta[j] = REM.beta[j];
+            for (int jj = 0; jj < k; ++jj) ws->NI[j * k + jj] = REM.normal_inverse[j][jj];
+        }
+        return result;
     }
+    fast_residue(ws, false);
 
     for (int j = 0; j < k; ++j) {
         float s = 0.0f;

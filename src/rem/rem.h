@@ -108,8 +108,11 @@ int REM_get_DOF(void);
 // The same estimate, fit and test as REM_REML_iterate, REM_fit_final and
 // REM_calculate_F, bit for bit, but re-entrant: the design is read from REM
 // (read only) and everything else lives in a workspace that belongs to one
-// thread.  Nothing is allocated per voxel.  Create the workspace after the
-// design has been built (it follows a rebuilt design by itself).
+// thread; the fast route allocates nothing per voxel.  A voxel whose values
+// it cannot take (values that are not finite, a zero variance, ...) is
+// handed to REM_REML_iterate or REM_fit_final themselves, one thread at a
+// time; those write the model's fit matrices.  Create the workspace after
+// the design has been built (it follows a rebuilt design by itself).
 // ======================================================================
 typedef struct rem_workspace rem_workspace;
 
@@ -130,11 +133,10 @@ int rem_fast_calculate_F(rem_workspace *ws, int n, int resels, int condition, in
 // The last fit's amplitudes (k values) and normal_inverse (k x k, rows first).
 const float *rem_workspace_beta(const rem_workspace *ws);
 const float *rem_workspace_normal_inverse(const rem_workspace *ws);
-// 1: every voxel takes the general route (the plain arithmetic on the
-// workspace), which the fast route otherwise uses only where its shortcuts do
-// not apply (values that are not finite, a zero on the diagonal, ...).
+// 1: every voxel is handed to the plain operations, as otherwise only those
+// where the fast route's shortcuts do not apply.
 void rem_workspace_set_general_only(rem_workspace *ws, int general_only);
-// Number of REML or fit calls that took the general route.
+// Number of REML or fit calls handed to the plain operations.
 long rem_workspace_general_count(const rem_workspace *ws);
 // Name of the vector instruction set in use ("avx512", "avx2" or "sse2"); the
 // best one the processor has is chosen at start.  Selecting another (before
