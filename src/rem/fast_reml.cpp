@@ -305,6 +305,22 @@ float dot(int n, const float *y, const float *t)
 // ---------------------------------------------------------------------------
 // The fast route.
 
+// Whether the fast route may start on a voxel: a finite design, at least one
+// file and one basis function, finite error values with finite squares,
+// which are stored as the diagonal of S^2.
+bool fast_route_applies(rem_workspace *ws, const float *error)
+{
+    const int n = ws->n;
+    if (ws->general_only || !ws->design_finite || n < 1 || ws->k < 1) return false;
+    for (int i = 0; i < n; ++i) {
+        if (!std::isfinite(error[i])) return false;
+        const float s2 = error[i] * error[i];
+        if (!std::isfinite(s2)) return false;
+        ws->fv2[i] = s2;
+    }
+    return true;
+}
+
 // Weights W = diag(w) from the diagonal of S^2 + sigma2.I; false when the
 // shortcut does not apply (the inverse would not be a finite diagonal).
 bool diagonal_weights(rem_workspace *ws, float sigma2)
@@ -433,13 +449,7 @@ void residue_squared_times(rem_workspace *ws, const float *y, bool y_finite, flo
 bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float *result)
 {
     const int n = ws->n, k = ws->k;
-    if (ws->general_only || !ws->design_finite || n < 1 || k < 1) return false;
-    for (int i = 0; i < n; ++i) {
-        if (!std::isfinite(error[i])) return false;
-        const float s2 = error[i] * error[i];
-        if (!std::isfinite(s2)) return false;
-        ws->fv2[i] = s2;
-    }
+    if (!fast_route_applies(ws, error)) return false;
 
     bool y_finite = true;
     for (int i = 0; i < n; ++i) y_finite = y_finite && std::isfinite(effect[i]);
@@ -475,15 +485,7 @@ bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float
 // conditions do not hold.
 bool fast_fit_weights(rem_workspace *ws, float sigma2_re, const float *error)
 {
-    const int n = ws->n, k = ws->k;
-    if (ws->general_only || !ws->design_finite || n < 1 || k < 1) return false;
-    for (int i = 0; i < n; ++i) {
-        if (!std::isfinite(error[i])) return false;
-        const float s2 = error[i] * error[i];
-        if (!std::isfinite(s2)) return false;
-        ws->fv2[i] = s2;
-    }
-    return diagonal_weights(ws, sigma2_re);
+    return fast_route_applies(ws, error) && diagonal_weights(ws, sigma2_re);
 }
 
 // Serialises the calls to the plain operations, which work on the model's
