@@ -31,7 +31,7 @@
 // matrices: those calls are made one at a time, under a lock, and the fit's
 // amplitudes and normal_inverse are then copied into the workspace for the
 // F test.  Such voxels are rare (values that are not finite, a zero
-// variance, ...), so the lock costs nothing in practice.
+// variance, ...), so the lock costs little.
 //
 // The fast route only reads the model's design and conditions, which the
 // plain operations never write, so any number of threads can run it at once,
@@ -66,8 +66,8 @@ struct rem_workspace {
     float *NI;     // k x k normal_inverse
     float *N;      // k x k normal_matrix
     float *T;      // k x k scratch of the pseudo-inverse
-    float **N_rows, **T_rows, **NI_rows;  // row pointers into N, T and NI
-    float *WX;     // n x k  W.X
+    // Row pointers into N, T and NI, for Matrix_Product.
+    float **N_rows, **T_rows, **NI_rows;
     float *DtW;    // k x ld X'.W
     float *E;      // k x ld estimator
     float *fv2;    // ld: diagonal of S^2
@@ -118,11 +118,11 @@ T *plain_array(size_t count)
 
 void release(rem_workspace *ws)
 {
-    void *blocks[] = {ws->X,     ws->Xt,    ws->beta,  ws->NI,    ws->N,      ws->T,
-                      ws->WX,    ws->DtW,   ws->E,     ws->fv2,   ws->w,      ws->t,
-                      ws->row,   ws->coef,  ws->Rt,    ws->start, ws->stop,  ws->first, ws->last,
-                      ws->D,     ws->pivot, ws->dwork, ws->N_rows, ws->T_rows, ws->NI_rows,
-                      ws->contrast, ws->M};
+    void *blocks[] = {ws->X,      ws->Xt,     ws->beta,    ws->NI,       ws->N,     ws->T,
+                      ws->DtW,    ws->E,      ws->fv2,     ws->w,        ws->t,     ws->row,
+                      ws->coef,   ws->Rt,     ws->start,   ws->stop,     ws->first, ws->last,
+                      ws->D,      ws->pivot,  ws->dwork,   ws->contrast, ws->M,
+                      ws->N_rows, ws->T_rows, ws->NI_rows};
     for (void *b : blocks) std::free(b);
     const int general_only = ws->general_only;
     const long general_count = ws->general_count;
@@ -168,7 +168,6 @@ void attach_design(rem_workspace *ws)
         ws->T_rows[a] = ws->T + a * kk;
         ws->NI_rows[a] = ws->NI + a * kk;
     }
-    ws->WX = aligned_floats(nn * kk);
     ws->DtW = aligned_floats(kk * ld);
     ws->E = aligned_floats(kk * ld);
     ws->fv2 = aligned_floats(ld);
