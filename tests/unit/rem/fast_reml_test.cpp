@@ -192,7 +192,7 @@ const std::vector<Design> &designs()
     return all;
 }
 
-// Returns how many calls took the general route.
+// Returns how many calls were handed to the plain operations.
 long run_design(const Design &d, int voxels, uint64_t seed, bool general_only)
 {
     build_model(d.n, d.events, d.weights);
@@ -234,7 +234,7 @@ TEST(FastReml, MatchesThePlainOperationsBitForBit)
             const int voxels = d.n > 40 ? 6 : 60;
             const long general = run_design(d, voxels, seed++, false);
             // Of the nine calls per voxel, four fits have variances that
-            // need the general route; so do special values (a third of the
+            // need the plain operations; so do special values (a third of the
             // voxels).  A finite design must take the fast route otherwise.
             bool finite = true;
             for (int i = 0; i < REM.nfiles; ++i)
@@ -246,7 +246,8 @@ TEST(FastReml, MatchesThePlainOperationsBitForBit)
     }
 }
 
-// The general route (used where a shortcut does not apply) on ordinary data.
+// Every voxel handed to the plain operations (as where a shortcut does not
+// apply): the workspace must then hold their fit for its own F test.
 TEST(FastReml, GeneralRouteMatchesThePlainOperations)
 {
     uint64_t seed = 101;
@@ -254,7 +255,7 @@ TEST(FastReml, GeneralRouteMatchesThePlainOperations)
 }
 
 // Ordinary voxels must take the fast route, or the comparison above proves
-// little; special values must send a voxel down the general route.
+// little; special values must send a voxel to the plain operations.
 TEST(FastReml, OrdinaryVoxelsTakeTheFastRoute)
 {
     build_model(20, {{0, {{0, 9}}}, {0, {{10, 19}}}});
