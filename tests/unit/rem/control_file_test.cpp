@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "rem.h"
 #include "test_support.h"
@@ -213,4 +215,31 @@ TEST(ControlFile, RefusalsAndCapacities) {
     EXPECT_EQ(REM_read_control_file("/nonexistent/analysis.txt"), 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "Error: cannot open the file /nonexistent/analysis.txt.\n");
+}
+
+// The example analysis files of the help pages (indented blocks of
+// rem-format.txt, one per menu entry) must read without an error.
+TEST(ControlFile, HelpExamplesRead) {
+    std::istringstream doc(
+        test_support::read_file(std::string(FMRI_REM_SOURCE_DIR) + "/documentation/rem-format.txt"));
+    std::vector<std::string> examples;
+    std::string line, block;
+    while (std::getline(doc, line)) {
+        if (!line.empty() && line[0] == '!') {
+            if (!block.empty()) examples.push_back(block);
+            block.clear();
+        } else if (line.compare(0, 3, "   ") == 0 || (line.empty() && !block.empty())) {
+            block += (line.empty() ? "" : line.substr(3)) + "\n";
+        }
+    }
+    if (!block.empty()) examples.push_back(block);
+
+    int read = 0;
+    for (const std::string &text : examples) {
+        if (text.find("\nevent ") == std::string::npos) continue;  // not an analysis file
+        SCOPED_TRACE(text);
+        EXPECT_EQ(read_text(text).result, 0);
+        ++read;
+    }
+    EXPECT_GE(read, 2);
 }
