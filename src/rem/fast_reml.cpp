@@ -545,19 +545,8 @@ int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *e
     if (check_model(ws, n)) return 1;
     const int k = ws->k;
 
-    int zero_error = 0;
-    for (int i = 0; i < n; ++i) {
-        if (error[i] == 0.0f) zero_error = 1;
-    }
-    if (zero_error) {
-        for (int i = 0; i < n; ++i) {
-            fitted[i] = 0.0f;
-            event_sum[i] = 0.0f;
-        }
-        for (int j = 0; j < k; ++j) {
-            ws->beta[j] = 0.0f;
-            for (int jj = 0; jj < k; ++jj) ws->NI[j * k + jj] = 0.0f;
-        }
+    if (rem_zero_error_fit(n, k, error, fitted, event_sum, ws->beta)) {
+        for (int j = 0; j < k * k; ++j) ws->NI[j] = 0.0f;
         return 0;
     }
 
@@ -580,17 +569,9 @@ int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *e
         for (int i = 0; i < n; ++i) s += ws->E[j * ws->ld + i] * effect[i];
         ws->beta[j] = s;
     }
-    for (int i = 0; i < n; ++i) {
-        float value = 0.0f;
-        float sum = 0.0f;
-        for (int j = 0; j < k; ++j) {
-            const float x = ws->X[i * k + j];
-            value += x * ws->beta[j];
-            if (x != 0.0f) sum += ws->beta[j];
-        }
-        fitted[i] = value;
-        event_sum[i] = sum;
-    }
+    const float *X = ws->X;
+    rem_fitted_values(
+        n, k, [X, k](int i, int j) { return X[i * k + j]; }, ws->beta, fitted, event_sum);
     return 0;
 }
 

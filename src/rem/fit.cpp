@@ -73,17 +73,8 @@ int REM_fit_final(float sigma2_re, int n, const float *effect, const float *erro
     const int k = REM.nbasis;
 
     // A file without an error value cannot be weighted: an all-zero fit.
-    int zero_error = 0;
-    for (int i = 0; i < n; ++i) {
-        if (error[i] == 0.0f) zero_error = 1;
-    }
-    if (zero_error) {
-        for (int i = 0; i < n; ++i) {
-            fitted[i] = 0.0f;
-            event_sum[i] = 0.0f;
-        }
+    if (rem_zero_error_fit(n, k, error, fitted, event_sum, REM.beta)) {
         for (int j = 0; j < k; ++j) {
-            REM.beta[j] = 0.0f;
             for (int jj = 0; jj < k; ++jj) REM.normal_inverse[j][jj] = 0.0f;
         }
         return 0;
@@ -99,16 +90,8 @@ int REM_fit_final(float sigma2_re, int n, const float *effect, const float *erro
         REM.beta[j] = s;
     }
 
-    for (int i = 0; i < n; ++i) {
-        float value = 0.0f;
-        float sum = 0.0f;
-        for (int j = 0; j < k; ++j) {
-            value += REM.design[i][j] * REM.beta[j];
-            if (REM.design[i][j] != 0.0f) sum += REM.beta[j];  // NaN counts as non-zero
-        }
-        fitted[i] = value;
-        event_sum[i] = sum;
-    }
+    rem_fitted_values(
+        n, k, [](int i, int j) { return REM.design[i][j]; }, REM.beta, fitted, event_sum);
     return 0;
 }
 

@@ -32,4 +32,41 @@ void rem_set_weighting(int n, float sigma2);
 void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, float *t_value,
                 float *p_raw, float *p_corrected, float *effect_error);
 
+// 1 when some error value is exactly 0 (NaN and negative values do not
+// count): the fit is then all zero, and fitted, event_sum and beta are set
+// to 0 here (the caller clears its normal_inverse).  Else 0, nothing set.
+inline int rem_zero_error_fit(int n, int k, const float *error, float *fitted, float *event_sum,
+                              float *beta) {
+    int zero_error = 0;
+    for (int i = 0; i < n; ++i) {
+        if (error[i] == 0.0f) zero_error = 1;
+    }
+    if (!zero_error) return 0;
+    for (int i = 0; i < n; ++i) {
+        fitted[i] = 0.0f;
+        event_sum[i] = 0.0f;
+    }
+    for (int j = 0; j < k; ++j) beta[j] = 0.0f;
+    return 1;
+}
+
+// fitted[i] = sum over j of X(i, j) * beta[j], and event_sum[i] = the sum of
+// beta[j] over the j with X(i, j) not 0 (a NaN counts as not 0), both float
+// sums in column order.  design(i, j) gives X(i, j) in the caller's storage.
+template <class Design>
+void rem_fitted_values(int n, int k, Design design, const float *beta, float *fitted,
+                       float *event_sum) {
+    for (int i = 0; i < n; ++i) {
+        float value = 0.0f;
+        float sum = 0.0f;
+        for (int j = 0; j < k; ++j) {
+            const float x = design(i, j);
+            value += x * beta[j];
+            if (x != 0.0f) sum += beta[j];
+        }
+        fitted[i] = value;
+        event_sum[i] = sum;
+    }
+}
+
 #endif
