@@ -579,15 +579,7 @@ int rem_fast_calculate_F(rem_workspace *ws, int n, int resels, int condition, in
                          float *t_value, float *p_raw, float *p_corrected, float *effect_size,
                          float *effect_error)
 {
-    if (condition < 0 || condition >= REM.nconditions) {
-        printf("Error: the specified condition (%d) is out of range (0-%d)\n", condition,
-               REM.nconditions);
-        return 1;
-    }
-    if (n != REM.nfiles) {
-        printf("Error: # time points (%d) != # used in REM fit (%d).\n", n, REM.nfiles);
-        return 1;
-    }
+    if (rem_check_condition(n, condition) != 0) return 1;
     if (ws->design_source != REM.design || ws->n != REM.nfiles || ws->k != REM.nbasis)
         attach_design(ws);
 
@@ -605,31 +597,14 @@ int rem_fast_calculate_F(rem_workspace *ws, int n, int resels, int condition, in
     float *contrast = ws->contrast;
     float *M = ws->M;
 
-    float largest = 0.0f;
-    for (int r = 0; r < m; ++r) {
-        float c = 0.0f;
-        for (int j = 0; j < k; ++j) c += L[r][j] * ws->beta[j];
-        contrast[r] = c;
-        if (std::fabs(c) > std::fabs(largest)) largest = c;
-    }
-    *effect_size = largest;
+    *effect_size = rem_contrast_values(m, k, L, ws->beta, contrast);
 
-    for (int r = 0; r < m; ++r) {
-        for (int s = 0; s < m; ++s) {
-            float sum = 0.0f;
-            for (int i = 0; i < k; ++i) {
-                for (int j = 0; j < k; ++j) sum += L[r][i] * N[i * k + j] * L[s][j];
-            }
-            M[r * m + s] = sum;
-        }
-    }
+    rem_contrast_covariance(
+        m, k, L, [N, k](int i, int j) { return N[i * k + j]; },
+        [M, m](int r, int s, float value) { M[r * m + s] = value; });
     invert_float(ws, m, M, m);
 
-    float Q = 0.0f;
-    for (int r = 0; r < m; ++r) {
-        for (int s = 0; s < m; ++s) Q += contrast[r] * M[r * m + s] * contrast[s];
-    }
-    const float F = Q / static_cast<float>(m);
+    const float F = rem_contrast_F(m, contrast, [M, m](int r, int s) { return M[r * m + s]; });
     rem_f_test(F, m, dof, resels, effect_size, t_value, p_raw, p_corrected, effect_error);
     return 0;
 }

@@ -95,8 +95,7 @@ int REM_fit_final(float sigma2_re, int n, const float *effect, const float *erro
     return 0;
 }
 
-int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, float *p_raw,
-                    float *p_corrected, float *effect_size, float *effect_error)
+int rem_check_condition(int n, int condition)
 {
     if (condition < 0 || condition >= REM.nconditions) {
         printf("Error: the specified condition (%d) is out of range (0-%d)\n", condition,
@@ -107,6 +106,13 @@ int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, f
         printf("Error: # time points (%d) != # used in REM fit (%d).\n", n, REM.nfiles);
         return 1;
     }
+    return 0;
+}
+
+int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, float *p_raw,
+                    float *p_corrected, float *effect_size, float *effect_error)
+{
+    if (rem_check_condition(n, condition) != 0) return 1;
 
     const int k = REM.nbasis;
     const int m = REM.condition_nrows[condition];
@@ -116,33 +122,16 @@ int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, f
     float **M = float_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(m));
 
     // Contrast values; the effect size is the first one of largest magnitude.
-    float largest = 0.0f;
-    for (int r = 0; r < m; ++r) {
-        float c = 0.0f;
-        for (int j = 0; j < k; ++j) c += L[r][j] * REM.beta[j];
-        contrast[r] = c;
-        if (std::fabs(c) > std::fabs(largest)) largest = c;
-    }
-    *effect_size = largest;
+    *effect_size = rem_contrast_values(m, k, L, REM.beta, contrast);
 
-    // M = L.N.L', one running sum over i and j for each element.
-    for (int r = 0; r < m; ++r) {
-        for (int s = 0; s < m; ++s) {
-            float sum = 0.0f;
-            for (int i = 0; i < k; ++i) {
-                for (int j = 0; j < k; ++j) sum += L[r][i] * N[i][j] * L[s][j];
-            }
-            M[r][s] = sum;
-        }
-    }
+    // M = L.N.L', inverted in place; a singular M is used as left.
+    rem_contrast_covariance(
+        m, k, L, [N](int i, int j) { return N[i][j]; },
+        [M](int r, int s, float value) { M[r][s] = value; });
     int failed_column = -1;
-    (void)rInvertSquareMatrix(m, M, &failed_column);  // a singular M is used as left
+    (void)rInvertSquareMatrix(m, M, &failed_column);
 
-    float Q = 0.0f;
-    for (int r = 0; r < m; ++r) {
-        for (int s = 0; s < m; ++s) Q += contrast[r] * M[r][s] * contrast[s];
-    }
-    const float F = Q / static_cast<float>(m);
+    const float F = rem_contrast_F(m, contrast, [M](int r, int s) { return M[r][s]; });
     free_float_matrix(M, static_cast<uint32_t>(m));
     free_float_vector(contrast);
 

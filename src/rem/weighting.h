@@ -5,6 +5,8 @@
 #ifndef FMRI_REM_WEIGHTING_H
 #define FMRI_REM_WEIGHTING_H
 
+#include <cmath>
+
 // 0 when a model is ready for n files; 1 after its message when none was
 // read.  A number of files other than the model's ends the process (exit 1).
 int rem_check_model(int n);
@@ -67,6 +69,50 @@ void rem_fitted_values(int n, int k, Design design, const float *beta, float *fi
         fitted[i] = value;
         event_sum[i] = sum;
     }
+}
+
+// 0 when condition and n fit the model; else 1 after the message.
+int rem_check_condition(int n, int condition);
+
+// Contrast values contrast[r] = sum over j of L[r][j] * beta[j] (float sums)
+// for the m rows of a condition; returns the first value of largest
+// magnitude, sign kept (0 when all are 0).
+inline float rem_contrast_values(int m, int k, int *const *L, const float *beta, float *contrast) {
+    float largest = 0.0f;
+    for (int r = 0; r < m; ++r) {
+        float c = 0.0f;
+        for (int j = 0; j < k; ++j) c += L[r][j] * beta[j];
+        contrast[r] = c;
+        if (std::fabs(c) > std::fabs(largest)) largest = c;
+    }
+    return largest;
+}
+
+// M = L.N.L' (m x m), one float sum over i and then j for each element;
+// normal_inverse(i, j) reads N and set(r, s, value) stores M in the
+// caller's storage.
+template <class NormalInverse, class Store>
+void rem_contrast_covariance(int m, int k, int *const *L, NormalInverse normal_inverse,
+                             Store set) {
+    for (int r = 0; r < m; ++r) {
+        for (int s = 0; s < m; ++s) {
+            float sum = 0.0f;
+            for (int i = 0; i < k; ++i) {
+                for (int j = 0; j < k; ++j) sum += L[r][i] * normal_inverse(i, j) * L[s][j];
+            }
+            set(r, s, sum);
+        }
+    }
+}
+
+// F = Q / m with Q = sum over r and then s of c_r * Minv(r, s) * c_s.
+template <class Inverse>
+float rem_contrast_F(int m, const float *contrast, Inverse m_inverse) {
+    float Q = 0.0f;
+    for (int r = 0; r < m; ++r) {
+        for (int s = 0; s < m; ++s) Q += contrast[r] * m_inverse(r, s) * contrast[s];
+    }
+    return Q / static_cast<float>(m);
 }
 
 #endif
