@@ -4,15 +4,18 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 CHECK_BUILD ?= build-check
+PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary
+MAKEFLAGS += --no-print-directory
 
 .PHONY: setup build example check bench clean
 
 setup:
 	@bash scripts/setup.sh
 
+# The programs only; the tests are built by `make check`.
 build: setup
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build $(BUILD) -j $(JOBS)
+	@cmake --build $(BUILD) -j $(JOBS) --target $(PROGRAMS)
 
 example: build
 	@bash scripts/run-example.sh $(BUILD)
