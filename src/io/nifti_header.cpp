@@ -97,8 +97,10 @@ int read_nifti_header(char *name, volume_header *header) {
 
     // The extender's first byte tells whether an extension follows; only
     // the first extension is looked at.  Its numbers are taken as they lie.
+    // A short extender is not an error: the bytes present count, and a file
+    // that ends at the header has none.
     unsigned char extender[4] = {0, 0, 0, 0};
-    if (fread(extender, 1, 4, file) != 4) extender[0] = 0;
+    (void)!fread(extender, 1, 4, file);
     if (extender[0] != 0) {
         int32_t esize;
         int32_t ecode;

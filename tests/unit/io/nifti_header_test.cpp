@@ -92,6 +92,8 @@ TEST_F(NiftiRead, DamagedFiles) {
         {0, 4, 16, -5, "Error: Value for y dimension not found in header file 'v.nii'\n"},
         // The extension flag is set, but the file ends at byte 352.
         {4, 4, 16, 5, "Error: A NIFTI1 extension was indicated, but it is missing.\n"},
+        // Only the flag byte of the extender is there.
+        {1, 4, 16, 5, "Error: A NIFTI1 extension was indicated, but it is missing.\n"},
         {0, 4, 16, 32767, nullptr},  // 4 x 32767 x 6 x 32767 values
     };
     for (const auto &c : cases) {
