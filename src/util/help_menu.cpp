@@ -220,9 +220,6 @@ extern "C" int help_menu(int linked, const char *file_name) {
             }
             if (!have_number) {
                 bad_option(m == 0 ? help.nmenus - 1 : i);
-            } else if (k == 0) {
-                m = 0;
-                i = 0;
             } else if (m == 0) {
                 if (k < 0 || k > help.nmenus - 1)
                     bad_option(help.nmenus - 1);

@@ -82,6 +82,7 @@ TEST(HelpMenu, DialogueSteps) {
         {"1\n2\n\n\n", "HMS2SM"},      // sub-menu, item, back, leave
         {"1\n3\n\n\n", "HMSBSM"},      // item number beyond the sub-menu's items
         {"1\n0\n 1  extra words\n1\n\n\n", "HMSMS1SM"},  // "0"; the first word only
+        {"1\n00\n\n\n", "HMSSM"},    // a zero that is not "0" stays in the sub-menu
         {"2\n\n", "HMAM"},             // a sub-menu without items shows its text once
         {"4\n-1\n\n", "HMbMbM"},       // main-menu numbers out of range
         {"q\n1\nx\n\n\n", "HMbMS1SM"},  // letters: refused first, then the last number
