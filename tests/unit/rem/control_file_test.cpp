@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <sstream>
 #include <string>
@@ -139,6 +140,32 @@ TEST(ControlFile, OverlappingLayout) {
     EXPECT_EQ(REM_input.weights_given, 0);
     EXPECT_EQ(REM.design[0][1], -1.5f);  // weight 2 over the mean weight 4/3
     EXPECT_EQ(REM.design[4][0], 0.0f);
+}
+
+// An event line without files gives an event of 0 samples; a file without any
+// event line ends with one event numbered 0, which has no character, so the
+// input description stops the process.
+TEST(ControlFile, EventsWithoutFiles) {
+    Outcome o = read_text("event p\nevent c\na\n");
+    EXPECT_EQ(o.result, 0);
+    EXPECT_EQ(o.out,
+              "\nSQUARE event p has 0 samples:\n"
+              "\nSQUARE event c has 1 samples:\n"
+              "file[0] = a , magnitude = 1\n");
+
+    // The child runs the test afresh, so that its exit removes only its own
+    // temporary files.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    test_support::TempDir dir;
+    const std::string path = dir.file("no-event.txt");
+    test_support::write_file(path, "smoothing 1 2\nconditions p\n");
+    EXPECT_EXIT(
+        {
+            dup2(2, 1);  // match the message on standard error
+            REM_read_control_file(path.c_str());
+        },
+        testing::ExitedWithCode(1),
+        "^Programming error: event number 0 apparently is not defined!\n$");
 }
 
 // Each refusal with its message; at the capacities themselves the file is read.
