@@ -105,9 +105,10 @@ int read_shape(const char *text) {
     return -1;
 }
 
-// Event numbers 1 to 61 name events; 0 (no event character) and -1 (the
-// comma that separates contrast rows) do not.
-bool is_event_number(int number) { return number > 0; }
+// Only a character without any number (0) is refused here. The comma (-1)
+// is taken as read; its event has no character to be reported with, so the
+// description of the input ends the run with a programming error.
+bool is_event_number(int number) { return number != 0; }
 
 bool check_event_capacity() {
     if (REM.nevents < REM_MAX_EVENTS) return true;

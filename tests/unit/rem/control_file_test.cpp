@@ -144,7 +144,7 @@ TEST(ControlFile, OverlappingLayout) {
 
 // An event line without files gives an event of 0 samples; a file without any
 // event line ends with one event numbered 0, which has no character, so the
-// input description stops the process.
+// input description stops the process, as it does for an event named ",".
 TEST(ControlFile, EventsWithoutFiles) {
     Outcome o = read_text("event p\nevent c\na\n");
     EXPECT_EQ(o.result, 0);
@@ -166,6 +166,18 @@ TEST(ControlFile, EventsWithoutFiles) {
         },
         testing::ExitedWithCode(1),
         "^Programming error: event number 0 apparently is not defined!\n$");
+
+    // The comma is no event character but has a number (-1): the event line
+    // is taken, and describing it ends the run.
+    test_support::write_file(path, "event p\na\nsessions ,\n");
+    EXPECT_EXIT(
+        {
+            dup2(2, 1);
+            REM_read_control_file(path.c_str());
+        },
+        testing::ExitedWithCode(1),
+        "^\nSQUARE event p has 1 samples:\nfile\\[0\\] = a , magnitude = 1\n"
+        "Programming error: event number -1 apparently is not defined!\n$");
 }
 
 // Each refusal with its message; at the capacities themselves the file is read.
@@ -196,8 +208,6 @@ TEST(ControlFile, RefusalsAndCapacities) {
         {"measurements in the header", "measurements\nevent p\n0 0\n", header_error(1)},
         {"listed: event without character", "event p\na\nevent #x\n",
          "Error: `event' requires a character argument.\n"},
-        {"listed: comma is no event", "event p\na\nsessions ,\n",
-         "Error: event , is not an allowed event character.\n"},
         {"index list not ended", "event p\n0 1\n\nevent c\nmeasurements\na\nb\n",
          "The start and stop indices for files should follow event c\n"},
         {"event without ranges", "event p\n\nmeasurements\na\n",
