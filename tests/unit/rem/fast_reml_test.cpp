@@ -231,29 +231,3 @@ TEST(FastReml, OrdinaryVoxelsTakeTheFastRoute)
         rem_workspace_free(ws);
     }
 }
-
-// Messages and results of the checks are those of the plain operations.
-TEST(FastReml, ChecksAndMessages)
-{
-    REM.initialized = 0;
-    rem_workspace *ws = rem_workspace_create();
-    const float y[4] = {1, 2, 4, 3}, s[4] = {1, 1, 2, 1};
-    const int d[4] = {5, 5, 5, 5};
-    float fe = 7.0f, re = 7.0f, out[8], t, p, pc, es, ee;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(rem_fast_reml(ws, 1, y, s, d, &fe, &re), 1);
-    EXPECT_EQ(rem_fast_fit_final(ws, 1.0f, 1, y, s, out, out + 1), 1);
-    // The workspace follows the design built after it was created.
-    build_model(4, {{0, {{0, 3}}}});
-    set_condition(0, {{1}});
-    EXPECT_EQ(rem_fast_calculate_F(ws, 4, 1, 1, 10, &t, &p, &pc, &es, &ee), 1);
-    EXPECT_EQ(rem_fast_calculate_F(ws, 3, 1, 0, 10, &t, &p, &pc, &es, &ee), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Error in REM_fit_data: first initialize the REM\n"
-              "Error in REM_fit_data: first initialize the REM\n"
-              "Error: the specified condition (1) is out of range (0-1)\n"
-              "Error: # time points (3) != # used in REM fit (4).\n");
-    EXPECT_EQ(rem_fast_reml(ws, 4, y, s, d, &fe, &re), 0);
-    EXPECT_EXIT(rem_fast_reml(ws, 3, y, s, d, &fe, &re), testing::ExitedWithCode(1), "");
-    rem_workspace_free(ws);
-}

@@ -84,7 +84,7 @@ private:
 using Vec = std::vector<double>;
 using Mat = std::vector<Vec>;
 
-inline Mat zeros(int r, int c) { return Mat(r, Vec(c, 0.0)); }
+inline Mat zeros(size_t r, size_t c) { return Mat(r, Vec(c, 0.0)); }
 
 inline Vec mat_vec(const Mat &A, const Vec &y)
 {
@@ -101,27 +101,21 @@ inline double dot(const Vec &a, const Vec &b)
     return s;
 }
 
-// Gauss-Jordan inversion with partial pivoting (small, well-conditioned
-// matrices only).
+// Gauss-Jordan inversion of a small, well-conditioned symmetric positive
+// definite matrix (no pivoting needed).
 inline Mat inverse(Mat A)
 {
     const size_t n = A.size();
-    Mat I = zeros(static_cast<int>(n), static_cast<int>(n));
+    Mat I = zeros(n, n);
     for (size_t i = 0; i < n; ++i) I[i][i] = 1.0;
     for (size_t c = 0; c < n; ++c) {
-        size_t p = c;
-        for (size_t r = c + 1; r < n; ++r)
-            if (std::fabs(A[r][c]) > std::fabs(A[p][c])) p = r;
-        std::swap(A[c], A[p]);
-        std::swap(I[c], I[p]);
         const double d = A[c][c];
         for (size_t j = 0; j < n; ++j) {
             A[c][j] /= d;
             I[c][j] /= d;
         }
         for (size_t r = 0; r < n; ++r) {
-            if (r == c) continue;
-            const double f = A[r][c];
+            const double f = r == c ? 0.0 : A[r][c];
             for (size_t j = 0; j < n; ++j) {
                 A[r][j] -= f * A[c][j];
                 I[r][j] -= f * I[c][j];
@@ -149,23 +143,23 @@ struct Wls {
 
 inline Wls wls(const Mat &X, const Vec &s, double sigma2)
 {
-    const int n = static_cast<int>(X.size()), k = static_cast<int>(X[0].size());
+    const size_t n = X.size(), k = X[0].size();
     Vec w(n);
-    for (int i = 0; i < n; ++i) w[i] = 1.0 / (s[i] * s[i] + sigma2);
+    for (size_t i = 0; i < n; ++i) w[i] = 1.0 / (s[i] * s[i] + sigma2);
     Mat N = zeros(k, k);
-    for (int a = 0; a < k; ++a)
-        for (int b = 0; b < k; ++b)
-            for (int i = 0; i < n; ++i) N[a][b] += X[i][a] * w[i] * X[i][b];
+    for (size_t a = 0; a < k; ++a)
+        for (size_t b = 0; b < k; ++b)
+            for (size_t i = 0; i < n; ++i) N[a][b] += X[i][a] * w[i] * X[i][b];
     Wls out{inverse(N), zeros(k, n), zeros(n, n)};
-    for (int a = 0; a < k; ++a)
-        for (int i = 0; i < n; ++i)
-            for (int b = 0; b < k; ++b) out.estimator[a][i] += out.normal_inverse[a][b] * X[i][b] * w[i];
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) {
-            double h = 0.0;
-            for (int a = 0; a < k; ++a) h += X[i][a] * out.estimator[a][j];
-            out.R[i][j] = (i == j ? w[i] : 0.0) - w[i] * h;
-        }
+    for (size_t a = 0; a < k; ++a)
+        for (size_t i = 0; i < n; ++i)
+            for (size_t b = 0; b < k; ++b)
+                out.estimator[a][i] += out.normal_inverse[a][b] * X[i][b] * w[i];
+    for (size_t i = 0; i < n; ++i) {
+        out.R[i][i] = w[i];
+        for (size_t j = 0; j < n; ++j)
+            for (size_t a = 0; a < k; ++a) out.R[i][j] -= w[i] * X[i][a] * out.estimator[a][j];
+    }
     return out;
 }
 

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include "rem.h"
@@ -33,31 +34,60 @@ RemlResult run_reml(const std::vector<float> &y, const std::vector<float> &s,
 
 }  // namespace
 
-// Without a model both return 1 and touch no result; a number of values other
-// than the model's files ends the process.
-TEST(ModelCheckDeathTest, EstimateAndFitRefuseAMissingModelAndAWrongCount)
+// Without a model the estimate and the fit, plain or fast, return 1 and touch
+// no result.  The test refuses a bad condition (checked first), then a count
+// other than the fit's; the estimate and the fit end the process on a count
+// other than the model's files.  A workspace follows the design built after it.
+TEST(ModelCheckDeathTest, PlainAndFastRefuseTheSameWay)
 {
-    float fe = 7, re = 7, fitted[3] = {7, 7, 7}, sums[3] = {7, 7, 7};
-    const float y[3] = {1, 2, 3}, s[3] = {1, 1, 1};
-    const int d[3] = {1, 1, 1};
+    float fe = 7, re = 7, out[6] = {7, 7, 7, 7, 7, 7};
+    const float y[4] = {1, 2, 4, 3}, s[4] = {1, 1, 2, 1};
+    const int d[4] = {5, 5, 5, 5};
+    const std::string missing = "Error in REM_fit_data: first initialize the REM\n";
     REM.initialized = 0;
+    rem_workspace *ws = rem_workspace_create();
     testing::internal::CaptureStdout();
     EXPECT_EQ(REM_REML_iterate(3, y, s, d, &fe, &re), 1);
-    EXPECT_EQ(REM_fit_final(1.0f, 3, y, s, fitted, sums), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Error in REM_fit_data: first initialize the REM\n"
-              "Error in REM_fit_data: first initialize the REM\n");
-    for (float v : {fe, re, fitted[0], sums[0]}) EXPECT_EQ(v, 7.0f);
+    EXPECT_EQ(REM_fit_final(1.0f, 3, y, s, out, out + 3), 1);
+    EXPECT_EQ(rem_fast_reml(ws, 3, y, s, d, &fe, &re), 1);
+    EXPECT_EQ(rem_fast_fit_final(ws, 1.0f, 3, y, s, out, out + 3), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), missing + missing + missing + missing);
+    for (float v : {fe, re, out[0], out[3]}) EXPECT_EQ(v, 7.0f);
+
+    build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
+    set_condition(0, {{1, 0}});
+    set_condition(1, {{0, 1}});
+    const struct {
+        int n, condition;
+        const char *message;
+    } cases[] = {
+        {4, 2, "Error: the specified condition (2) is out of range (0-2)\n"},
+        {4, -1, "Error: the specified condition (-1) is out of range (0-2)\n"},
+        {3, 7, "Error: the specified condition (7) is out of range (0-2)\n"},
+        {3, 0, "Error: # time points (3) != # used in REM fit (4).\n"},
+    };
+    for (const auto &c : cases) {
+        float r[5] = {7, 7, 7, 7, 7};
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(REM_calculate_F(c.n, 10, c.condition, 10, &r[0], &r[1], &r[2], &r[3], &r[4]), 1);
+        EXPECT_EQ(rem_fast_calculate_F(ws, c.n, 10, c.condition, 10, &r[0], &r[1], &r[2], &r[3],
+                                       &r[4]), 1);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(c.message) + c.message);
+        EXPECT_EQ(r[0], 7.0f);
+    }
+    EXPECT_EQ(rem_fast_reml(ws, 4, y, s, d, &fe, &re), 0);
 
     // The message goes to standard output; send it to standard error to match it.
-    build_model(4, {{0, {{0, 3}}}});
     const char *message =
         "Error: the number of data time points \\(3\\) does not match the number in the REM "
         "\\(4\\)\\.";
     EXPECT_EXIT((dup2(2, 1), REM_REML_iterate(3, y, s, d, &fe, &re)), testing::ExitedWithCode(1),
                 message);
-    EXPECT_EXIT((dup2(2, 1), REM_fit_final(1.0f, 3, y, s, fitted, sums)),
+    EXPECT_EXIT((dup2(2, 1), REM_fit_final(1.0f, 3, y, s, out, out + 3)),
                 testing::ExitedWithCode(1), message);
+    EXPECT_EXIT((dup2(2, 1), rem_fast_reml(ws, 3, y, s, d, &fe, &re)), testing::ExitedWithCode(1),
+                message);
+    rem_workspace_free(ws);
 }
 
 // Every error value must be positive: 0, -0, a negative value or NaN give -1
