@@ -131,33 +131,29 @@ void compare_voxel(rem_workspace *ws, Voxel v, bool reml, Random &rng, const std
     }
 }
 
-const std::vector<Design> &designs()
-{
-    static const std::vector<Design> all = {
-        {"two groups", 24, {{0, {{0, 11}}}, {0, {{12, 23}}}}, {},
-         {{{1, 0}}, {{0, 1}}, {{1, -1}}, {{1, 0}, {0, 1}}}},
-        {"interleaved groups and a ramp", 30,
-         {{0, {{0, 4}, {10, 14}, {20, 24}}}, {0, {{5, 9}, {15, 19}, {25, 29}}}, {1, {{0, 29}}}},
-         {},
-         {{{1, -1, 0}}, {{0, 0, 1}}, {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}}},
-        {"weights and overlapping events", 17,
-         {{0, {{0, 16}}}, {1, {{3, 12}}}, {0, {{8, 16}}}},
-         {1.0f, 2.0f, 0.5f, 3.0f, 1.0f, 1.5f, 2.5f, 0.25f, 1.0f, 4.0f, 1.0f, 1.0f, 2.0f, -1.0f,
-          1.0f, 0.75f, 1.25f},
-         {{{1, 0, 0}}, {{0, 1, -1}}, {{1, 1, 1}, {0, 1, 0}}}},
-        {"single global mean", 9, {{0, {{0, 8}}}}, {}, {{{1}}, {{-1}}}},
-        {"singular design", 12, {{0, {{0, 5}}}, {0, {{0, 5}}}, {0, {{6, 11}}}}, {},
-         {{{1, -1, 0}}, {{0, 0, 1}}}, true},
-        {"as many events as files", 3, {{0, {{0, 0}}}, {0, {{1, 1}}}, {0, {{2, 2}}}}, {},
-         {{{1, 0, 0}}, {{1, -1, 0}, {0, 1, -1}}}},
-        {"file in no event", 10, {{0, {{0, 3}}}, {0, {{6, 9}}}}, {}, {{{1, -1}}}},
-        {"single-file ramp (not a number)", 8, {{0, {{0, 7}}}, {1, {{4, 4}}}}, {}, {{{1, 0}}}},
-        {"zero mean weight (infinite)", 6, {{0, {{0, 5}}}, {0, {{0, 1}}}},
-         {1.0f, -1.0f, 1.0f, 1.0f, 1.0f, 1.0f}, {{{1, 0}}}},
-        {"large groups", 70, {{0, {{0, 34}}}, {0, {{35, 69}}}}, {}, {{{1, -1}}}},
-    };
-    return all;
-}
+const std::vector<Design> designs = {
+    {"two groups", 24, {{0, {{0, 11}}}, {0, {{12, 23}}}}, {},
+     {{{1, 0}}, {{0, 1}}, {{1, -1}}, {{1, 0}, {0, 1}}}},
+    {"interleaved groups and a ramp", 30,
+     {{0, {{0, 4}, {10, 14}, {20, 24}}}, {0, {{5, 9}, {15, 19}, {25, 29}}}, {1, {{0, 29}}}},
+     {},
+     {{{1, -1, 0}}, {{0, 0, 1}}, {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}}},
+    {"weights and overlapping events", 17,
+     {{0, {{0, 16}}}, {1, {{3, 12}}}, {0, {{8, 16}}}},
+     {1.0f, 2.0f, 0.5f, 3.0f, 1.0f, 1.5f, 2.5f, 0.25f, 1.0f, 4.0f, 1.0f, 1.0f, 2.0f, -1.0f,
+      1.0f, 0.75f, 1.25f},
+     {{{1, 0, 0}}, {{0, 1, -1}}, {{1, 1, 1}, {0, 1, 0}}}},
+    {"single global mean", 9, {{0, {{0, 8}}}}, {}, {{{1}}, {{-1}}}},
+    {"singular design", 12, {{0, {{0, 5}}}, {0, {{0, 5}}}, {0, {{6, 11}}}}, {},
+     {{{1, -1, 0}}, {{0, 0, 1}}}, true},
+    {"as many events as files", 3, {{0, {{0, 0}}}, {0, {{1, 1}}}, {0, {{2, 2}}}}, {},
+     {{{1, 0, 0}}, {{1, -1, 0}, {0, 1, -1}}}},
+    {"file in no event", 10, {{0, {{0, 3}}}, {0, {{6, 9}}}}, {}, {{{1, -1}}}},
+    {"single-file ramp (not a number)", 8, {{0, {{0, 7}}}, {1, {{4, 4}}}}, {}, {{{1, 0}}}},
+    {"zero mean weight (infinite)", 6, {{0, {{0, 5}}}, {0, {{0, 1}}}},
+     {1.0f, -1.0f, 1.0f, 1.0f, 1.0f, 1.0f}, {{{1, 0}}}},
+    {"large groups", 70, {{0, {{0, 34}}}, {0, {{35, 69}}}}, {}, {{{1, -1}}}},
+};
 
 void run_design(const Design &d, int voxels, uint64_t seed, bool general_only)
 {
@@ -194,7 +190,7 @@ TEST(FastReml, MatchesThePlainOperationsBitForBit)
     for (const std::string &isa : instruction_sets()) {
         ASSERT_EQ(rem_fast_select_instruction_set(isa.c_str()), 0);
         uint64_t seed = 11;
-        for (const Design &d : designs()) run_design(d, d.n > 40 ? 6 : 60, seed++, false);
+        for (const Design &d : designs) run_design(d, d.n > 40 ? 6 : 60, seed++, false);
     }
 }
 
@@ -203,7 +199,7 @@ TEST(FastReml, MatchesThePlainOperationsBitForBit)
 TEST(FastReml, GeneralRouteMatchesThePlainOperations)
 {
     uint64_t seed = 101;
-    for (const Design &d : designs()) run_design(d, d.n > 40 ? 3 : 15, seed++, true);
+    for (const Design &d : designs) run_design(d, d.n > 40 ? 3 : 15, seed++, true);
 }
 
 // Ordinary voxels must take the fast route, or the comparison above proves
