@@ -37,8 +37,7 @@
 // plain operations never write, so any number of threads can run it at once,
 // each with its own workspace, and without the lock.  It allocates nothing
 // per voxel: the small float64 inversions (the normal matrix, the F test's
-// L.N.L') use the workspace's scratch instead of dInvertSquareMatrix, which
-// allocates its pivot and work vectors on every call.
+// L.N.L') run the support library's inversion on the workspace's scratch.
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -81,10 +80,12 @@ struct rem_workspace {
     int *start;    // n: first rounded down to a whole vector (or empty)
     int *stop;     // n: last + 1 rounded up
 
-    int dcap;      // order that D, pivot and dwork can hold
+    int dcap;      // order that D, pivot, dwork and the row pointers can hold
     double *D;
     int *pivot;
     double *dwork;
+    double **D_rows;  // rows of D for the order being inverted
+    float **A_rows;   // rows of the float matrix being inverted
 
     // F test: contrast values and L.N.L' for up to mcap rows.
     int mcap;
@@ -121,7 +122,7 @@ void release(rem_workspace *ws)
     void *blocks[] = {ws->X,      ws->Xt,     ws->beta,    ws->NI,       ws->N,     ws->T,
                       ws->DtW,    ws->E,      ws->fv2,     ws->w,        ws->t,     ws->row,
                       ws->coef,   ws->Rt,     ws->start,   ws->stop,     ws->first, ws->last,
-                      ws->D,      ws->pivot,  ws->dwork,   ws->contrast, ws->M,
+                      ws->D,      ws->pivot,  ws->dwork,   ws->D_rows,   ws->A_rows, ws->contrast, ws->M,
                       ws->N_rows, ws->T_rows, ws->NI_rows};
     for (void *b : blocks) std::free(b);
     const int general_only = ws->general_only;
@@ -188,10 +189,14 @@ void ensure_double_scratch(rem_workspace *ws, int order)
     std::free(ws->D);
     std::free(ws->pivot);
     std::free(ws->dwork);
+    std::free(ws->D_rows);
+    std::free(ws->A_rows);
     const size_t o = static_cast<size_t>(order);
     ws->D = plain_array<double>(o * o);
     ws->pivot = plain_array<int>(o);
     ws->dwork = plain_array<double>(o);
+    ws->D_rows = plain_array<double *>(o);
+    ws->A_rows = plain_array<float *>(o);
     ws->dcap = order;
 }
 
@@ -206,81 +211,19 @@ int check_model(rem_workspace *ws, int n)
 }
 
 // ---------------------------------------------------------------------------
-// Inversions without allocation, on contiguous matrices (element [i][j] at
-// i*lda + j).
-
-// The steps of dInvertSquareMatrix, on the workspace's pivot and work
-// vectors: LU with partial pivoting, inversion of U, solution of
-// inverse(A).L = inverse(U), column exchanges; n >= 0.
-int invert_double(int n, double *A, int lda, int *pivot, double *work)
-{
-    for (int k = 0; k < n; ++k) {
-        int p = k;
-        double best = std::fabs(A[k * lda + k]);
-        for (int i = k + 1; i < n; ++i) {
-            if (std::fabs(A[i * lda + k]) > best) {
-                p = i;
-                best = std::fabs(A[i * lda + k]);
-            }
-        }
-        pivot[k] = p;
-        if (A[p * lda + k] == 0.0) return 1;
-        if (p != k) {
-            for (int j = 0; j < n; ++j) {
-                const double t = A[k * lda + j];
-                A[k * lda + j] = A[p * lda + j];
-                A[p * lda + j] = t;
-            }
-        }
-        for (int i = k + 1; i < n; ++i) A[i * lda + k] = A[i * lda + k] / A[k * lda + k];
-        for (int j = k + 1; j < n; ++j)
-            for (int i = k + 1; i < n; ++i)
-                A[i * lda + j] = A[i * lda + j] - A[i * lda + k] * A[k * lda + j];
-    }
-    for (int j = 0; j < n; ++j) {
-        A[j * lda + j] = 1.0 / A[j * lda + j];
-        const double ajj = -A[j * lda + j];
-        for (int jj = 0; jj < j; ++jj) {
-            for (int i = 0; i < jj; ++i)
-                A[i * lda + j] = A[i * lda + j] + A[i * lda + jj] * A[jj * lda + j];
-            A[jj * lda + j] = A[jj * lda + j] * A[jj * lda + jj];
-        }
-        for (int i = 0; i < j; ++i) A[i * lda + j] = A[i * lda + j] * ajj;
-    }
-    for (int j = n - 1; j >= 0; --j) {
-        for (int i = j + 1; i < n; ++i) {
-            work[i] = A[i * lda + j];
-            A[i * lda + j] = 0.0;
-        }
-        if (j < n - 1) {
-            for (int c = j + 1; c < n; ++c)
-                for (int r = 0; r < n; ++r) A[r * lda + j] = A[r * lda + j] - A[r * lda + c] * work[c];
-        }
-    }
-    for (int j = n - 2; j >= 0; --j) {
-        const int p = pivot[j];
-        if (p != j) {
-            for (int r = 0; r < n; ++r) {
-                const double t = A[r * lda + j];
-                A[r * lda + j] = A[r * lda + p];
-                A[r * lda + p] = t;
-            }
-        }
-    }
-    return 0;
-}
-
-// In-place inversion of a float matrix through float64; the matrix is
-// copied back whatever the outcome (a failure leaves it partly factorised).
+// In-place inversion of a contiguous float matrix (element [i][j] at
+// i*lda + j) through float64, as rInvertSquareMatrix does it, on the
+// workspace's scratch: no allocation per voxel.  The result is not used.
 void invert_float(rem_workspace *ws, int n, float *A, int lda)
 {
     ensure_double_scratch(ws, n);
-    double *D = ws->D;
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) D[i * n + j] = static_cast<double>(A[i * lda + j]);
-    (void)invert_double(n, D, n, ws->pivot, ws->dwork);
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) A[i * lda + j] = static_cast<float>(D[i * n + j]);
+    for (int i = 0; i < n; ++i) {
+        ws->D_rows[i] = ws->D + static_cast<size_t>(i) * static_cast<size_t>(n);
+        ws->A_rows[i] = A + static_cast<size_t>(i) * static_cast<size_t>(lda);
+    }
+    int failed_column = -1;
+    (void)r_invert_square_matrix_with_scratch(n, ws->A_rows, &failed_column, ws->D_rows, ws->pivot,
+                                              ws->dwork);
 }
 
 // normal_inverse = (N'.N)^-1.N' for the k x k normal matrix, as

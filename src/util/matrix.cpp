@@ -33,14 +33,24 @@ int rInvertSquareMatrix(int n, float **A, int *failed_column) {
     if (n < 0) return dInvertSquareMatrix(n, nullptr, failed_column);
     const uint32_t size = static_cast<uint32_t>(n);
     double **D = double_matrix(size, size);
+    int *pivot = int_vector(size);
+    double *work = double_vector(size);
+    const int result = r_invert_square_matrix_with_scratch(n, A, failed_column, D, pivot, work);
+    free_double_vector(work);
+    free_int_vector(pivot);
+    free_double_matrix(D, size);
+    return result;
+}
+
+int r_invert_square_matrix_with_scratch(int n, float **A, int *failed_column, double **D,
+                                        int *pivot, double *work) {
     for (int i = 0; i < n; ++i)
         for (int j = 0; j < n; ++j) D[i][j] = static_cast<double>(A[i][j]);
-    const int result = dInvertSquareMatrix(n, D, failed_column);
+    const int result = d_invert_square_matrix_with_scratch(n, D, failed_column, pivot, work);
     // Copied back whatever the result: after a failure A holds the partly
     // factorised matrix.
     for (int i = 0; i < n; ++i)
         for (int j = 0; j < n; ++j) A[i][j] = static_cast<float>(D[i][j]);
-    free_double_matrix(D, size);
     return result;
 }
 
@@ -55,7 +65,15 @@ int dInvertSquareMatrix(int n, double **A, int *failed_column) {
     }
     int *pivot = int_vector(static_cast<uint32_t>(n));
     double *work = double_vector(static_cast<uint32_t>(n));
+    const int result = d_invert_square_matrix_with_scratch(n, A, failed_column, pivot, work);
+    free_int_vector(pivot);
+    free_double_vector(work);
+    return result;
+}
 
+int d_invert_square_matrix_with_scratch(int n, double **A, int *failed_column, int *pivot,
+                                        double *work) {
+    *failed_column = -1;
     for (int k = 0; k < n; ++k) {
         // The first row of largest magnitude wins.
         int p = k;
@@ -70,8 +88,6 @@ int dInvertSquareMatrix(int n, double **A, int *failed_column) {
         // Only an exact zero counts as singular.
         if (A[p][k] == 0.0) {
             *failed_column = k;
-            free_int_vector(pivot);
-            free_double_vector(work);
             return 1;
         }
         if (p != k) {
@@ -122,8 +138,6 @@ int dInvertSquareMatrix(int n, double **A, int *failed_column) {
         }
     }
 
-    free_int_vector(pivot);
-    free_double_vector(work);
     return 0;
 }
 

@@ -49,6 +49,13 @@ float Trace_of_Matrix(int n, float **A);
 // the column of an exactly zero pivot (else -1).
 int rInvertSquareMatrix(int n, float **A, int *failed_column);
 int dInvertSquareMatrix(int n, double **A, int *failed_column);
+// The same inversions on scratch the caller provides (pivot and work of n
+// elements, D an n x n float64 matrix), so that repeated inversions need no
+// allocation; n >= 0.
+int d_invert_square_matrix_with_scratch(int n, double **A, int *failed_column, int *pivot,
+                                        double *work);
+int r_invert_square_matrix_with_scratch(int n, float **A, int *failed_column, double **D,
+                                        int *pivot, double *work);
 // P (n x m) = (A^T A)^-1 A^T for A of m rows and n columns.
 void Matrix_PseudoInverse(float **A, int m, int n, float **P);
 
