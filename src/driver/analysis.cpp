@@ -96,20 +96,12 @@ int test_conditions(int voxel, int nvoxels, int residue_requested, int nconditio
         float p_corrected = 0.0f;
         float s = 0.0f;
         float ds = 0.0f;
-        float p_code = 0.0f;
-        if (!skipped) {
-            if (REM_calculate_F(w->nfiles, resels, c, dof, &t, &p_raw, &p_corrected, &s, &ds) !=
-                0) {
-                return 1;
-            }
-            float p = REM_input.multiple_comparisons != 0 ? p_corrected : p_raw;
-            p_code = static_cast<float>(-std::log10(static_cast<double>(p)));
-            if (t < 0.0f) p_code = -p_code;
+        if (!skipped &&
+            REM_calculate_F(w->nfiles, resels, c, dof, &t, &p_raw, &p_corrected, &s, &ds) != 0) {
+            return 1;
         }
-        P_map[c][voxel] = p_code;
-        T_map[c][voxel] = t;
-        S_map[c][voxel] = s;
-        dS_map[c][voxel] = ds;
+        store_condition_results(c, voxel, skipped, REM_input.multiple_comparisons != 0, t, p_raw,
+                                p_corrected, s, ds);
     }
     return 0;
 }
@@ -250,4 +242,18 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     free_float_vector(w.fitted);
     free_float_vector(w.event_sum);
     return 0;
+}
+
+void store_condition_results(int c, int voxel, int skipped, int correct, float t, float p_raw,
+                             float p_corrected, float s, float ds) {
+    float p_code = 0.0f;
+    if (!skipped) {
+        const float p = correct ? p_corrected : p_raw;
+        p_code = static_cast<float>(-std::log10(static_cast<double>(p)));
+        if (t < 0.0f) p_code = -p_code;
+    }
+    P_map[c][voxel] = p_code;
+    T_map[c][voxel] = t;
+    S_map[c][voxel] = s;
+    dS_map[c][voxel] = ds;
 }

@@ -158,21 +158,12 @@ int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries,
             }
             for (int c = 0; c < nconditions; ++c) {
                 float t = 0.0f, p_raw = 0.0f, p_corrected = 0.0f, es = 0.0f, ds = 0.0f;
-                float p_code = 0.0f;
-                if (!skipped) {
-                    if (rem_fast_calculate_F(s.ws, nfiles, resels, c, dof, &t, &p_raw,
-                                             &p_corrected, &es, &ds) != 0) {
-                        if (i < first_failure) first_failure = i;
-                        break;
-                    }
-                    const float p = correct ? p_corrected : p_raw;
-                    p_code = static_cast<float>(-std::log10(static_cast<double>(p)));
-                    if (t < 0.0f) p_code = -p_code;
+                if (!skipped && rem_fast_calculate_F(s.ws, nfiles, resels, c, dof, &t, &p_raw,
+                                                     &p_corrected, &es, &ds) != 0) {
+                    if (i < first_failure) first_failure = i;
+                    break;
                 }
-                P_map[c][i] = p_code;
-                T_map[c][i] = t;
-                S_map[c][i] = es;
-                dS_map[c][i] = ds;
+                store_condition_results(c, i, skipped, correct, t, p_raw, p_corrected, es, ds);
             }
         }
         print_progress(c0, first_failure, step, "statistics");

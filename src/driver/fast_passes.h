@@ -30,6 +30,12 @@ void fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, 
 int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries, int nfiles,
                          int residue_requested, int nconditions, int dof);
 
+// Stores one voxel's results for condition c.  The p code is -log10 of the
+// corrected p (when correct is non-zero) or of the raw p, its sign bit
+// toggled where t is negative; a skipped voxel stores 0 throughout.
+void store_condition_results(int c, int voxel, int skipped, int correct, float t, float p_raw,
+                             float p_corrected, float s, float ds);
+
 #ifdef __cplusplus
 }
 #endif
