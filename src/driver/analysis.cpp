@@ -11,6 +11,7 @@
 #include "fast_passes.h"
 #include "io.h"
 #include "rem.h"
+#include "signal_data.h"
 #include "util.h"
 
 float *Sigma2_FE_map = nullptr;
@@ -186,9 +187,14 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     // FMRI_REM_PLAIN=1 asks for the plain ones.
     const bool fast = fast_passes_usable(w.nfiles, nconditions) != 0;
 
+    // The plain passes read the data from memory.
+    if (!fast && signal_data_streamed() && load_streamed_signal_data() != 0) return 1;
+
     int unestimable = 0;
     if (fast) {
-        fast_variance_pass(nvoxels, step, w.entries, w.dofs, w.nfiles, &unestimable);
+        if (fast_variance_pass(nvoxels, step, w.entries, w.dofs, w.nfiles, &unestimable) != 0 ||
+            check_streamed_signal_files() != 0)
+            return 1;
     } else {
         for (int i = 0; i < nvoxels; ++i) {
             estimate_variances(i, &w, &unestimable);
@@ -197,6 +203,9 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     }
     std::printf("\r 100 percent done computing RE variance\n");
 
+    // The second pass reads the signal files again: they must survive the
+    // writing of "sigma2".
+    if (keep_signal_data_from("sigma2") != 0) return 1;
     FILE *stream = nullptr;
     if (open_output_file(0, 3, dof, "sigma2", &stream) != 0) return 1;
     std::fwrite(Sigma2_FE_map, sizeof(float), n, stream);
@@ -216,7 +225,8 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
 
     if (fast) {
         if (fast_statistics_pass(nvoxels, step, w.entries, w.nfiles, residue_requested,
-                                 nconditions, dof) != 0)
+                                 nconditions, dof) != 0 ||
+            check_streamed_signal_files() != 0)
             return 1;
     } else {
         for (int i = 0; i < nvoxels; ++i) {

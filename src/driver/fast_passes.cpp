@@ -20,6 +20,7 @@
 #endif
 
 #include "rem.h"
+#include "signal_data.h"
 #include "util.h"
 
 namespace {
@@ -27,6 +28,59 @@ namespace {
 // Voxels per chunk: large enough to keep every thread busy, small enough for
 // the progress lines to come out as the work goes on.
 const int kChunk = 4096;
+
+// Bytes of signal values read from the files per chunk when they are read
+// on demand: the chunk shrinks as the files grow in number.
+const int kChunkBytes = 1 << 20;
+
+int chunk_voxels(int nfiles)
+{
+    if (!signal_data_streamed()) return kChunk;
+    int voxels = kChunkBytes / (2 * static_cast<int>(sizeof(float)) * (nfiles > 0 ? nfiles : 1));
+    if (voxels < 64) voxels = 64;
+    return voxels < kChunk ? voxels : kChunk;
+}
+
+// The effect and error values of every file over one chunk of voxels, in
+// memory or read from the files into a buffer.
+class chunk_values {
+  public:
+    chunk_values(file_list_entry *const *entries, int nfiles, int chunk)
+        : entries_(entries), nfiles_(nfiles), chunk_(chunk),
+          effect_(static_cast<size_t>(nfiles)), error_(static_cast<size_t>(nfiles))
+    {
+        if (signal_data_streamed()) buffer_.resize(2 * static_cast<size_t>(nfiles) * chunk);
+    }
+
+    // Values of voxels first .. first+count-1; false after an error message.
+    bool fetch(int first, int count)
+    {
+        float *buffer = buffer_.empty() ? nullptr : buffer_.data();
+        for (int k = 0; k < nfiles_; ++k) {
+            const size_t at = 2 * static_cast<size_t>(k) * chunk_;
+            effect_[k] = signal_values(entries_[k], 0, first, count, buffer ? buffer + at : nullptr);
+            if (effect_[k] == nullptr) return false;
+            error_[k] = signal_values(entries_[k], 1, first, count,
+                                      buffer ? buffer + at + chunk_ : nullptr);
+            if (error_[k] == nullptr) return false;
+        }
+        first_ = first;
+        return true;
+    }
+
+    // Values of file k at a voxel of the chunk fetched last.
+    float effect(int k, int voxel) const { return effect_[k][voxel - first_]; }
+    float error(int k, int voxel) const { return error_[k][voxel - first_]; }
+
+  private:
+    file_list_entry *const *entries_;
+    int nfiles_;
+    int chunk_;
+    int first_ = 0;
+    std::vector<const float *> effect_;
+    std::vector<const float *> error_;
+    std::vector<float> buffer_;
+};
 
 int thread_count()
 {
@@ -93,27 +147,38 @@ void print_progress(int first, int last, int step, const char *what)
 
 }  // namespace
 
-int fast_passes_usable(int nfiles, int nconditions)
+int fast_passes_requested(void)
 {
     const char *plain = std::getenv("FMRI_REM_PLAIN");
-    if (plain != nullptr && plain[0] != '\0' && std::strcmp(plain, "0") != 0) return 0;
+    return plain == nullptr || plain[0] == '\0' || std::strcmp(plain, "0") == 0;
+}
+
+int fast_passes_usable(int nfiles, int nconditions)
+{
+    if (!fast_passes_requested()) return 0;
     return REM.initialized && REM.nfiles == nfiles && nconditions >= 0 &&
            nconditions <= REM.nconditions;
 }
 
-void fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
-                        int nfiles, int *unestimable)
+int fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
+                       int nfiles, int *unestimable)
 {
     std::vector<thread_state> states = make_states(nfiles);
+    const int chunk = chunk_voxels(nfiles);
+    chunk_values values(entries, nfiles, chunk);
     int count = 0;
-    for (int c0 = 0; c0 < nvoxels; c0 += kChunk) {
-        const int c1 = nvoxels - c0 < kChunk ? nvoxels : c0 + kChunk;
+    for (int c0 = 0; c0 < nvoxels; c0 += chunk) {
+        const int c1 = nvoxels - c0 < chunk ? nvoxels : c0 + chunk;
+        if (!values.fetch(c0, c1 - c0)) {
+            free_states(states);
+            return 1;
+        }
 #pragma omp parallel for schedule(dynamic, 16) reduction(+ : count)
         for (int i = c0; i < c1; ++i) {
             thread_state &s = states[static_cast<size_t>(thread_index())];
             for (int k = 0; k < nfiles; ++k) {
-                s.effects[k] = entries[k]->effect[i];
-                s.errors[k] = std::fabs(entries[k]->effect_stderr[i]);
+                s.effects[k] = values.effect(k, i);
+                s.errors[k] = std::fabs(values.error(k, i));
             }
             float fe = 0.0f;
             float re = 0.0f;
@@ -127,6 +192,7 @@ void fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, 
     }
     *unestimable += count;
     free_states(states);
+    return 0;
 }
 
 int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries, int nfiles,
@@ -135,15 +201,21 @@ int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries,
     std::vector<thread_state> states = make_states(nfiles);
     const int64_t n = nvoxels;
     const int correct = REM_input.multiple_comparisons != 0;
-    for (int c0 = 0; c0 < nvoxels; c0 += kChunk) {
-        const int c1 = nvoxels - c0 < kChunk ? nvoxels : c0 + kChunk;
+    const int chunk = chunk_voxels(nfiles);
+    chunk_values values(entries, nfiles, chunk);
+    for (int c0 = 0; c0 < nvoxels; c0 += chunk) {
+        const int c1 = nvoxels - c0 < chunk ? nvoxels : c0 + chunk;
+        if (!values.fetch(c0, c1 - c0)) {
+            free_states(states);
+            return 1;
+        }
         int first_failure = c1;
 #pragma omp parallel for schedule(dynamic, 16) reduction(min : first_failure)
         for (int i = c0; i < c1; ++i) {
             thread_state &s = states[static_cast<size_t>(thread_index())];
             for (int k = 0; k < nfiles; ++k) {
-                s.effects[k] = entries[k]->effect[i];
-                s.errors[k] = entries[k]->effect_stderr[i];
+                s.effects[k] = values.effect(k, i);
+                s.errors[k] = values.error(k, i);
             }
             const float re = Sigma2_RE_map[i];
             const bool skipped = (re == 0.0f);

@@ -12,6 +12,10 @@
 extern "C" {
 #endif
 
+// 1 unless the environment variable FMRI_REM_PLAIN asks for the plain
+// passes (set, and neither empty nor "0").
+int fast_passes_requested(void);
+
 // 1 when the fast passes are to be used: the environment variable
 // FMRI_REM_PLAIN is unset, empty or "0", and the model is ready for nfiles
 // files and nconditions conditions (otherwise the plain passes run, which
@@ -21,12 +25,13 @@ int fast_passes_usable(int nfiles, int nconditions);
 // First pass: REML variances into Sigma2_FE_map and Sigma2_RE_map; adds the
 // voxels that could not be estimated to *unestimable.  entries and dofs list
 // the nfiles signal files in order; progress is printed every step voxels.
-void fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
+// Returns 0, or 1 when the signal data could not be read.
+int fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
                         int nfiles, int *unestimable);
 
 // Second pass: final fit and every condition's test into P_map, T_map,
 // S_map, dS_map (and Residue_series when requested).  Returns 0, or 1 when
-// a test fails.
+// a test fails or the signal data could not be read.
 int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries, int nfiles,
                          int residue_requested, int nconditions, int dof);
 

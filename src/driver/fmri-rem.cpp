@@ -8,6 +8,8 @@
 #include <cstring>
 
 #include "driver.h"
+#include "fast_passes.h"
+#include "signal_data.h"
 #include "rem.h"
 #include "util.h"
 
@@ -117,7 +119,10 @@ int main(int argc, char **argv) {
 
     int nlinked = build_file_list();
 
-    if (read_signal_files() != 0) std::exit(1);
+    // The fast passes read the signal data from the files as they go; the
+    // plain ones hold them in memory.
+    if ((fast_passes_requested() ? read_signal_files_streamed() : read_signal_files()) != 0)
+        std::exit(1);
 
     REM_describe_basis_functions();
 

@@ -1,13 +1,23 @@
 // Loading of the signal files: every file's header and degrees of freedom,
 // the checks that all files agree with the first one, and both frames of
-// data (effect and its standard error).
+// data (effect and its standard error), read into memory or, for the fast
+// passes, read on demand from the files kept open.
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "driver.h"
 #include "io.h"
 #include "rem.h"
+#include "signal_data.h"
 #include "util.h"
 
 file_list_entry file_list_root;
@@ -75,7 +85,12 @@ int read_degrees_of_freedom(file_list_entry *entry, int *dof) {
     return 1;
 }
 
-int read_signal_files(void) {
+namespace {
+
+// Reads the headers and degrees of freedom of every file, checks that they
+// agree with the first one, prints the input line and sets resels; *n is
+// the number of voxels of a frame.
+int read_signal_headers(uint32_t *n) {
     static volume_header header;
 
     // Headers and degrees of freedom.
@@ -128,24 +143,201 @@ int read_signal_files(void) {
                 root->ny, root->nz);
 
     resels = REM_input.multiple_comparisons != 0 ? REM_input.multiple_comparisons : 1;
+    *n = static_cast<uint32_t>(nvoxels);
+    return 0;
+}
 
-    // Both frames of every file, in the machine's byte order.
-    uint32_t n = static_cast<uint32_t>(nvoxels);
-    for (file_list_entry *entry = &file_list_root; entry != nullptr; entry = entry->next) {
-        FILE *file = std::fopen(entry->name, "rb");
-        if (file == nullptr) {
-            std::printf("Error: cannot open file %s.\n", entry->name);
-            return 1;
-        }
-        if (!read_frame(file, n, &entry->effect) || !read_frame(file, n, &entry->effect_stderr)) {
-            std::printf("Error reading the floating point data from file %s\n", entry->name);
-            std::fclose(file);
-            return 1;
-        }
-        std::fclose(file);
+// Reads both frames of entry's data file, in the machine's byte order.
+int load_signal_data(file_list_entry *entry, uint32_t n) {
+    FILE *file = std::fopen(entry->name, "rb");
+    if (file == nullptr) {
+        std::printf("Error: cannot open file %s.\n", entry->name);
+        return 1;
     }
+    if (!read_frame(file, n, &entry->effect) || !read_frame(file, n, &entry->effect_stderr)) {
+        std::printf("Error reading the floating point data from file %s\n", entry->name);
+        std::fclose(file);
+        return 1;
+    }
+    std::fclose(file);
+    return 0;
+}
 
+void record_output_geometry() {
+    const file_list_entry *root = &file_list_root;
     set_output_geometry(root->nx, root->ny, root->nz, root->resolution, root->origin,
                         root->direction, REM_input.nifti_output);
+}
+
+// A signal file kept open, with what identifies its contents.
+struct open_signal_file {
+    file_list_entry *entry;
+    int fd;
+    dev_t device;
+    ino_t inode;
+    off_t size;
+    struct timespec modified;
+};
+
+// The files read on demand, in list order, and the voxels of a frame.
+std::vector<open_signal_file> open_files;
+uint32_t frame_voxels = 0;
+
+const open_signal_file *find_open_file(const file_list_entry *entry) {
+    // The passes ask for the files in list order: look from the last hit on.
+    static size_t last = 0;
+    const size_t count = open_files.size();
+    for (size_t j = 0; j < count; ++j) {
+        size_t at = (last + j) % count;
+        if (open_files[at].entry == entry) {
+            last = at + 1;
+            return &open_files[at];
+        }
+    }
+    return nullptr;
+}
+
+// Reads count floats at float offset first of the file; false on a short
+// read or an error.
+bool read_values(int fd, uint64_t first, uint32_t count, float *values) {
+    char *to = reinterpret_cast<char *>(values);
+    size_t left = static_cast<size_t>(count) * sizeof(float);
+    off_t at = static_cast<off_t>(first * sizeof(float));
+    while (left > 0) {
+        ssize_t got = ::pread(fd, to, left, at);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        to += got;
+        at += got;
+        left -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+}  // namespace
+
+int read_signal_files(void) {
+    uint32_t n = 0;
+    if (read_signal_headers(&n) != 0) return 1;
+    for (file_list_entry *entry = &file_list_root; entry != nullptr; entry = entry->next) {
+        if (load_signal_data(entry, n) != 0) return 1;
+    }
+    record_output_geometry();
+    return 0;
+}
+
+int read_signal_files_streamed(void) {
+    uint32_t n = 0;
+    if (read_signal_headers(&n) != 0) return 1;
+    frame_voxels = n;
+    const off_t needed = static_cast<off_t>(2) * n * static_cast<off_t>(sizeof(float));
+    // Descriptors left free for the result files and the libraries.
+    const int spare = 16;
+    struct rlimit limit;
+    const rlim_t most_open = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
+    bool keep_open = true;
+    for (file_list_entry *entry = &file_list_root; entry != nullptr; entry = entry->next) {
+        if (keep_open) {
+            int fd = ::open(entry->name, O_RDONLY | O_CLOEXEC);
+            if (fd >= 0 && most_open != RLIM_INFINITY &&
+                static_cast<rlim_t>(fd) + spare >= most_open) {
+                ::close(fd);
+                fd = -1;
+                errno = EMFILE;
+            }
+            if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
+                // No more files can be open at once: hold the data in memory.
+                if (load_streamed_signal_data() != 0) return 1;
+                keep_open = false;
+            } else if (fd < 0) {
+                std::printf("Error: cannot open file %s.\n", entry->name);
+                return 1;
+            } else {
+                struct stat status;
+                if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+                    if (status.st_size < needed) {
+                        std::printf("Error reading the floating point data from file %s\n",
+                                    entry->name);
+                        ::close(fd);
+                        return 1;
+                    }
+                    // Ask for the data to be read ahead while the headers are
+                    // still being dealt with.
+                    ::posix_fadvise(fd, 0, needed, POSIX_FADV_WILLNEED);
+                    open_files.push_back({entry, fd, status.st_dev, status.st_ino, status.st_size,
+                                          status.st_mtim});
+                    continue;
+                }
+                ::close(fd);
+            }
+        }
+        if (load_signal_data(entry, n) != 0) return 1;
+    }
+    record_output_geometry();
+    return 0;
+}
+
+int signal_data_streamed(void) { return open_files.empty() ? 0 : 1; }
+
+const float *signal_values(const file_list_entry *entry, int frame, int first, int count,
+                           float *buffer) {
+    const float *frame_data = frame == 0 ? entry->effect : entry->effect_stderr;
+    if (frame_data != nullptr) return frame_data + first;
+    const open_signal_file *file = find_open_file(entry);
+    if (file == nullptr ||
+        !read_values(file->fd, static_cast<uint64_t>(frame) * frame_voxels + first,
+                     static_cast<uint32_t>(count), buffer)) {
+        std::printf("Error reading the floating point data from file %s\n", entry->name);
+        return nullptr;
+    }
+    return buffer;
+}
+
+int load_streamed_signal_data(void) {
+    int result = 0;
+    for (open_signal_file &file : open_files) {
+        if (result == 0) {
+            file.entry->effect = float_vector(frame_voxels);
+            file.entry->effect_stderr = float_vector(frame_voxels);
+            if (!read_values(file.fd, 0, frame_voxels, file.entry->effect) ||
+                !read_values(file.fd, frame_voxels, frame_voxels, file.entry->effect_stderr)) {
+                std::printf("Error reading the floating point data from file %s\n",
+                            file.entry->name);
+                result = 1;
+            }
+        }
+        ::close(file.fd);
+    }
+    open_files.clear();
+    return result;
+}
+
+int keep_signal_data_from(const char *stem) {
+    static const char *const extensions[] = {".hdr", ".bfloat", ".nii", ".img"};
+    std::string name;
+    for (const char *extension : extensions) {
+        name.assign(stem).append(extension);
+        struct stat status;
+        if (::stat(name.c_str(), &status) != 0) continue;
+        for (const open_signal_file &file : open_files) {
+            if (file.device == status.st_dev && file.inode == status.st_ino) {
+                return load_streamed_signal_data();
+            }
+        }
+    }
+    return 0;
+}
+
+int check_streamed_signal_files(void) {
+    for (const open_signal_file &file : open_files) {
+        struct stat status;
+        if (::fstat(file.fd, &status) != 0 || status.st_size != file.size ||
+            status.st_mtim.tv_sec != file.modified.tv_sec ||
+            status.st_mtim.tv_nsec != file.modified.tv_nsec) {
+            std::printf("Error: the signal file %s changed during the analysis.\n",
+                        file.entry->name);
+            return 1;
+        }
+    }
     return 0;
 }

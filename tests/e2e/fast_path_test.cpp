@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "study.h"
 #include "test_support.h"
 
 using test_support::read_file;
@@ -36,24 +37,26 @@ struct Run {
     const char *label;
 };
 
+const std::vector<Run> plain_and_fast = {{"FMRI_REM_PLAIN=1 OMP_NUM_THREADS=1", "plain"},
+                                         {"OMP_NUM_THREADS=1", "fast, 1 thread"},
+                                         {"OMP_NUM_THREADS=2", "fast, 2 threads"},
+                                         {"OMP_NUM_THREADS=5", "fast, 5 threads"}};
+
 // Runs fmri-rem on ../study/analysis.rem once per setting, each in its own
-// folder, and compares each run with the plain one.
-void compare_runs(const TempDir &dir, const std::vector<std::string> &args)
+// folder, and compares each run with the first one.
+void compare_runs(const TempDir &dir, const std::vector<std::string> &args,
+                  const std::vector<Run> &runs = plain_and_fast)
 {
-    const Run runs[] = {{"FMRI_REM_PLAIN=1 OMP_NUM_THREADS=1", "plain"},
-                        {"OMP_NUM_THREADS=1", "fast, 1 thread"},
-                        {"OMP_NUM_THREADS=2", "fast, 2 threads"},
-                        {"OMP_NUM_THREADS=5", "fast, 5 threads"}};
     std::map<std::string, std::string> reference;
     std::string reference_out;
     for (const Run &run : runs) {
-        const std::string folder = dir.file(std::string("run-") + std::to_string(&run - runs));
+        const std::string folder = dir.file(std::string("run-") + std::to_string(&run - &runs[0]));
         std::filesystem::create_directory(folder);
         const auto result = run_fmri_rem(args, folder, "", run.env);
         ASSERT_EQ(result.status, 0) << run.label << "\n" << result.out;
         EXPECT_EQ(result.err, "") << run.label;
         const auto files = folder_contents(folder);
-        if (&run == runs) {
+        if (&run == &runs[0]) {
             reference = files;
             reference_out = result.out;
             EXPECT_GE(reference.size(), 8u);
@@ -112,4 +115,47 @@ TEST(FastPath, SpecialValuesAndSmoothing)
     analysis = "multiple-comparisons 120\n" + analysis;
     test_support::write_file(dir.file("study/analysis.rem"), analysis);
     compare_runs(dir, {"-r", "../study/analysis.rem"});
+}
+
+// The fast passes read the signal data from the files a chunk of voxels at a
+// time, and the more files there are, the fewer voxels a chunk has.  With
+// few file descriptors allowed, the data are held in memory instead, from
+// the start or once the limit is near.  All give the same files and output.
+TEST(FastPath, ManyFilesReadOnDemandOrHeldInMemory)
+{
+    TempDir dir;
+    simulate(dir, "--size 24 16 10 --subjects 70 --smoothing 4 6 --seed 5");
+    compare_runs(dir, {"../study/analysis.rem"},
+                 {{"ulimit -n 20; OMP_NUM_THREADS=2", "in memory"},
+                  {"OMP_NUM_THREADS=1", "read on demand, 1 thread"},
+                  {"OMP_NUM_THREADS=2", "read on demand, 2 threads"},
+                  {"ulimit -n 90; OMP_NUM_THREADS=2", "read on demand, then in memory"}});
+}
+
+// A signal file that the run overwrites with its "sigma2" result before the
+// second pass: its data must be those it had when the run began, as in the
+// plain passes, which hold every file in memory.
+TEST(FastPath, SignalFileOverwrittenBySigma2)
+{
+    std::map<std::string, std::string> reference;
+    std::string reference_out;
+    for (const char *env : {"FMRI_REM_PLAIN=1", "OMP_NUM_THREADS=2"}) {
+        SCOPED_TRACE(env);
+        TempDir dir;
+        e2e::study s = e2e::small_study();
+        s.files[2].name = "sigma2.bfloat";
+        s.write(dir.path());
+        const auto result = run_fmri_rem({"study.rem"}, dir.path(), "", env);
+        ASSERT_EQ(result.status, 0) << result.out;
+        const auto files = folder_contents(dir.path());
+        if (reference.empty()) {
+            reference = files;
+            reference_out = result.out;
+            continue;
+        }
+        EXPECT_EQ(result.out, reference_out);
+        ASSERT_EQ(files.size(), reference.size());
+        for (const auto &[name, contents] : reference)
+            EXPECT_TRUE(files.at(name) == contents) << name << " differs";
+    }
 }
