@@ -124,6 +124,9 @@ int main(int argc, char **argv) {
     if ((fast_passes_requested() ? read_signal_files_streamed() : read_signal_files()) != 0)
         std::exit(1);
 
+    // The design table is written to "basis.dat": should that be a signal
+    // file (through a link), its data are read first.
+    if (keep_signal_data_from("basis.dat") != 0) std::exit(1);
     REM_describe_basis_functions();
 
     int nconditions = 0;

@@ -27,9 +27,10 @@ const float *signal_values(const file_list_entry *entry, int frame, int first, i
 // an error message.
 int load_streamed_signal_data(void);
 
-// Before result files named stem + an extension are written: when one of
-// them is one of the open signal files, which writing would overwrite, the
-// data are read into memory first.  0, or 1 after an error message.
+// Before result files named stem, or stem + an extension of volume files,
+// are written: when one of them is one of the open signal files (through a
+// link, say), which writing would overwrite, the data are read into memory
+// first.  0, or 1 after an error message.
 int keep_signal_data_from(const char *stem);
 
 // 0 while every open signal file has the size and modification time it had

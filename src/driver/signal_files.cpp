@@ -313,7 +313,7 @@ int load_streamed_signal_data(void) {
 }
 
 int keep_signal_data_from(const char *stem) {
-    static const char *const extensions[] = {".hdr", ".bfloat", ".nii", ".img"};
+    static const char *const extensions[] = {"", ".hdr", ".bfloat", ".nii", ".img"};
     std::string name;
     for (const char *extension : extensions) {
         name.assign(stem).append(extension);

@@ -132,30 +132,37 @@ TEST(FastPath, ManyFilesReadOnDemandOrHeldInMemory)
                   {"ulimit -n 90; OMP_NUM_THREADS=2", "read on demand, then in memory"}});
 }
 
-// A signal file that the run overwrites with its "sigma2" result before the
-// second pass: its data must be those it had when the run began, as in the
-// plain passes, which hold every file in memory.
-TEST(FastPath, SignalFileOverwrittenBySigma2)
+// Signal files that the run overwrites with a result before the second pass
+// ("sigma2" and, through a link, "basis.dat"): their data must be those they
+// had when the run began, as in the plain passes, which hold every file in
+// memory.
+TEST(FastPath, SignalFilesOverwrittenByResults)
 {
-    std::map<std::string, std::string> reference;
-    std::string reference_out;
-    for (const char *env : {"FMRI_REM_PLAIN=1", "OMP_NUM_THREADS=2"}) {
-        SCOPED_TRACE(env);
-        TempDir dir;
-        e2e::study s = e2e::small_study();
-        s.files[2].name = "sigma2.bfloat";
-        s.write(dir.path());
-        const auto result = run_fmri_rem({"study.rem"}, dir.path(), "", env);
-        ASSERT_EQ(result.status, 0) << result.out;
-        const auto files = folder_contents(dir.path());
-        if (reference.empty()) {
-            reference = files;
-            reference_out = result.out;
-            continue;
+    const char *setups[] = {"mv a3.bfloat sigma2.bfloat && mv a3.hdr sigma2.hdr && "
+                            "sed -i s/a3.bfloat/sigma2.bfloat/ study.rem",
+                            "mv b2.bfloat basis.dat && ln -s basis.dat b2.bfloat",
+                            "mv a1.bfloat x && ln -s x sigma2.bfloat && ln -s x a1.bfloat"};
+    for (const char *setup : setups) {
+        SCOPED_TRACE(setup);
+        std::map<std::string, std::string> reference;
+        std::string reference_out;
+        for (const char *env : {"FMRI_REM_PLAIN=1", "OMP_NUM_THREADS=2"}) {
+            SCOPED_TRACE(env);
+            TempDir dir;
+            e2e::small_study().write(dir.path());
+            ASSERT_EQ(run_command(setup, dir.path()).status, 0);
+            const auto result = run_fmri_rem({"study.rem"}, dir.path(), "", env);
+            ASSERT_EQ(result.status, 0) << result.out;
+            const auto files = folder_contents(dir.path());
+            if (reference.empty()) {
+                reference = files;
+                reference_out = result.out;
+                continue;
+            }
+            EXPECT_EQ(result.out, reference_out);
+            ASSERT_EQ(files.size(), reference.size());
+            for (const auto &[name, contents] : reference)
+                EXPECT_TRUE(files.at(name) == contents) << name << " differs";
         }
-        EXPECT_EQ(result.out, reference_out);
-        ASSERT_EQ(files.size(), reference.size());
-        for (const auto &[name, contents] : reference)
-            EXPECT_TRUE(files.at(name) == contents) << name << " differs";
     }
 }
