@@ -117,6 +117,7 @@ bench() {
       d = i + mp; peak = r / 1024; base = b / 1024
       printf "  peak memory %.1f MB = input + maps %.1f MB %+.1f%%; less the %.1f MB of an idle process: %+.1f%%\n",
         peak, d, 100 * (peak - d) / d, base, 100 * (peak - base - d) / d
+      printf "  (the fast passes read the signal files on demand; the plain passes hold them in memory)\n"
     }'
 }
 
