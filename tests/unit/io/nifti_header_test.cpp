@@ -11,77 +11,91 @@
 
 namespace {
 
-using io_test::read_header;
-
 // A float volume of 4 x 5 x 6 voxels and 2 frames, sizes 2, 3, 4, TR 2.5.
+// Its quaternion (0, 0, 1) turns x and y around; its affine exchanges y and
+// z, leaving zeros on the diagonal.  Both are unused until the qform and
+// sform codes (0 here) are set.
 nifti_1_header basic_header() {
-    nifti_1_header h;
-    memset(&h, 0, sizeof h);
-    h.sizeof_hdr = 348;
+    nifti_1_header h = {};
     const short dims[5] = {4, 4, 5, 6, 2};
     const float pixdim[5] = {1, 2, 3, 4, 2.5f};
+    const float srow[3][4] = {{2, 0, 0, -90}, {0, 0, 4, 126}, {0, 3, 0, -72}};
     memcpy(h.dim, dims, sizeof dims);
     memcpy(h.pixdim, pixdim, sizeof pixdim);
+    memcpy(h.srow_x, srow[0], 16);
+    memcpy(h.srow_y, srow[1], 16);
+    memcpy(h.srow_z, srow[2], 16);
     h.datatype = 16;
-    h.bitpix = 32;
     h.vox_offset = 368;
+    h.quatern_d = 1;
+    h.qoffset_x = 10;
+    h.qoffset_y = 20;
+    h.qoffset_z = 30;
     return h;
 }
 
-// The header (in the other byte order on request), then the first
-// tail_bytes of an extender with its flag set and a dof extension of 12.
-void write_nifti(const char *path, nifti_1_header h, bool swapped = false, size_t tail_bytes = 0) {
-    if (swapped) swap_nifti_header(&h, 1);  // the reference library's swap
-    std::string bytes(reinterpret_cast<const char *>(&h), sizeof h);
+// Writes the header (in the other byte order on request), then the first
+// tail_bytes of an extender with its flag set and a dof extension of 12, and
+// reads it back as name (whose header is v.hdr for v.img).
+io_test::ReadResult write_and_read(nifti_1_header n, volume_header *h, const char *name = "v.nii",
+                                   bool swapped = false, size_t tail_bytes = 0) {
+    if (swapped) swap_nifti_header(&n, 1);  // the reference library's swap
+    std::string bytes(reinterpret_cast<const char *>(&n), sizeof n);
     const int32_t tail[5] = {1, 16, 20, 12, 0};
     bytes.append(reinterpret_cast<const char *>(tail), tail_bytes);
-    test_support::write_file(path, bytes);
+    test_support::write_file(strcmp(name, "v.img") == 0 ? "v.hdr" : name, bytes);
+    return io_test::read_header(name, h);
 }
 
-const char *const method_lines[3] = {
-    "The NIFTI header for file v.nii uses Method 1: the old analyze format\n",
-    "The NIFTI header for file v.nii uses Method 2: quaternion rotations\n",
-    "The NIFTI header for file v.nii uses Method 3: affine transformation of voxel indices\n"};
+using Nifti = io_test::ScratchDirTest;
 
-class NiftiRead : public io_test::ScratchDirTest {};
-
-TEST_F(NiftiRead, ByteOrdersExtensionAndDatatypes) {
+TEST_F(Nifti, ReadByteOrdersExtensionDatatypesAndMethods) {
+    const char *const methods[3] = {"Method 1: the old analyze format\n",
+                                    "Method 2: quaternion rotations\n",
+                                    "Method 3: affine transformation of voxel indices\n"};
     const struct {
         const char *name;
         bool swapped;
         size_t tail_bytes;
-        short dim0, datatype;
-        int dof, storage, data_type, nt;
+        short dim0, datatype, qform, sform;
+        int dof, storage, element, data_type, nt, method;
+        float diagonal[3], origin[3], direction[3];
     } cases[] = {
-        {"v.nii", false, 0, 4, 16, 0, 6, 0, 2},
-        {"v.nii", false, 20, 4, 16, 12, 6, 0, 2},
-        {"v.nii", true, 20, 4, 16, 12, 6, 0, 2},  // the extension stays unswapped
-        {"v.img", true, 0, 4, 16, 0, 7, 0, 2},    // header in v.hdr
-        {"v.nii", false, 0, 3, 16, 0, 6, 0, 1},
-        {"v.nii", false, 0, 4, 32, 0, 6, 1, 2},
+        // An sform without a qform is ignored.
+        {"v.nii", false, 20, 4, 16, 0, 2, 12, 6, 2, 0, 2, 1, {2, 3, 4}, {0, 0, 0}, {1, 1, 1}},
+        // The extension stays unswapped.
+        {"v.nii", true, 20, 4, 4, 1, 0, 12, 6, 1, 0, 2, 2, {-2, -3, 4}, {10, 20, 30}, {-1, -1, 1}},
+        {"v.img", true, 0, 4, 512, 1, 2, 0, 7, 4, 0, 2, 3, {2, 0, 0}, {-90, 126, -72}, {1, -1, -1}},
+        {"v.nii", false, 0, 3, 32, 0, 0, 0, 6, 2, 1, 1, 1, {2, 3, 4}, {0, 0, 0}, {1, 1, 1}},
     };
     for (const auto &c : cases) {
         nifti_1_header n = basic_header();
         n.dim[0] = c.dim0;
         n.datatype = c.datatype;
-        const char *file = strcmp(c.name, "v.img") == 0 ? "v.hdr" : c.name;
-        write_nifti(file, n, c.swapped, c.tail_bytes);
+        n.qform_code = c.qform;
+        n.sform_code = c.sform;
         volume_header h;
-        io_test::ReadResult r = read_header(c.name, &h);
+        io_test::ReadResult r = write_and_read(n, &h, c.name, c.swapped, c.tail_bytes);
         SCOPED_TRACE(r.out);
         ASSERT_EQ(r.status, 0);
-        EXPECT_EQ(r.out, "The NIFTI header for file " + std::string(c.name) +
-                             " uses Method 1: the old analyze format\n");
+        EXPECT_EQ(r.out, "The NIFTI header for file " + std::string(c.name) + " uses " +
+                             methods[c.method - 1]);
         EXPECT_EQ(h.degrees_of_freedom, c.dof);
-        EXPECT_EQ(h.storage_type, c.storage);
-        EXPECT_EQ(h.header_storage_type * 10 + h.data_type, 20 + c.data_type);
+        EXPECT_EQ(h.storage_type * 100 + h.header_storage_type * 10 + h.data_type,
+                  c.storage * 100 + c.element * 10 + c.data_type);
         EXPECT_EQ(h.nxyzt, 120 * c.nt);
         EXPECT_EQ(h.resolution[2] * 10 + h.time_resolution, 42.5f);
         EXPECT_EQ(h.data_offset, 368.0f);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_FLOAT_EQ(h.voxel_to_space.m[i][i], c.diagonal[i]) << i;
+            EXPECT_FLOAT_EQ(h.origin[i], c.origin[i]) << i;
+            EXPECT_EQ(h.direction[i], c.direction[i]) << i;
+        }
+        EXPECT_EQ(h.oblique, c.method == 3);  // only the affine has off-diagonal elements
     }
 }
 
-TEST_F(NiftiRead, DamagedFiles) {
+TEST_F(Nifti, DamagedFiles) {
     const struct {
         size_t tail_bytes;
         short dim0, datatype, dim2;
@@ -90,79 +104,33 @@ TEST_F(NiftiRead, DamagedFiles) {
         {0, 5, 16, 5, "Error: tov does not currently handle data of dimensionality (5) > 4.\n"},
         {0, 4, 64, 5, "Error: the Nifti data storage type 64 is not supported.\n"},
         {0, 4, 16, -5, "Error: Value for y dimension not found in header file 'v.nii'\n"},
-        // The extension flag is set, but the file ends at byte 352.
+        // The extension flag is set, but the file ends at byte 352, or
+        // after the flag byte itself.
         {4, 4, 16, 5, "Error: A NIFTI1 extension was indicated, but it is missing.\n"},
-        // Only the flag byte of the extender is there.
         {1, 4, 16, 5, "Error: A NIFTI1 extension was indicated, but it is missing.\n"},
-        {0, 4, 16, 32767, nullptr},  // 4 x 32767 x 6 x 32767 values
+        {8, 4, 16, 5, "Error: A NIFTI1 extension was indicated, but the ecode is missing.\n"},
+        {12, 4, 16, 5, "Error read degrees of freedom.\n"},
     };
     for (const auto &c : cases) {
         nifti_1_header n = basic_header();
         n.dim[0] = c.dim0;
         n.datatype = c.datatype;
-        n.dim[2] = n.dim[4] = c.dim2;
-        write_nifti("v.nii", n, false, c.tail_bytes);
+        n.dim[2] = c.dim2;
         volume_header h;
-        io_test::ReadResult r = read_header("v.nii", &h);
+        io_test::ReadResult r = write_and_read(n, &h, "v.nii", false, c.tail_bytes);
         EXPECT_EQ(r.status, 1);
-        if (c.message) {
-            EXPECT_EQ(r.out, c.message);
-        } else {  // the reader succeeds; the value count is refused
-            EXPECT_NE(r.out.find("\nError: "), std::string::npos) << r.out;
-        }
+        EXPECT_EQ(r.out, c.message);
     }
     test_support::write_file("v.nii", std::string(200, '\0'));
     volume_header h;
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(read_header("v.nii", &h).status, 1);
+    EXPECT_EQ(io_test::read_header("v.nii", &h).status, 1);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "\nError reading header file v.nii\n");
-    EXPECT_EQ(read_header("none.nii", &h).out, "Error: cannot open Nifti file none.nii.\n");
+    EXPECT_EQ(io_test::read_header("none.nii", &h).out,
+              "Error: cannot open Nifti file none.nii.\n");
 }
 
-TEST_F(NiftiRead, Methods) {
-    // Method 2: the quaternion (0, 0, 1) turns x and y around.  Method 3:
-    // an affine that exchanges y and z, leaving zeros on the diagonal.  An
-    // sform without a qform is ignored.
-    const struct {
-        short qform, sform;
-        int method;
-        float diagonal[3], origin[3], direction[3];
-        int oblique;
-    } cases[] = {
-        {0, 2, 1, {2, 3, 4}, {0, 0, 0}, {1, 1, 1}, 0},
-        {1, 0, 2, {-2, -3, 4}, {10, 20, 30}, {-1, -1, 1}, 0},
-        {1, 2, 3, {2, 0, 0}, {-90, 126, -72}, {1, -1, -1}, 1},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.method);
-        nifti_1_header n = basic_header();
-        n.qform_code = c.qform;
-        n.sform_code = c.sform;
-        n.quatern_d = 1;
-        n.qoffset_x = 10;
-        n.qoffset_y = 20;
-        n.qoffset_z = 30;
-        const float srow[3][4] = {{2, 0, 0, -90}, {0, 0, 4, 126}, {0, 3, 0, -72}};
-        memcpy(n.srow_x, srow[0], 16);
-        memcpy(n.srow_y, srow[1], 16);
-        memcpy(n.srow_z, srow[2], 16);
-        write_nifti("v.nii", n);
-        volume_header h;
-        io_test::ReadResult r = read_header("v.nii", &h);
-        ASSERT_EQ(r.status, 0);
-        EXPECT_EQ(r.out, method_lines[c.method - 1]);
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_FLOAT_EQ(h.voxel_to_space.m[i][i], c.diagonal[i]) << i;
-            EXPECT_FLOAT_EQ(h.origin[i], c.origin[i]) << i;
-            EXPECT_EQ(h.direction[i], c.direction[i]) << i;
-        }
-        EXPECT_EQ(h.oblique, c.oblique);
-    }
-}
-
-class NiftiWrite : public io_test::ScratchDirTest {};
-
-TEST_F(NiftiWrite, FieldsExtensionAndNiftiTool) {
+TEST_F(Nifti, WriteFieldsExtensionAndNiftiTool) {
     const float resolution[3] = {2, 3, 4}, origin[3] = {10, -5, 0}, direction[3] = {1, -1, 1};
     set_output_geometry(4, 5, 6, resolution, origin, direction, 1);
     for (int with_extension = 0; with_extension <= 1; ++with_extension) {
@@ -172,25 +140,22 @@ TEST_F(NiftiWrite, FieldsExtensionAndNiftiTool) {
         fwrite(data.data(), sizeof(float), data.size(), stream);
         fclose(stream);
         std::string bytes = test_support::read_file("S-a.nii");
-        const size_t offset = with_extension ? 368 : 352;
-        ASSERT_EQ(bytes.size(), offset + 4 * data.size());
+        ASSERT_EQ(bytes.size(), (with_extension ? 368 : 352) + 4 * data.size());
         nifti_1_header n;
         memcpy(&n, bytes.data(), sizeof n);
-        const short dims[8] = {4, 4, 5, 6, 2, 1, 1, 1};
-        EXPECT_EQ(memcmp(n.dim, dims, sizeof dims), 0);
-        const float pixdim[5] = {-1, 2, 3, 4, 0};  // y runs backwards: qfac -1
-        EXPECT_EQ(memcmp(n.pixdim, pixdim, sizeof pixdim), 0);
-        const float srow_y[4] = {0, -3, 0, -5};
-        EXPECT_EQ(memcmp(n.srow_y, srow_y, sizeof srow_y), 0);
+        EXPECT_EQ(std::vector<short>(n.dim, n.dim + 8),
+                  std::vector<short>({4, 4, 5, 6, 2, 1, 1, 1}));
+        // y runs backwards: qfac -1.
+        EXPECT_EQ(std::vector<float>(n.pixdim, n.pixdim + 5), std::vector<float>({-1, 2, 3, 4, 0}));
+        EXPECT_EQ(std::vector<float>(n.srow_y, n.srow_y + 4), std::vector<float>({0, -3, 0, -5}));
         EXPECT_EQ(n.sizeof_hdr + n.datatype + n.bitpix + n.xyzt_units, 348 + 16 + 32 + 2);
-        EXPECT_EQ(n.vox_offset, 368.0f);
-        EXPECT_EQ(n.regular, 'r');
-        EXPECT_EQ(n.qform_code * 10 + n.sform_code, 10);
-        EXPECT_EQ(n.qoffset_x * 10 + n.qoffset_y, 95.0f);
+        EXPECT_EQ(n.vox_offset + n.qoffset_x * 10 + n.qoffset_y, 368.0f + 95.0f);
+        EXPECT_EQ(n.regular + n.qform_code * 10 + n.sform_code, 'r' + 10);
         EXPECT_EQ(memcmp(n.magic, "n+1\0", 4), 0);
-        EXPECT_EQ(bytes[348], with_extension);
-        const int32_t extension[4] = {16, 20, 12, 0};
-        EXPECT_TRUE(!with_extension || memcmp(bytes.data() + 352, extension, 16) == 0);
+        // The extender, its flag byte first (a little-endian 1), then the
+        // extension when asked for.
+        const int32_t extension[5] = {with_extension, 16, 20, 12, 0};
+        EXPECT_EQ(memcmp(bytes.data() + 348, extension, with_extension ? 20 : 4), 0);
     }
 
     if (test_support::run_command("command -v nifti_tool").status != 0)
