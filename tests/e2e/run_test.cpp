@@ -20,7 +20,8 @@ using test_support::TempDir;
 // 200 voxels: progress at every second voxel.
 std::string progress(const char *what) {
     std::string s;
-    for (int i = 0; i < 100; ++i) s += "\r " + std::to_string(i) + " percent done computing " + what;
+    for (int i = 0; i < 100; ++i)
+        s += "\r " + std::to_string(i) + " percent done computing " + what;
     return s + "\r 100 percent done computing RE variance\n";
 }
 
@@ -74,16 +75,16 @@ TEST(Run, PrintedSequenceResultFilesAndSkippedVoxels) {
                 expected += "file[" + std::to_string(k) + "] = " + event + std::to_string(k + 1) +
                             ".bfloat , magnitude = 1\n";
         }
-        expected += "\nInput files: 6 samples of dimension (x,y,z) = (10,5,4).\n"
-                    "Conditions to be tested: a b a-b \nEffective isotropic resolution    = " +
-                    std::string(c.resolution) + " mm\nSmoothing FWHM for variance ratio = " +
-                    c.fwhm + " mm\nDegrees of freedom: fixed = 120, random = 4, smoothed = " +
-                    std::to_string(c.dof) + "\n\nAnalyzing random effects ...\n" +
-                    progress("RE variance") +
-                    (c.sigma2_frames == 3 ? "\nsmoothing variance ratio\n" : "") +
-                    "\nCalculating raw pvalues without correction for multiple comparisons.\n" +
-                    progress("statistics") +
-                    "\nResults output to files\n  average.bfloat (average + stdev)\n";
+        expected +=
+            "\nInput files: 6 samples of dimension (x,y,z) = (10,5,4).\n"
+            "Conditions to be tested: a b a-b \nEffective isotropic resolution    = " +
+            std::string(c.resolution) + " mm\nSmoothing FWHM for variance ratio = " + c.fwhm +
+            " mm\nDegrees of freedom: fixed = 120, random = 4, smoothed = " +
+            std::to_string(c.dof) + "\n\nAnalyzing random effects ...\n" + progress("RE variance") +
+            (c.sigma2_frames == 3 ? "\nsmoothing variance ratio\n" : "") +
+            "\nCalculating raw pvalues without correction for multiple comparisons.\n" +
+            progress("statistics") +
+            "\nResults output to files\n  average.bfloat (average + stdev)\n";
         std::vector<std::pair<std::string, int>> files = {{"sigma2", 3}};
         for (std::string cond : {"a", "b", "a-b"}) {
             expected += "  P-" + cond + ".bfloat, T-" + cond + ".bfloat, & S-" + cond + ".bfloat\n";
@@ -100,7 +101,8 @@ TEST(Run, PrintedSequenceResultFilesAndSkippedVoxels) {
             EXPECT_EQ(read_file(dir.file(f.first + ".hdr")),
                       "x 10\ny 5\nz 4\nt " + std::to_string(f.second) +
                           "\nbyte-order 1\nresolution 2 2 2.5\norigin 1.5 -2 3\ndirection 1 -1 1\n"
-                          "degrees-of-freedom " + std::to_string(c.dof) + "\n");
+                          "degrees-of-freedom " +
+                          std::to_string(c.dof) + "\n");
             std::vector<float> v = read_floats(dir.file(f.first + ".bfloat"));
             int frames = f.first == "sigma2" ? c.sigma2_frames : f.second;
             ASSERT_EQ(v.size(), frames * 200u);
