@@ -1,7 +1,5 @@
 // The help menu driven through standard input, on help files written here,
 // and the marker check of the shipped help files.
-#include "util.h"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -10,11 +8,11 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "test_support.h"
+#include "util.h"
 
 using test_support::TempDir;
 using test_support::write_file;
@@ -50,10 +48,8 @@ HelpRun run_help(const std::string &home, const std::string &input, int linked =
     EXPECT_NE(freopen(io.file("answers").c_str(), "r", stdin), nullptr);
     setenv("TOV_HOME", home.c_str(), 1);
     testing::internal::CaptureStdout();
-    HelpRun run;
-    run.result = help_menu(linked, file);
-    run.out = testing::internal::GetCapturedStdout();
-    return run;
+    const int result = help_menu(linked, file);
+    return {result, testing::internal::GetCapturedStdout()};
 }
 
 }  // namespace
@@ -78,16 +74,15 @@ TEST(HelpMenu, DialogueSteps) {
     };
     const std::pair<const char *, const char *> cases[] = {
         {"3\n1\n\n\n", "HMCLHM"},  // a link, and back to the top-level file's main menu
-        {"\n", "HM"},                  // return alone leaves the main menu
-        {"1\n2\n\n\n", "HMS2SM"},      // sub-menu, item, back, leave
-        {"1\n3\n\n\n", "HMSBSM"},      // item number beyond the sub-menu's items
+        {"\n", "HM"},              // return alone leaves the main menu
+        {"1\n2\n\n\n", "HMS2SM"},  // sub-menu, item, back, leave
+        {"1\n3\n\n\n", "HMSBSM"},  // item number beyond the sub-menu's items
         {"1\n0\n 1  extra words\n1\n\n\n", "HMSMS1SM"},  // "0"; the first word only
-        {"1\n00\n\n\n", "HMSSM"},    // a zero that is not "0" stays in the sub-menu
-        {"2\n\n", "HMAM"},             // a sub-menu without items shows its text once
-        {"4\n-1\n\n", "HMbMbM"},       // main-menu numbers out of range
+        {"1\n00\n\n\n", "HMSSM"},       // a zero that is not "0" stays in the sub-menu
+        {"2\n\n", "HMAM"},              // a sub-menu without items shows its text once
+        {"4\n-1\n\n", "HMbMbM"},        // main-menu numbers out of range
         {"q\n1\nx\n\n\n", "HMbMS1SM"},  // letters: refused first, then the last number
-        {"1\n", "HMS"},                // end of input leaves at once
-        {"", "HM"},
+        {"1\n", "HMS"},                 // end of input leaves at once
     };
     for (const auto &c : cases) {
         std::string expected;
@@ -100,34 +95,27 @@ TEST(HelpMenu, DialogueSteps) {
 
 TEST(HelpMenu, MarkerOrderAndFileErrors) {
     const struct {
-        const char *markers;
+        const char *text;
         int result;
         const char *warning;  // with %s for the path; null when accepted
     } cases[] = {
-        {"0 0,1 0,1 1,1 2,2 0,2 1", 0, nullptr},
-        {"0 0,1 0,1 1,3 5", 1,
+        {"!0 0\n!1 0\n!1 1\n!1 2\n!2 0\n!2 1\n", 0, nullptr},
+        {"!0 0\n!1 0\n!1 1\n!3 5\n", 1,
          "Warning: menu entry 3 in file %s is 3 5,\nbut it should be either 1 2 or 2 1,\n"},
-        {"0 0,2 0", 0, nullptr},  // accepted: the item number equals the previous one
-        {"0 0,1 0,x", 1,
+        {"!0 0\n!2 0\n", 0, nullptr},  // accepted: the item number equals the previous one
+        {"!0 0\n!1 0\n!x\n", 1,
          "Warning: menu entry 2 in file %s is -1 -1,\nbut it should be either 1 1 or 2 0,\n"},
     };
     for (const auto &c : cases) {
-        std::string text, marker;
-        std::istringstream list(c.markers);
-        while (std::getline(list, marker, ',')) text += "!" + marker + "\ntext\n";
-        HelpHome home({{"main.txt", text}});
+        HelpHome home({{"main.txt", std::string(c.text)}});
         const HelpRun run = run_help(home.dir.path(), "\n");
-        EXPECT_EQ(run.result, c.result) << c.markers;
-        char expected[2048];
-        if (!c.warning) {
-            EXPECT_EQ(run.out.find("Warning"), std::string::npos);
-            continue;
-        }
-        snprintf(expected, sizeof expected, c.warning, home.path("main.txt").c_str());
+        EXPECT_EQ(run.result, c.result) << c.text;
+        std::string expected = c.warning ? c.warning : main_prompt;
+        if (c.warning) expected.replace(expected.find("%s"), 2, home.path("main.txt"));
         EXPECT_EQ(run.out, "Help from file " + home.path("main.txt") + "\n" + expected);
     }
 
-    HelpHome home({});
+    HelpHome home({{"main.txt", std::string()}});
     HelpRun run = run_help(home.dir.path(), "", 0, "missing.txt");
     EXPECT_EQ(run.result, 1);
     EXPECT_EQ(run.out, "Error: cannot open the file " + home.path("missing.txt") + ".\n" +
@@ -137,19 +125,13 @@ TEST(HelpMenu, MarkerOrderAndFileErrors) {
     run = run_help(home.dir.path(), "", 0, std::string(1100, 'n').c_str());
     EXPECT_EQ(run.result, 1);
     EXPECT_EQ(run.out.rfind("Error: ", 0), 0u) << run.out;
-
-    unsetenv("TOV_HOME");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(help_menu(0, "rem-menu.txt"), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "For help, quit and define the environment variable TOV_HOME, and then re-start.\n");
 }
 
 // The shipped files pass the marker check, and so does every file that
 // their item texts link to.
 TEST(HelpMenu, ShippedDocumentationPassesChecks) {
     std::vector<std::string> files = {"rem-menu.txt"};
-    for (size_t n = 0; n < files.size() && n < 20; ++n) {
+    for (size_t n = 0; n < files.size(); ++n) {
         std::ifstream in(std::string(FMRI_REM_SOURCE_DIR) + "/documentation/" + files[n]);
         ASSERT_TRUE(in.good()) << files[n];
         std::string line;
