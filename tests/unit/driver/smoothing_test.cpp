@@ -1,53 +1,29 @@
-// Variance-ratio smoothing: line rotation, bad indices, and the Gaussian smoothing of uniform
-// fields and of a single spike compared with the analytic kernel.
+// Variance-ratio smoothing: bad indices, the regularisation of uniform fields
+// and the Gaussian smoothing of a single spike, compared with the analytic
+// kernel.  Axes of odd and even length check the turns of each line around
+// the transforms.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <vector>
 
 #include "driver.h"
 #include "rem.h"
 
 namespace {
 
-// k-space factor of one axis at the element where the zero frequency lands
-// on an axis of even length (k = 0.5).
-double dc_factor(int n, double d, double fwhm) {
-    double a = d * d * n * n * 0.1404824543408127 / fwhm / fwhm;
-    return std::exp(-0.25 / 2.0 / a);
-}
-
-// A real stack of one frame holding `value` everywhere.
-float *filled_stack(data_stack *s, int nx, int ny, int nz, const float d[3], float value) {
-    create_simple_data_stack(s, nx, ny, nz, 1, d[0], d[1], d[2], 0);
-    float *v = static_cast<float *>(s->data);
-    for (int i = 0; i < s->nxyz; ++i) v[i] = value;
-    return v;
-}
-
-TEST(SwapX, RotatesByHalfTheLength) {
-    struct Case {
-        int n, back;
-        std::vector<float> expected;  // real parts after the rotation of 0, 1, 2, ...
-    };
-    const Case cases[] = {
-        {4, 0, {2, 3, 0, 1}},
-        {4, 1, {2, 3, 0, 1}},
-        {5, 0, {3, 4, 0, 1, 2}},  // 2 places on
-        {5, 1, {2, 3, 4, 0, 1}},  // 3 places on
-        {1, 1, {0}},
-        {2, 0, {1, 0}},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << "n=" << c.n << " back=" << c.back);
-        std::vector<fcomplex> line(c.n);
-        for (int k = 0; k < c.n; ++k) line[k] = {static_cast<float>(k), -static_cast<float>(k)};
-        swap_x(line.data(), c.n, c.back);
-        for (int k = 0; k < c.n; ++k) {
-            EXPECT_EQ(line[k].r, c.expected[k]);
-            EXPECT_EQ(line[k].i, -c.expected[k]);
-        }
+// The k-space kernel at the element where the zero frequency lands.  The line
+// is turned by n/2 before the transform and back after it; on an axis of odd
+// length the turn back is n/2 + 1, which moves the zero frequency one element
+// on: k = 0.5 on an axis of even length, 1.5 on one of odd length.
+double kernel_at_zero(const int n[3], const float d[3], double fwhm) {
+    double g = 1.0;
+    for (int a = 0; a < 3; ++a) {
+        const double k = n[a] % 2 ? 1.5 : 0.5,
+                     width = d[a] * d[a] * n[a] * n[a] * 0.1404824543408127 / fwhm / fwhm;
+        g *= std::exp(-k * k / 2.0 / width);
     }
+    return g;
 }
 
 TEST(DataStackDeathTest, BadIndexEndsTheProcess) {
@@ -60,36 +36,60 @@ TEST(DataStackDeathTest, BadIndexEndsTheProcess) {
     free_float_vector(static_cast<float *>(s.data));
 }
 
-// A uniform field keeps its level times the kernel at the zero frequency;
-// the tolerance covers the float32 roundings of the six FFT passes.
-TEST(Smoothing, UniformFieldDropsByTheKernelAtZeroFrequency) {
+// The regularisation smooths the ratio of total to fixed variance and maps it
+// back.  A uniform ratio keeps its level times the kernel at the zero
+// frequency; a ratio of 1e9 keeps that factor visible in the result even
+// where the kernel is 6e-8 (4 voxels of 1 mm, 10 mm wide).  Voxels without
+// fixed variance stay at zero.  The tolerance covers the float32 roundings of
+// the six FFT passes.
+TEST(Smoothing, RegularizeUniformRatio) {
     struct Case {
-        int nx, ny, nz;
-        float d[3];
-        float fwhm;
+        int n[3];
+        float d[3], fwhm, fixed, random;
     };
-    for (const Case &c : {Case{8, 8, 8, {2, 2, 2}, 6}, Case{16, 8, 4, {1, 2, 3}, 4},
-                          Case{4, 4, 4, {1, 1, 1}, 10}}) {
-        SCOPED_TRACE(c.nx);
-        data_stack s;
-        float *v = filled_stack(&s, c.nx, c.ny, c.nz, c.d, 2.5f);
-        smooth_or_sharpen_isotropic(0, c.fwhm, &s);
-        double expected = 2.5 * dc_factor(c.nx, c.d[0], c.fwhm) * dc_factor(c.ny, c.d[1], c.fwhm) *
-                          dc_factor(c.nz, c.d[2], c.fwhm);
-        for (int i = 0; i < s.nxyz; ++i) ASSERT_NEAR(v[i], expected, 2e-6 * expected) << i;
-        free_float_vector(v);
+    const Case cases[] = {
+        {{8, 8, 8}, {2, 2, 2}, 6, 1, 1e9f},    {{16, 8, 4}, {1, 2, 3}, 4, 1, 1e9f},
+        {{4, 4, 4}, {1, 1, 1}, 10, 1, 1e9f},   {{8, 8, 4}, {2, 2, 2}, 5, 2, 3},  // ratio 2.5
+        {{8, 8, 4}, {2, 2, 2}, 5, 0, 3},       {{8, 5, 4}, {2, 2, 2}, 6, 1, 1e9f},
+        {{5, 3, 7}, {1, 2, 1.5f}, 4, 1, 1e9f},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        file_list_root.nx = c.n[0];
+        file_list_root.ny = c.n[1];
+        file_list_root.nz = c.n[2];
+        std::copy(c.d, c.d + 3, file_list_root.resolution);
+        REM_input.ratio_smoothing = c.fwhm;
+        const int n = c.n[0] * c.n[1] * c.n[2];
+        Sigma2_FE_map = float_vector(n);
+        Sigma2_RE_map = float_vector(n);
+        std::fill(Sigma2_FE_map, Sigma2_FE_map + n, c.fixed);
+        std::fill(Sigma2_RE_map, Sigma2_RE_map + n, c.random);
+        testing::internal::CaptureStdout();
+        regularize_random_effects();
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nsmoothing variance ratio\n");
+        const double smoothed =
+            c.fixed == 0 ? 0.0
+                         : (c.random / c.fixed + 1.0) * c.fixed * kernel_at_zero(c.n, c.d, c.fwhm);
+        for (int i = 0; i < n; ++i)
+            ASSERT_NEAR(Sigma2_RE_map[i], std::fabs(smoothed - c.fixed), 2e-6 * smoothed) << i;
+        free_float_vector(Sigma2_FE_map);
+        free_float_vector(Sigma2_RE_map);
     }
 }
 
 // A single spike becomes the sampled Gaussian of the given full width at
-// half maximum (the modulus removes the phase ramp of the half-sample
-// offset).  Tolerance: float32 FFT roundings relative to the peak.
+// half maximum, in place (the modulus removes the phase ramps of the offsets
+// in k-space); on the axis of odd length the turns before and after the
+// transforms must add up to whole turns.  Tolerance: float32 FFT roundings
+// relative to the peak.
 TEST(Smoothing, SpikeBecomesTheGaussianKernel) {
     const int c = 16;
     const double fwhm = 4.0, sigma = fwhm / 2.355;  // a full width at half maximum is 2.355 sd
-    const float d[3] = {1, 1, 1};
     data_stack s;
-    float *v = filled_stack(&s, 2 * c, 2 * c, 2 * c, d, 0.0f);
+    create_simple_data_stack(&s, 2 * c, 2 * c + 1, 2 * c, 1, 1, 1, 1, 0);
+    float *v = static_cast<float *>(s.data);
+    std::fill(v, v + s.nxyz, 0.0f);
     v[index4d_stack(c, c, c, 0, &s)] = 1000.0f;
     smooth_or_sharpen_isotropic(0, static_cast<float>(fwhm), &s);
     auto gauss = [&](int x) {
@@ -103,34 +103,6 @@ TEST(Smoothing, SpikeBecomesTheGaussianKernel) {
             << o[0] << "," << o[1] << "," << o[2];
     }
     free_float_vector(v);
-}
-
-// The regularisation smooths the ratio of total to fixed variance and maps
-// it back; voxels without fixed variance stay at zero.
-TEST(Smoothing, RegularizeUniformRatio) {
-    file_list_root.nx = 8;
-    file_list_root.ny = 8;
-    file_list_root.nz = 4;
-    for (int a = 0; a < 3; ++a) file_list_root.resolution[a] = 2.0f;
-    REM_input.ratio_smoothing = 5.0f;
-    const int n = 8 * 8 * 4;
-    const double g = dc_factor(8, 2, 5) * dc_factor(8, 2, 5) * dc_factor(4, 2, 5);
-    Sigma2_FE_map = float_vector(n);
-    Sigma2_RE_map = float_vector(n);
-    // Ratio (3 + 2) / 2 = 2.5; then zero fixed variance everywhere: ratio 0, random variance 0.
-    for (float fixed : {2.0f, 0.0f}) {
-        for (int i = 0; i < n; ++i) {
-            Sigma2_FE_map[i] = fixed;
-            Sigma2_RE_map[i] = 3.0f;
-        }
-        testing::internal::CaptureStdout();
-        regularize_random_effects();
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nsmoothing variance ratio\n");
-        for (int i = 0; i < n; ++i)
-            ASSERT_NEAR(Sigma2_RE_map[i], std::fabs(2.5 * g * fixed - fixed), 2e-5) << i;
-    }
-    free_float_vector(Sigma2_FE_map);
-    free_float_vector(Sigma2_RE_map);
 }
 
 }  // namespace
