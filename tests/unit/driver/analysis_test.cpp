@@ -4,8 +4,8 @@
 //   dof = rint(1 / (1 / (Dr (2 f^2 / r^2 + 1)^1.5) + 1 / Df)).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
-#include <vector>
 
 #include "driver.h"
 #include "rem.h"
@@ -26,34 +26,30 @@ TEST(ComputeEffectiveDof, HandCalculations) {
         // r = 1 exactly; 1/(1/(10 x 51^1.5) + 1/1000) = 784.58
         {0, 5, {1, 1, 1}, 12, 1000, 2, 785, "1.00"},
     };
-    static std::vector<file_list_entry> nodes;
+    static file_list_entry nodes[24];
     for (const Case &c : cases) {
         // The fixed degrees of freedom spread over the list of files.
-        nodes.assign(c.nfiles, file_list_entry{});
-        file_list_root = file_list_entry{};
         for (int k = 0; k < c.nfiles; ++k) {
             file_list_entry &e = k == 0 ? file_list_root : nodes[k];
             e.dof = c.fixed / c.nfiles + (k < c.fixed % c.nfiles ? 1 : 0);
             e.next = k + 1 < c.nfiles ? &nodes[k + 1] : nullptr;
         }
-        for (int a = 0; a < 3; ++a) file_list_root.resolution[a] = c.d[a];
+        std::copy(c.d, c.d + 3, file_list_root.resolution);
         REM_input.prior_smoothing = c.prior;
         REM_input.ratio_smoothing = c.ratio;
         REM.nfiles = c.nfiles;
         REM.nbasis = c.nbasis;
-
         const std::string last = "Degrees of freedom: fixed = " + std::to_string(c.fixed) +
                                  ", random = " + std::to_string(c.nfiles - c.nbasis) +
                                  ", smoothed = " + std::to_string(c.expected) + "\n";
         int dof = -1;
         testing::internal::CaptureStdout();
-        int length = compute_effective_dof(&dof);
+        EXPECT_EQ(compute_effective_dof(&dof), static_cast<int>(last.size()));
         EXPECT_EQ(testing::internal::GetCapturedStdout(),
                   "Effective isotropic resolution    = " + std::string(c.resolution) +
                       " mm\nSmoothing FWHM for variance ratio = " + std::to_string(int(c.ratio)) +
                       " mm\n" + last);
-        EXPECT_EQ(dof, c.expected) << last;
-        EXPECT_EQ(length, static_cast<int>(last.size()));
+        EXPECT_EQ(dof, c.expected);
     }
 }
 
