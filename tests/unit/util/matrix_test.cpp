@@ -58,32 +58,49 @@ TEST(MatrixProduct, EveryTransposeFlagAndFloatSumsInIndexOrder) {
     EXPECT_EQ(Trace_of_Matrix(0, D), 0.0f);
 }
 
+// Each matrix goes through both entry points; the float32 one copies back
+// whatever the float64 inversion left, the inverse or, after a zero pivot,
+// the partly factorised matrix (worked by hand).
 TEST(InvertSquareMatrix, PermutedAndSingularMatrices) {
     const struct {
         Rows a;
         int failed;  // -1: inverted
-        Rows inverse;
+        Rows after;
     } cases[] = {
         // First column [0, 3]: rows exchanged, undone by a column exchange.
         {{{0, 1}, {3, 2}}, -1, {{-2.0 / 3.0, 1.0 / 3.0}, {1, 0}}},
         // A permutation: the inverse is the transpose.
-        {{{0, 1, 0, 0}, {0, 0, 0, 1}, {1, 0, 0, 0}, {0, 0, 1, 0}},
-         -1,
+        {{{0, 1, 0, 0}, {0, 0, 0, 1}, {1, 0, 0, 0}, {0, 0, 1, 0}}, -1,
          {{0, 0, 1, 0}, {1, 0, 0, 0}, {0, 0, 0, 1}, {0, 1, 0, 0}}},
         {{}, -1, {}},  // order 0: nothing to do
-        {{{0, 1}, {0, 2}}, 0, {}},
-        {{{1, 2}, {2, 4}}, 1, {}},  // rank one: the second pivot comes out exactly 0
-        {{{1, 2, 3}, {4, 5, 6}, {0, 0, 0}}, 2, {}},
+        {{{0, 1}, {0, 2}}, 0, {{0, 1}, {0, 2}}},
+        {{{1, 2}, {2, 4}}, 1, {{2, 4}, {0.5, 0}}},  // rank one: the second pivot is exactly 0
+        {{{1, 2, 3}, {4, 5, 6}, {0, 0, 0}}, 2, {{4, 5, 6}, {0.25, 0.75, 1.5}, {0, 0, 0}}},
+        // Rows 1 and 2 tie for the first pivot and row 1 must win.
+        {{{0, 0, 1}, {2, 0, 5}, {-2, 0, 7}}, 1, {{2, 0, 5}, {0, 0, 1}, {-1, 0, 12}}},
     };
     for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.a.size() << " x " << c.a.size() << ", " << c.failed);
+        const int n = static_cast<int>(c.a.size());
         Mat<double> A(c.a);
-        int failed = 99;
-        EXPECT_EQ(dInvertSquareMatrix(c.a.size(), A, &failed), c.failed >= 0 ? 1 : 0);
-        EXPECT_EQ(failed, c.failed);
-        for (size_t i = 0; i < c.inverse.size(); ++i)
-            for (size_t j = 0; j < c.inverse.size(); ++j)
-                EXPECT_NEAR(A[i][j], c.inverse[i][j], 1e-15) << c.a.size() << i << j;
+        Mat<float> F(c.a);
+        int failed = 99, failed_float = 99;
+        EXPECT_EQ(dInvertSquareMatrix(n, A, &failed), c.failed >= 0 ? 1 : 0);
+        EXPECT_EQ(rInvertSquareMatrix(n, F, &failed_float), c.failed >= 0 ? 1 : 0);
+        EXPECT_EQ(failed * 10 + failed_float, c.failed * 11);
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j < n; ++j) {
+                EXPECT_NEAR(A[i][j], c.after[i][j], 1e-15) << i << j;
+                EXPECT_NEAR(F[i][j], c.after[i][j], 1e-7) << i << j;
+            }
     }
+    int failed = 99;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(dInvertSquareMatrix(-3, nullptr, &failed), 1);
+    EXPECT_EQ(rInvertSquareMatrix(-2, nullptr, &failed), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error: the matrix order is -3\nError: the matrix order is -2\n");
+    EXPECT_EQ(failed, -1);
 }
 
 TEST(InvertSquareMatrix, RandomWellConditionedGiveIdentity) {
@@ -98,29 +115,10 @@ TEST(InvertSquareMatrix, RandomWellConditionedGiveIdentity) {
         Mat<double> A(a);
         Mat<float> F(a);
         int failed = 99;
-        ASSERT_EQ(dInvertSquareMatrix(n, A, &failed), 0);
-        ASSERT_EQ(rInvertSquareMatrix(n, F, &failed), 0);
+        ASSERT_EQ(dInvertSquareMatrix(n, A, &failed) + rInvertSquareMatrix(n, F, &failed), 0);
         EXPECT_LT(identity_error(a, static_cast<double **>(A)), 1e-12L) << n;
         EXPECT_LT(identity_error(a, static_cast<float **>(F)), 1e-5L) << n;
     }
-}
-
-TEST(InvertSquareMatrix, EqualPivotsFailureStateAndNegativeOrder) {
-    // Rows 1 and 2 tie for the first pivot and row 1 must win; column 1 is
-    // zero, so the float32 entry point copies back the partly factorised
-    // matrix (worked by hand).
-    Mat<float> A({{0, 0, 1}, {2, 0, 5}, {-2, 0, 7}});
-    int failed = 99;
-    EXPECT_EQ(rInvertSquareMatrix(3, A, &failed), 1);
-    EXPECT_EQ(failed, 1);
-    EXPECT_EQ(A.data, std::vector<std::vector<float>>({{2, 0, 5}, {0, 0, 1}, {-1, 0, 12}}));
-
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(dInvertSquareMatrix(-3, nullptr, &failed), 1);
-    EXPECT_EQ(rInvertSquareMatrix(-2, nullptr, &failed), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Error: the matrix order is -3\nError: the matrix order is -2\n");
-    EXPECT_EQ(failed, -1);
 }
 
 TEST(MatrixPseudoInverse, TallMatrix) {
