@@ -43,7 +43,6 @@ TEST(DecodeVistraKeyword, EveryKeywordAndItsMessages) {
         {"direction 1 0.5 1", 1, &volume_header::nx, 0,
          "Error: allowed values for direction (1,0.5,1) are 1 and -1.\n"},
         {"information: subject 3", -1, &volume_header::nx, 0, ""},
-        {"info", -1, &volume_header::nx, 0, ""},
         {"X 64", 1, &volume_header::nx, 0, ""},
     };
     for (const auto &c : cases) {

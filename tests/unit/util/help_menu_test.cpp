@@ -75,9 +75,9 @@ TEST(HelpMenu, DialogueSteps) {
     const std::pair<const char *, const char *> cases[] = {
         {"3\n1\n\n\n", "HMCLHM"},  // a link, and back to the top-level file's main menu
         {"\n", "HM"},              // return alone leaves the main menu
-        {"1\n2\n\n\n", "HMS2SM"},  // sub-menu, item, back, leave
         {"1\n3\n\n\n", "HMSBSM"},  // item number beyond the sub-menu's items
-        {"1\n0\n 1  extra words\n1\n\n\n", "HMSMS1SM"},  // "0"; the first word only
+        // Sub-menu, "0", the first word only, an item, back, leave.
+        {"1\n0\n 1  extra words\n2\n\n\n", "HMSMS2SM"},
         {"1\n00\n\n\n", "HMSSM"},       // a zero that is not "0" stays in the sub-menu
         {"2\n\n", "HMAM"},              // a sub-menu without items shows its text once
         {"4\n-1\n\n", "HMbMbM"},        // main-menu numbers out of range
