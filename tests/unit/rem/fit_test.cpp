@@ -18,19 +18,6 @@ namespace {
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 const float kPMin = static_cast<float>(std::exp(-100.0));  // 3.78e-44, a denormal
 
-struct FResult {
-    int status;
-    float t, p_raw, p_corrected, effect, effect_error;
-};
-
-FResult run_f(int n, int resels, int condition, int dof)
-{
-    FResult r{99, 7, 7, 7, 7, 7};
-    r.status = REM_calculate_F(n, resels, condition, dof, &r.t, &r.p_raw, &r.p_corrected, &r.effect,
-                               &r.effect_error);
-    return r;
-}
-
 // Relative closeness; a NaN expectation asks for a NaN.
 void expect_close(float got, double want, double rel)
 {
@@ -148,13 +135,14 @@ TEST(CalculateF, ExactCases)
         for (int i = 0; i < 2; ++i)
             for (int j = 0; j < 2; ++j) REM.normal_inverse[i][j] = i == j ? c.d : c.o;
         set_condition(0, c.rows);
-        const FResult r = run_f(4, c.resels, 0, c.dof);
-        ASSERT_EQ(r.status, 0);
-        EXPECT_EQ(r.effect, c.effect);
-        expect_close(r.t, c.t, 1e-6);
-        expect_close(r.effect_error, c.effect / std::fabs(c.t), 1e-6);  // 0/0 for a zero effect
-        expect_close(r.p_raw, c.p_raw, 1e-5);
-        expect_close(r.p_corrected, c.p_corrected, 1e-5);
+        float t, p_raw, p_corrected, effect, error;
+        ASSERT_EQ(REM_calculate_F(4, c.resels, 0, c.dof, &t, &p_raw, &p_corrected, &effect, &error),
+                  0);
+        EXPECT_EQ(effect, c.effect);
+        expect_close(t, c.t, 1e-6);
+        expect_close(error, c.effect / std::fabs(c.t), 1e-6);  // 0/0 for a zero effect
+        expect_close(p_raw, c.p_raw, 1e-5);
+        expect_close(p_corrected, c.p_corrected, 1e-5);
     }
 }
 
