@@ -30,7 +30,7 @@ struct options {
     int nx = 32, ny = 32, nz = 16;
     float voxel = 3.0f;  // mm, isotropic
     int groups = 2;
-    int subjects = 12;   // per group
+    int subjects = 12;  // per group
     uint64_t seed = 1;
     float prior_fwhm = 6.0f;  // smoothness of the single-subject maps, mm
     float ratio_fwhm = 8.0f;  // written into the analysis file, mm
@@ -45,7 +45,7 @@ struct options {
 
 // splitmix64 with Box-Muller normal deviates.
 class generator {
-public:
+  public:
     explicit generator(uint64_t seed) : state_(seed) {}
     uint64_t next() {
         uint64_t z = (state_ += 0x9e3779b97f4a7c15ULL);
@@ -53,7 +53,9 @@ public:
         z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
         return z ^ (z >> 31);
     }
-    double uniform() { return (static_cast<double>(next() >> 11) + 0.5) * (1.0 / 9007199254740992.0); }
+    double uniform() {
+        return (static_cast<double>(next() >> 11) + 0.5) * (1.0 / 9007199254740992.0);
+    }
     double normal() {
         if (has_spare_) {
             has_spare_ = false;
@@ -68,7 +70,7 @@ public:
         return r * std::cos(a);
     }
 
-private:
+  private:
     uint64_t state_;
     double spare_ = 0.0;
     bool has_spare_ = false;
@@ -123,8 +125,8 @@ int parse_options(int argc, char **argv, options *o) {
         } else if (w == "--prefix" && need(1)) {
             o->prefix = argv[++a];
         } else if (w == "--size" && need(3)) {
-            ok = parse_int(argv[a + 1], 1, 1024, &o->nx) && parse_int(argv[a + 2], 1, 1024, &o->ny) &&
-                 parse_int(argv[a + 3], 1, 1024, &o->nz);
+            ok = parse_int(argv[a + 1], 1, 1024, &o->nx) &&
+                 parse_int(argv[a + 2], 1, 1024, &o->ny) && parse_int(argv[a + 3], 1, 1024, &o->nz);
             a += 3;
         } else if (w == "--voxel" && need(1)) {
             ok = parse_float(argv[++a], 1e-3f, &o->voxel);
@@ -164,7 +166,8 @@ int parse_options(int argc, char **argv, options *o) {
         }
     }
     if (static_cast<long>(o->groups) * o->subjects > 200) {
-        std::fprintf(stderr, "Error: at most 200 subjects in all (fmri-rem reads up to 200 files)\n");
+        std::fprintf(stderr,
+                     "Error: at most 200 subjects in all (fmri-rem reads up to 200 files)\n");
         return 1;
     }
     return 0;
@@ -256,7 +259,8 @@ bool write_volume(const std::string &dir, const std::string &stem, const volume 
         std::fprintf(stderr, "Error: cannot write %s\n", data.c_str());
         return false;
     }
-    for (const auto *f : frames) ok = ok && std::fwrite(f->data(), sizeof(float), f->size(), d) == f->size();
+    for (const auto *f : frames)
+        ok = ok && std::fwrite(f->data(), sizeof(float), f->size(), d) == f->size();
     ok = (std::fclose(d) == 0) && ok;
     if (!ok) std::fprintf(stderr, "Error: writing %s failed\n", data.c_str());
     return ok;
@@ -317,7 +321,8 @@ int main(int argc, char **argv) {
                         double dx = x - blobs[b].cx * (v.nx - 1);
                         double dy = y - blobs[b].cy * (v.ny - 1);
                         double dz = z - blobs[b].cz * (v.nz - 1);
-                        s += amp[b] * std::exp(-(dx * dx + dy * dy + dz * dz) / (2 * blob_sigma * blob_sigma));
+                        s += amp[b] * std::exp(-(dx * dx + dy * dy + dz * dz) /
+                                               (2 * blob_sigma * blob_sigma));
                     }
                     size_t i = v.at(x, y, z);
                     mu[g][i] = inside[i] ? static_cast<float>(s) : 0.0f;
@@ -347,12 +352,14 @@ int main(int argc, char **argv) {
     }
     std::fprintf(analysis, "# Synthetic study from fmri-rem-simulate, seed %llu\n",
                  static_cast<unsigned long long>(o.seed));
-    std::fprintf(analysis, "smoothing %g %g  # prior smoothing, smoothing of the variance ratio (mm)\n",
+    std::fprintf(analysis,
+                 "smoothing %g %g  # prior smoothing, smoothing of the variance ratio (mm)\n",
                  o.prior_fwhm, o.ratio_fwhm);
     std::string conditions;
     for (int g = 0; g < o.groups; ++g) conditions += std::string(1, group_char(o, g)) + " ";
     for (int g = 0; g + 1 < o.groups; ++g) {
-        conditions += std::string(1, group_char(o, g)) + "-" + std::string(1, group_char(o, g + 1)) + " ";
+        conditions +=
+            std::string(1, group_char(o, g)) + "-" + std::string(1, group_char(o, g + 1)) + " ";
     }
     conditions.pop_back();
     std::fprintf(analysis, "conditions %s\n", conditions.c_str());

@@ -42,7 +42,8 @@ bool read_frame(const std::string &path, size_t n, std::vector<float> *values) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc > 2 || (argc == 2 && (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0))) {
+    if (argc > 2 ||
+        (argc == 2 && (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0))) {
         std::printf("Usage: fmri-rem-summary [results folder]\n");
         return argc > 2 ? 1 : 0;
     }
@@ -94,7 +95,8 @@ int main(int argc, char **argv) {
         char where[64];
         std::snprintf(where, sizeof where, "(%zu,%zu,%zu)", best % nx, (best / nx) % ny,
                       best / (static_cast<size_t>(nx) * ny));
-        std::printf("%-12s %10.2f  %-16s %ld / %ld\n", c.c_str(), t[best], where, positive, negative);
+        std::printf("%-12s %10.2f  %-16s %ld / %ld\n", c.c_str(), t[best], where, positive,
+                    negative);
     }
     return 0;
 }

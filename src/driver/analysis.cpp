@@ -135,8 +135,8 @@ int compute_effective_dof(int *dof) {
     float ratio = 2 * f * f / (r * r) + 1;
     float boost = static_cast<float>(std::pow(static_cast<double>(ratio), 1.5));
     float smoothed_random = static_cast<float>(random_dof) * boost;
-    double combined = 1.0 / (1.0 / static_cast<double>(smoothed_random) +
-                             1.0 / static_cast<double>(fixed_dof));
+    double combined =
+        1.0 / (1.0 / static_cast<double>(smoothed_random) + 1.0 / static_cast<double>(fixed_dof));
     *dof = static_cast<int>(std::rint(combined));
 
     std::printf("Effective isotropic resolution    = %4.2f mm\n", static_cast<double>(r));
@@ -224,14 +224,13 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     }
 
     if (fast) {
-        if (fast_statistics_pass(nvoxels, step, w.entries, w.nfiles, residue_requested,
-                                 nconditions, dof) != 0 ||
+        if (fast_statistics_pass(nvoxels, step, w.entries, w.nfiles, residue_requested, nconditions,
+                                 dof) != 0 ||
             check_streamed_signal_files() != 0)
             return 1;
     } else {
         for (int i = 0; i < nvoxels; ++i) {
-            if (test_conditions(i, nvoxels, residue_requested, nconditions, dof, &w) != 0)
-                return 1;
+            if (test_conditions(i, nvoxels, residue_requested, nconditions, dof, &w) != 0) return 1;
             print_progress(i, step, "statistics");
         }
     }
@@ -241,8 +240,7 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     static char condition[DRIVER_NAME_LENGTH];
     for (int c = 0; c < nconditions; ++c) {
         if (REM_get_condition_string(c, condition) != 0) return 1;
-        std::printf("  P-%s.bfloat, T-%s.bfloat, & S-%s.bfloat\n", condition, condition,
-                    condition);
+        std::printf("  P-%s.bfloat, T-%s.bfloat, & S-%s.bfloat\n", condition, condition, condition);
     }
 
     std::free(w.entries);

@@ -20,19 +20,19 @@ extern "C" {
 // 32-bit floats), with the header values the analysis needs.
 typedef struct file_list_entry {
     char name[DRIVER_NAME_LENGTH];  // path of the data file
-    int nx;                          // voxels along x
-    int ny;                          // voxels along y
-    int nz;                          // voxels along z
-    int nt;                          // frames; must be 2
-    int byte_order;                  // as stated by the header; not applied
-    int storage_type;                // storage code of the data file; must be 2
-    float resolution[3];             // voxel size in mm
+    int nx;                         // voxels along x
+    int ny;                         // voxels along y
+    int nz;                         // voxels along z
+    int nt;                         // frames; must be 2
+    int byte_order;                 // as stated by the header; not applied
+    int storage_type;               // storage code of the data file; must be 2
+    float resolution[3];            // voxel size in mm
     float origin[3];
     float direction[3];
-    int dof;                         // degrees of freedom of the file's own analysis
-    float *effect;                   // first frame, nx*ny*nz values
-    float *effect_stderr;            // second frame, nx*ny*nz values
-    struct file_list_entry *next;    // null ends the list
+    int dof;                       // degrees of freedom of the file's own analysis
+    float *effect;                 // first frame, nx*ny*nz values
+    float *effect_stderr;          // second frame, nx*ny*nz values
+    struct file_list_entry *next;  // null ends the list
 } file_list_entry;
 
 // First node of the signal file list; its geometry is that of every output.
@@ -98,8 +98,8 @@ typedef struct {
 int regularize_random_effects(void);
 
 // Describes a stack and allocates its data (complex when is_complex != 0).
-int create_simple_data_stack(data_stack *stack, int nx, int ny, int nz, int nt, float dx,
-                             float dy, float dz, int is_complex);
+int create_simple_data_stack(data_stack *stack, int nx, int ny, int nz, int nt, float dx, float dy,
+                             float dz, int is_complex);
 
 // Smooths (sharpen == 0) or sharpens the real data of stack with an isotropic
 // Gaussian of full width at half maximum fwhm (mm), through k-space.

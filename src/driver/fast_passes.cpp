@@ -33,8 +33,7 @@ const int kChunk = 4096;
 // on demand: the chunk shrinks as the files grow in number.
 const int kChunkBytes = 1 << 20;
 
-int chunk_voxels(int nfiles)
-{
+int chunk_voxels(int nfiles) {
     if (!signal_data_streamed()) return kChunk;
     int voxels = kChunkBytes / (2 * static_cast<int>(sizeof(float)) * (nfiles > 0 ? nfiles : 1));
     if (voxels < 64) voxels = 64;
@@ -46,19 +45,21 @@ int chunk_voxels(int nfiles)
 class chunk_values {
   public:
     chunk_values(file_list_entry *const *entries, int nfiles, int chunk)
-        : entries_(entries), nfiles_(nfiles), chunk_(chunk),
-          effect_(static_cast<size_t>(nfiles)), error_(static_cast<size_t>(nfiles))
-    {
+        : entries_(entries),
+          nfiles_(nfiles),
+          chunk_(chunk),
+          effect_(static_cast<size_t>(nfiles)),
+          error_(static_cast<size_t>(nfiles)) {
         if (signal_data_streamed()) buffer_.resize(2 * static_cast<size_t>(nfiles) * chunk);
     }
 
     // Values of voxels first .. first+count-1; false after an error message.
-    bool fetch(int first, int count)
-    {
+    bool fetch(int first, int count) {
         float *buffer = buffer_.empty() ? nullptr : buffer_.data();
         for (int k = 0; k < nfiles_; ++k) {
             const size_t at = 2 * static_cast<size_t>(k) * chunk_;
-            effect_[k] = signal_values(entries_[k], 0, first, count, buffer ? buffer + at : nullptr);
+            effect_[k] =
+                signal_values(entries_[k], 0, first, count, buffer ? buffer + at : nullptr);
             if (effect_[k] == nullptr) return false;
             error_[k] = signal_values(entries_[k], 1, first, count,
                                       buffer ? buffer + at + chunk_ : nullptr);
@@ -82,8 +83,7 @@ class chunk_values {
     std::vector<float> buffer_;
 };
 
-int thread_count()
-{
+int thread_count() {
 #ifdef _OPENMP
     return omp_get_max_threads();
 #else
@@ -91,8 +91,7 @@ int thread_count()
 #endif
 }
 
-int thread_index()
-{
+int thread_index() {
 #ifdef _OPENMP
     return omp_get_thread_num();
 #else
@@ -109,8 +108,7 @@ struct thread_state {
     float *event_sum;
 };
 
-std::vector<thread_state> make_states(int nfiles)
-{
+std::vector<thread_state> make_states(int nfiles) {
     std::vector<thread_state> states(static_cast<size_t>(thread_count()));
     const uint32_t nf = static_cast<uint32_t>(nfiles);
     for (thread_state &s : states) {
@@ -123,8 +121,7 @@ std::vector<thread_state> make_states(int nfiles)
     return states;
 }
 
-void free_states(std::vector<thread_state> &states)
-{
+void free_states(std::vector<thread_state> &states) {
     for (thread_state &s : states) {
         rem_workspace_free(s.ws);
         free_float_vector(s.effects);
@@ -137,8 +134,7 @@ void free_states(std::vector<thread_state> &states)
 
 // The progress lines of voxels first .. last-1, as the plain passes print
 // them voxel by voxel.
-void print_progress(int first, int last, int step, const char *what)
-{
+void print_progress(int first, int last, int step, const char *what) {
     for (int i = (first + step - 1) / step * step; i < last; i += step) {
         std::printf("\r %d percent done computing %s", (100 / 100 * i) / step, what);
         std::fflush(stdout);
@@ -147,22 +143,19 @@ void print_progress(int first, int last, int step, const char *what)
 
 }  // namespace
 
-int fast_passes_requested(void)
-{
+int fast_passes_requested(void) {
     const char *plain = std::getenv("FMRI_REM_PLAIN");
     return plain == nullptr || plain[0] == '\0' || std::strcmp(plain, "0") == 0;
 }
 
-int fast_passes_usable(int nfiles, int nconditions)
-{
+int fast_passes_usable(int nfiles, int nconditions) {
     if (!fast_passes_requested()) return 0;
     return REM.initialized && REM.nfiles == nfiles && nconditions >= 0 &&
            nconditions <= REM.nconditions;
 }
 
 int fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
-                       int nfiles, int *unestimable)
-{
+                       int nfiles, int *unestimable) {
     std::vector<thread_state> states = make_states(nfiles);
     const int chunk = chunk_voxels(nfiles);
     chunk_values values(entries, nfiles, chunk);
@@ -196,8 +189,7 @@ int fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, c
 }
 
 int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries, int nfiles,
-                         int residue_requested, int nconditions, int dof)
-{
+                         int residue_requested, int nconditions, int dof) {
     std::vector<thread_state> states = make_states(nfiles);
     const int64_t n = nvoxels;
     const int correct = REM_input.multiple_comparisons != 0;

@@ -27,7 +27,7 @@ int fast_passes_usable(int nfiles, int nconditions);
 // the nfiles signal files in order; progress is printed every step voxels.
 // Returns 0, or 1 when the signal data could not be read.
 int fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
-                        int nfiles, int *unestimable);
+                       int nfiles, int *unestimable);
 
 // Second pass: final fit and every condition's test into P_map, T_map,
 // S_map, dS_map (and Residue_series when requested).  Returns 0, or 1 when

@@ -72,42 +72,42 @@ int main(int argc, char **argv) {
 
     while ((option = my_getopt(argc, argv, "hHri:", &index)) != 0) {
         switch (option) {
-        case 'h':
-            help_requested = 1;
-            break;
-        case 'H':
-            help_menu(0, "rem-menu.txt");
-            std::exit(0);
-        case 'r':
-            residue_requested = 1;
-            break;
-        case 'i': {
-            if (index >= argc || argv[index] == nullptr) {
-                std::printf("Error: option -i requires the name of an analysis file.\n");
+            case 'h':
+                help_requested = 1;
+                break;
+            case 'H':
+                help_menu(0, "rem-menu.txt");
+                std::exit(0);
+            case 'r':
+                residue_requested = 1;
+                break;
+            case 'i': {
+                if (index >= argc || argv[index] == nullptr) {
+                    std::printf("Error: option -i requires the name of an analysis file.\n");
+                    std::exit(1);
+                }
+                const char *name = argv[index];
+                if (std::strlen(name) >= static_cast<size_t>(kNameLength)) {
+                    std::printf("Error: the analysis file name is longer than %d characters.\n",
+                                kNameLength - 1);
+                    std::exit(1);
+                }
+                if (REM_read_control_file(name) != 0) {
+                    std::printf("Program terminated due to error in analysis file %s\n", name);
+                    std::exit(1);
+                }
+                std::strcpy(control_file, name);
+                control_file_given = 1;
+                break;
+            }
+            default:
+                if (option == -1) {
+                    std::printf("Option -%s not valid.\n", argv[index]);
+                } else {
+                    std::printf("Valid option -%c not yet programmed.\n", argv[index][0]);
+                }
+                std::printf("Program exiting.\n");
                 std::exit(1);
-            }
-            const char *name = argv[index];
-            if (std::strlen(name) >= static_cast<size_t>(kNameLength)) {
-                std::printf("Error: the analysis file name is longer than %d characters.\n",
-                            kNameLength - 1);
-                std::exit(1);
-            }
-            if (REM_read_control_file(name) != 0) {
-                std::printf("Program terminated due to error in analysis file %s\n", name);
-                std::exit(1);
-            }
-            std::strcpy(control_file, name);
-            control_file_given = 1;
-            break;
-        }
-        default:
-            if (option == -1) {
-                std::printf("Option -%s not valid.\n", argv[index]);
-            } else {
-                std::printf("Valid option -%c not yet programmed.\n", argv[index][0]);
-            }
-            std::printf("Program exiting.\n");
-            std::exit(1);
         }
     }
 

@@ -107,10 +107,11 @@ int read_signal_headers(uint32_t *n) {
     for (file_list_entry *entry = &file_list_root; entry != nullptr; entry = entry->next) {
         ++count;
         if (entry->nx != root->nx || entry->ny != root->ny || entry->nz != root->nz) {
-            std::printf("The dimensions of file %s (%d,%d,%d) are not the same as for file %s "
-                        "(%d,%d,%d)\n",
-                        entry->name, entry->nx, entry->ny, entry->nz, root->name, root->nx,
-                        root->ny, root->nz);
+            std::printf(
+                "The dimensions of file %s (%d,%d,%d) are not the same as for file %s "
+                "(%d,%d,%d)\n",
+                entry->name, entry->nx, entry->ny, entry->nz, root->name, root->nx, root->ny,
+                root->nz);
             return 1;
         }
         if (entry->nt != 2) {
@@ -123,10 +124,11 @@ int read_signal_headers(uint32_t *n) {
         }
         if (!same_resolution(entry, root)) {
             // The origins are shown, although the resolutions were compared.
-            std::printf("WARNING: The resolution of file %s (%g,%g,%g) differs from file %s "
-                        "(%g,%g,%g)\n",
-                        entry->name, entry->origin[0], entry->origin[1], entry->origin[2],
-                        root->name, root->origin[0], root->origin[1], root->origin[2]);
+            std::printf(
+                "WARNING: The resolution of file %s (%g,%g,%g) differs from file %s "
+                "(%g,%g,%g)\n",
+                entry->name, entry->origin[0], entry->origin[1], entry->origin[2], root->name,
+                root->origin[0], root->origin[1], root->origin[2]);
         }
     }
 
@@ -134,8 +136,8 @@ int read_signal_headers(uint32_t *n) {
     int64_t nvoxels = static_cast<int64_t>(root->nx) * root->ny * root->nz;
     if (root->nx <= 0 || root->ny <= 0 || root->nz <= 0 ||
         nvoxels * (count > 2 ? count : 2) > INT32_MAX) {
-        std::printf("Error: the dimensions of file %s (%d,%d,%d) are not supported.\n",
-                    root->name, root->nx, root->ny, root->nz);
+        std::printf("Error: the dimensions of file %s (%d,%d,%d) are not supported.\n", root->name,
+                    root->nx, root->ny, root->nz);
         return 1;
     }
 
@@ -264,8 +266,8 @@ int read_signal_files_streamed(void) {
                     // Ask for the data to be read ahead while the headers are
                     // still being dealt with.
                     ::posix_fadvise(fd, 0, needed, POSIX_FADV_WILLNEED);
-                    open_files.push_back({entry, fd, status.st_dev, status.st_ino, status.st_size,
-                                          status.st_mtim});
+                    open_files.push_back(
+                        {entry, fd, status.st_dev, status.st_ino, status.st_size, status.st_mtim});
                     continue;
                 }
                 ::close(fd);
@@ -277,7 +279,9 @@ int read_signal_files_streamed(void) {
     return 0;
 }
 
-int signal_data_streamed(void) { return open_files.empty() ? 0 : 1; }
+int signal_data_streamed(void) {
+    return open_files.empty() ? 0 : 1;
+}
 
 const float *signal_values(const file_list_entry *entry, int frame, int first, int count,
                            float *buffer) {

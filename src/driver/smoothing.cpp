@@ -30,8 +30,8 @@ void axis_kernel(int n, float d, float q, float *factor) {
 
 }  // namespace
 
-int create_simple_data_stack(data_stack *stack, int nx, int ny, int nz, int nt, float dx,
-                             float dy, float dz, int is_complex) {
+int create_simple_data_stack(data_stack *stack, int nx, int ny, int nz, int nt, float dx, float dy,
+                             float dz, int is_complex) {
     std::memset(stack, 0, sizeof(*stack));
     stack->nx = nx;
     stack->ny = ny;
@@ -64,8 +64,8 @@ int create_simple_data_stack(data_stack *stack, int nx, int ny, int nz, int nt, 
 }
 
 int index4d_stack(int x, int y, int z, int t, data_stack *stack) {
-    if (x >= 0 && x < stack->nx && y >= 0 && y < stack->ny && z >= 0 && z < stack->nz &&
-        t >= 0 && t < stack->nt) {
+    if (x >= 0 && x < stack->nx && y >= 0 && y < stack->ny && z >= 0 && z < stack->nz && t >= 0 &&
+        t < stack->nt) {
         return t * stack->nxyz + z * stack->nxy + y * stack->nx + x;
     }
     std::printf("Programming error: index out of range in index4d_stack.\n");
@@ -115,9 +115,21 @@ int ft_1d(int axis, int direction, data_stack *stack) {
     int outer = 0;
     int inner = 0;
     switch (axis) {
-    case 1: n = stack->nx; outer = stack->ny; inner = stack->nz; break;
-    case 2: n = stack->ny; outer = stack->nx; inner = stack->nz; break;
-    default: n = stack->nz; outer = stack->nx; inner = stack->ny; break;
+        case 1:
+            n = stack->nx;
+            outer = stack->ny;
+            inner = stack->nz;
+            break;
+        case 2:
+            n = stack->ny;
+            outer = stack->nx;
+            inner = stack->nz;
+            break;
+        default:
+            n = stack->nz;
+            outer = stack->nx;
+            inner = stack->ny;
+            break;
     }
     const float scale = direction == 1 ? static_cast<float>(n) : 1.0f;
     const int sign = direction == 1 ? FFTW_FORWARD : FFTW_BACKWARD;
@@ -134,9 +146,12 @@ int ft_1d(int axis, int direction, data_stack *stack) {
                 // Voxel of the line's element k.
                 auto element = [&](int k) {
                     switch (axis) {
-                    case 1: return index4d_stack(k, a, b, t, stack);
-                    case 2: return index4d_stack(a, k, b, t, stack);
-                    default: return index4d_stack(a, b, k, t, stack);
+                        case 1:
+                            return index4d_stack(k, a, b, t, stack);
+                        case 2:
+                            return index4d_stack(a, k, b, t, stack);
+                        default:
+                            return index4d_stack(a, b, k, t, stack);
                     }
                 };
                 for (int k = 0; k < n; ++k) line[k] = data[element(k)];
@@ -221,7 +236,8 @@ int smooth_or_sharpen_isotropic(int sharpen, float fwhm, data_stack *stack) {
     float *out = static_cast<float *>(stack->data);
     for (uint32_t i = 0; i < count; ++i) {
         float amp = compute_amplitude(values[i].r, values[i].i);
-        if (amp < 0.0f) std::printf("amp[%d] = %g\n", static_cast<int>(i), static_cast<double>(amp));
+        if (amp < 0.0f)
+            std::printf("amp[%d] = %g\n", static_cast<int>(i), static_cast<double>(amp));
         (void)compute_phase(values[i].r, values[i].i);
         out[i] = amp;
     }

@@ -10,7 +10,9 @@
 
 namespace {
 
-bool is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+bool is_space(char c) {
+    return isspace(static_cast<unsigned char>(c)) != 0;
+}
 
 // Finds the next word at or after text: returns its start and stores its
 // length, or returns null when no word is left.

@@ -18,7 +18,9 @@ int g_line = 0;
 const int kLineLength = 1024;
 
 // White space as isspace has it in the "C" locale, for any byte.
-bool is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+bool is_space(char c) {
+    return isspace(static_cast<unsigned char>(c)) != 0;
+}
 
 // Copies the first word of text (white space delimited) into word, which
 // holds kLineLength characters, and returns the position after it; null
@@ -108,7 +110,9 @@ int read_shape(const char *text) {
 // Only a character without any number (0) is refused here. The comma (-1)
 // is taken as read; its event has no character to be reported with, so the
 // description of the input ends the run with a programming error.
-bool is_event_number(int number) { return number != 0; }
+bool is_event_number(int number) {
+    return number != 0;
+}
 
 bool check_event_capacity() {
     if (REM.nevents < REM_MAX_EVENTS) return true;
@@ -317,8 +321,9 @@ int REMInternal_decode_keyword(const char *line) {
     }
     if (is_event_word(word)) {
         if (!read_event_character(
-                rest, "Error: 'subjects' or 'sessions' or 'events' requires a character "
-                      "argument.\n"))
+                rest,
+                "Error: 'subjects' or 'sessions' or 'events' requires a character "
+                "argument.\n"))
             return -1;
         int shape = read_shape(rest);
         if (shape < 0) return -1;

@@ -24,8 +24,8 @@ struct rem_fast_kernels {
     // them).  With out, the row is stored there over
     // that union (out must hold zeros elsewhere); with out null, t[i] =
     // t[i] + yj * row[i] over the union instead.
-    void (*rr_row)(float *out, float *t, float yj, const float *Rt, int ld, const float *rt,
-                   int l0, int l1, const int *start, const int *stop);
+    void (*rr_row)(float *out, float *t, float yj, const float *Rt, int ld, const float *rt, int l0,
+                   int l1, const int *start, const int *stop);
     // out[i] = 0.0f + x[i] * w[i] for i in [0, count).
     void (*weigh)(float *out, const float *x, const float *w, int count);
     // One column of R, as a row of Rt: with h[i] the float sum over a of

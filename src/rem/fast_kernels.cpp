@@ -17,8 +17,7 @@ const int kTile = 8;
 
 // The union [*a, *b) of the non-zero spans of rows l0 .. l1-1; an empty span
 // is stored as [kEmptyStart, 0), which leaves the union as it is.
-inline void union_span_scalar(const int *start, const int *stop, int l0, int l1, int *a, int *b)
-{
+inline void union_span_scalar(const int *start, const int *stop, int l0, int l1, int *a, int *b) {
     int lo = REM_FAST_EMPTY_START, hi = 0;
     for (int l = l0; l < l1; ++l) {
         if (start[l] < lo) lo = start[l];
@@ -29,8 +28,7 @@ inline void union_span_scalar(const int *start, const int *stop, int l0, int l1,
 }
 
 __attribute__((target("avx2"))) inline void union_span_avx2(const int *start, const int *stop,
-                                                            int l0, int l1, int *a, int *b)
-{
+                                                            int l0, int l1, int *a, int *b) {
     const __m256i empty = _mm256_set1_epi32(REM_FAST_EMPTY_START);
     const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
     __m256i lo = empty, hi = _mm256_setzero_si256();
@@ -54,10 +52,8 @@ __attribute__((target("avx2"))) inline void union_span_avx2(const int *start, co
     *b = y;
 }
 
-__attribute__((target("avx512f"))) inline void union_span_avx512(const int *start,
-                                                                 const int *stop, int l0, int l1,
-                                                                 int *a, int *b)
-{
+__attribute__((target("avx512f"))) inline void union_span_avx512(const int *start, const int *stop,
+                                                                 int l0, int l1, int *a, int *b) {
     const __m512i empty = _mm512_set1_epi32(REM_FAST_EMPTY_START);
     __m512i lo = empty, hi = _mm512_setzero_si512();
     for (int l = l0; l < l1; l += 16) {
@@ -84,87 +80,98 @@ __attribute__((target("avx512f"))) inline void union_span_avx512(const int *star
 // operations differ.  TILE is one tile of NV vectors of a row of R.R: the sum
 // over l of rt[l] * Rt[l][j0 + ...], the terms in the order of l, held in
 // registers, then stored, or scaled by yj and added into t.
-#define REM_FAST_VARIANT(SUFFIX, TARGET, VEC, W, SETZERO, SET1, LOAD, STORE, ADD, MUL, SUB,    \
-                         UNION)                                                                \
-    TARGET void axpy_##SUFFIX(float *out, float r, const float *x, int count)                   \
-    {                                                                                          \
-        const VEC rv = SET1(r);                                                                \
-        for (int j = 0; j < count; j += W) STORE(out + j, ADD(LOAD(out + j), MUL(rv, LOAD(x + j)))); \
-    }                                                                                          \
-                                                                                               \
-    template <int NV>                                                                          \
-    TARGET inline void tile_##SUFFIX(float *out, float *t, float yj, const float *Rt, int ld,   \
-                                     const float *rt, int l0, int l1, int j0)                  \
-    {                                                                                          \
-        VEC acc[NV];                                                                           \
-        _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v) acc[v] = SETZERO();               \
-        for (int l = l0; l < l1; ++l) {                                                        \
-            const float c = rt[l];                                                             \
-            if (c == 0.0f) continue; /* a zero term leaves every sum as it is */               \
-            const VEC r = SET1(c);                                                             \
-            const float *x = Rt + static_cast<long>(l) * ld + j0;                              \
-            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v)                               \
-                acc[v] = ADD(acc[v], MUL(r, LOAD(x + W * v)));                                 \
-        }                                                                                      \
-        if (out != nullptr) {                                                                  \
-            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v) STORE(out + j0 + W * v, acc[v]); \
-        } else {                                                                               \
-            const VEC y = SET1(yj);                                                            \
-            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v)                               \
-                STORE(t + j0 + W * v, ADD(LOAD(t + j0 + W * v), MUL(y, acc[v])));              \
-        }                                                                                      \
-    }                                                                                          \
-                                                                                               \
-    TARGET void rr_row_##SUFFIX(float *out, float *t, float yj, const float *Rt, int ld,        \
-                                const float *rt, int l0, int l1, const int *start,             \
-                                const int *stop)                                               \
-    {                                                                                          \
-        int a, b;                                                                              \
-        UNION(start, stop, l0, l1, &a, &b);                                                    \
-        for (int j0 = a; j0 < b; j0 += W * kTile) {                                            \
-            const int left = (b - j0) / W;                                                     \
-            switch (left < kTile ? left : kTile) {                                             \
-            case 1: tile_##SUFFIX<1>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
-            case 2: tile_##SUFFIX<2>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
-            case 3: tile_##SUFFIX<3>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
-            case 4: tile_##SUFFIX<4>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
-            case 5: tile_##SUFFIX<5>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
-            case 6: tile_##SUFFIX<6>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
-            case 7: tile_##SUFFIX<7>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;               \
-            default: tile_##SUFFIX<8>(out, t, yj, Rt, ld, rt, l0, l1, j0); break;              \
-            }                                                                                  \
-        }                                                                                      \
-    }                                                                                          \
-                                                                                               \
-    TARGET void weigh_##SUFFIX(float *out, const float *x, const float *w, int count)          \
-    {                                                                                          \
-        const VEC zero = SETZERO();                                                            \
-        for (int i = 0; i < count; i += W) STORE(out + i, ADD(zero, MUL(LOAD(x + i), LOAD(w + i)))); \
-    }                                                                                          \
-                                                                                               \
-    TARGET int residue_column_##SUFFIX(float *r, const float *coef, int k, const float *Xt,     \
-                                       int ld, const float *w, int count, int *first,          \
-                                       int *last)                                              \
-    {                                                                                          \
-        const VEC zero = SETZERO();                                                            \
-        VEC finite = zero; /* becomes not a number once any value is not finite */            \
-        int a = -1, b = -1;                                                                    \
-        for (int i = 0; i < count; i += W) {                                                   \
-            VEC h = zero;                                                                      \
-            for (int m = 0; m < k; ++m)                                                        \
-                h = ADD(h, MUL(SET1(coef[m]), LOAD(Xt + static_cast<long>(m) * ld + i)));      \
-            const VEC v = SUB(zero, ADD(zero, MUL(LOAD(w + i), h)));                           \
-            STORE(r + i, v);                                                                   \
-            finite = ADD(finite, MUL(v, zero));                                                \
-            const unsigned nonzero = NONZERO(v, zero);                                         \
-            if (nonzero != 0) {                                                                \
-                if (a < 0) a = i + __builtin_ctz(nonzero);                                     \
-                b = i + 31 - __builtin_clz(nonzero);                                           \
-            }                                                                                  \
-        }                                                                                      \
-        *first = a;                                                                            \
-        *last = b;                                                                             \
-        return NONZERO(finite, zero) == 0;                                                     \
+#define REM_FAST_VARIANT(SUFFIX, TARGET, VEC, W, SETZERO, SET1, LOAD, STORE, ADD, MUL, SUB, UNION) \
+    TARGET void axpy_##SUFFIX(float *out, float r, const float *x, int count) {                    \
+        const VEC rv = SET1(r);                                                                    \
+        for (int j = 0; j < count; j += W)                                                         \
+            STORE(out + j, ADD(LOAD(out + j), MUL(rv, LOAD(x + j))));                              \
+    }                                                                                              \
+                                                                                                   \
+    template <int NV>                                                                              \
+    TARGET inline void tile_##SUFFIX(float *out, float *t, float yj, const float *Rt, int ld,      \
+                                     const float *rt, int l0, int l1, int j0) {                    \
+        VEC acc[NV];                                                                               \
+        _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v) acc[v] = SETZERO();                   \
+        for (int l = l0; l < l1; ++l) {                                                            \
+            const float c = rt[l];                                                                 \
+            if (c == 0.0f) continue; /* a zero term leaves every sum as it is */                   \
+            const VEC r = SET1(c);                                                                 \
+            const float *x = Rt + static_cast<long>(l) * ld + j0;                                  \
+            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v) acc[v] =                          \
+                ADD(acc[v], MUL(r, LOAD(x + W * v)));                                              \
+        }                                                                                          \
+        if (out != nullptr) {                                                                      \
+            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v) STORE(out + j0 + W * v, acc[v]);  \
+        } else {                                                                                   \
+            const VEC y = SET1(yj);                                                                \
+            _Pragma("GCC unroll 8") for (int v = 0; v < NV; ++v)                                   \
+                STORE(t + j0 + W * v, ADD(LOAD(t + j0 + W * v), MUL(y, acc[v])));                  \
+        }                                                                                          \
+    }                                                                                              \
+                                                                                                   \
+    TARGET void rr_row_##SUFFIX(float *out, float *t, float yj, const float *Rt, int ld,           \
+                                const float *rt, int l0, int l1, const int *start,                 \
+                                const int *stop) {                                                 \
+        int a, b;                                                                                  \
+        UNION(start, stop, l0, l1, &a, &b);                                                        \
+        for (int j0 = a; j0 < b; j0 += W * kTile) {                                                \
+            const int left = (b - j0) / W;                                                         \
+            switch (left < kTile ? left : kTile) {                                                 \
+                case 1:                                                                            \
+                    tile_##SUFFIX<1>(out, t, yj, Rt, ld, rt, l0, l1, j0);                          \
+                    break;                                                                         \
+                case 2:                                                                            \
+                    tile_##SUFFIX<2>(out, t, yj, Rt, ld, rt, l0, l1, j0);                          \
+                    break;                                                                         \
+                case 3:                                                                            \
+                    tile_##SUFFIX<3>(out, t, yj, Rt, ld, rt, l0, l1, j0);                          \
+                    break;                                                                         \
+                case 4:                                                                            \
+                    tile_##SUFFIX<4>(out, t, yj, Rt, ld, rt, l0, l1, j0);                          \
+                    break;                                                                         \
+                case 5:                                                                            \
+                    tile_##SUFFIX<5>(out, t, yj, Rt, ld, rt, l0, l1, j0);                          \
+                    break;                                                                         \
+                case 6:                                                                            \
+                    tile_##SUFFIX<6>(out, t, yj, Rt, ld, rt, l0, l1, j0);                          \
+                    break;                                                                         \
+                case 7:                                                                            \
+                    tile_##SUFFIX<7>(out, t, yj, Rt, ld, rt, l0, l1, j0);                          \
+                    break;                                                                         \
+                default:                                                                           \
+                    tile_##SUFFIX<8>(out, t, yj, Rt, ld, rt, l0, l1, j0);                          \
+                    break;                                                                         \
+            }                                                                                      \
+        }                                                                                          \
+    }                                                                                              \
+                                                                                                   \
+    TARGET void weigh_##SUFFIX(float *out, const float *x, const float *w, int count) {            \
+        const VEC zero = SETZERO();                                                                \
+        for (int i = 0; i < count; i += W)                                                         \
+            STORE(out + i, ADD(zero, MUL(LOAD(x + i), LOAD(w + i))));                              \
+    }                                                                                              \
+                                                                                                   \
+    TARGET int residue_column_##SUFFIX(float *r, const float *coef, int k, const float *Xt,        \
+                                       int ld, const float *w, int count, int *first, int *last) { \
+        const VEC zero = SETZERO();                                                                \
+        VEC finite = zero; /* becomes not a number once any value is not finite */                 \
+        int a = -1, b = -1;                                                                        \
+        for (int i = 0; i < count; i += W) {                                                       \
+            VEC h = zero;                                                                          \
+            for (int m = 0; m < k; ++m)                                                            \
+                h = ADD(h, MUL(SET1(coef[m]), LOAD(Xt + static_cast<long>(m) * ld + i)));          \
+            const VEC v = SUB(zero, ADD(zero, MUL(LOAD(w + i), h)));                               \
+            STORE(r + i, v);                                                                       \
+            finite = ADD(finite, MUL(v, zero));                                                    \
+            const unsigned nonzero = NONZERO(v, zero);                                             \
+            if (nonzero != 0) {                                                                    \
+                if (a < 0) a = i + __builtin_ctz(nonzero);                                         \
+                b = i + 31 - __builtin_clz(nonzero);                                               \
+            }                                                                                      \
+        }                                                                                          \
+        *first = a;                                                                                \
+        *last = b;                                                                                 \
+        return NONZERO(finite, zero) == 0;                                                         \
     }
 
 #define NO_TARGET
@@ -177,7 +184,8 @@ __attribute__((target("avx512f"))) inline void union_span_avx512(const int *star
 REM_FAST_VARIANT(sse2, NO_TARGET, __m128, 4, _mm_setzero_ps, _mm_set1_ps, _mm_load_ps, _mm_store_ps,
                  _mm_add_ps, _mm_mul_ps, _mm_sub_ps, union_span_scalar)
 #undef NONZERO
-#define NONZERO(v, zero) static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(v, zero, _CMP_NEQ_UQ)))
+#define NONZERO(v, zero) \
+    static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(v, zero, _CMP_NEQ_UQ)))
 REM_FAST_VARIANT(avx2, TARGET_AVX2, __m256, 8, _mm256_setzero_ps, _mm256_set1_ps, _mm256_load_ps,
                  _mm256_store_ps, _mm256_add_ps, _mm256_mul_ps, _mm256_sub_ps, union_span_avx2)
 #undef NONZERO
@@ -194,11 +202,14 @@ const rem_fast_kernels kernels_avx2 = {"avx2", axpy_avx2, rr_row_avx2, weigh_avx
 const rem_fast_kernels kernels_avx512 = {"avx512", axpy_avx512, rr_row_avx512, weigh_avx512,
                                          residue_column_avx512};
 
-bool has_avx2() { return __builtin_cpu_supports("avx2"); }
-bool has_avx512() { return __builtin_cpu_supports("avx512f"); }
+bool has_avx2() {
+    return __builtin_cpu_supports("avx2");
+}
+bool has_avx512() {
+    return __builtin_cpu_supports("avx512f");
+}
 
-const rem_fast_kernels *best_kernels()
-{
+const rem_fast_kernels *best_kernels() {
     __builtin_cpu_init();
     if (has_avx512()) return &kernels_avx512;
     if (has_avx2()) return &kernels_avx2;
@@ -209,12 +220,15 @@ const rem_fast_kernels *current = best_kernels();
 
 }  // namespace
 
-const rem_fast_kernels *rem_fast_current_kernels(void) { return current; }
+const rem_fast_kernels *rem_fast_current_kernels(void) {
+    return current;
+}
 
-const char *rem_fast_instruction_set(void) { return current->name; }
+const char *rem_fast_instruction_set(void) {
+    return current->name;
+}
 
-int rem_fast_select_instruction_set(const char *name)
-{
+int rem_fast_select_instruction_set(const char *name) {
     __builtin_cpu_init();
     if (std::strcmp(name, "sse2") == 0) {
         current = &kernels_sse2;

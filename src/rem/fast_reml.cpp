@@ -51,36 +51,36 @@
 #include "weighting.h"
 
 struct rem_workspace {
-    int n;    // files
-    int k;    // basis functions
-    int ld;   // padded row length of the n-column matrices
+    int n;                  // files
+    int k;                  // basis functions
+    int ld;                 // padded row length of the n-column matrices
     float **design_source;  // the REM.design that X was copied from
     int design_finite;
     int general_only;    // every voxel to the plain operations
     long general_count;  // calls handed to the plain operations
 
-    float *X;      // n x k design, rows first
-    float *Xt;     // k x ld the design transposed
-    float *beta;   // k
-    float *NI;     // k x k normal_inverse
-    float *N;      // k x k normal_matrix
-    float *T;      // k x k scratch of the pseudo-inverse
+    float *X;     // n x k design, rows first
+    float *Xt;    // k x ld the design transposed
+    float *beta;  // k
+    float *NI;    // k x k normal_inverse
+    float *N;     // k x k normal_matrix
+    float *T;     // k x k scratch of the pseudo-inverse
     // Row pointers into N, T and NI, for Matrix_Product.
     float **N_rows, **T_rows, **NI_rows;
-    float *DtW;    // k x ld X'.W
-    float *E;      // k x ld estimator
-    float *fv2;    // ld: diagonal of S^2
-    float *w;      // ld: diagonal of W
-    float *t;      // ld: a matrix times y
-    float *row;    // ld: one row of R.R
-    float *coef;   // k: one column of the estimator
-    float *Rt;     // n x ld the residue-forming matrix R, transposed
-    int *first;    // n: first non-zero column of each row of Rt
-    int *last;     // n: last one
-    int *start;    // n: first rounded down to a whole vector (or empty)
-    int *stop;     // n: last + 1 rounded up
+    float *DtW;   // k x ld X'.W
+    float *E;     // k x ld estimator
+    float *fv2;   // ld: diagonal of S^2
+    float *w;     // ld: diagonal of W
+    float *t;     // ld: a matrix times y
+    float *row;   // ld: one row of R.R
+    float *coef;  // k: one column of the estimator
+    float *Rt;    // n x ld the residue-forming matrix R, transposed
+    int *first;   // n: first non-zero column of each row of Rt
+    int *last;    // n: last one
+    int *start;   // n: first rounded down to a whole vector (or empty)
+    int *stop;    // n: last + 1 rounded up
 
-    int dcap;      // order that D, pivot, dwork and the row pointers can hold
+    int dcap;  // order that D, pivot, dwork and the row pointers can hold
     double *D;
     int *pivot;
     double *dwork;
@@ -98,8 +98,7 @@ namespace {
 // ---------------------------------------------------------------------------
 // Storage
 
-float *aligned_floats(size_t count)
-{
+float *aligned_floats(size_t count) {
     void *p = nullptr;
     if (count == 0) count = 1;
     if (posix_memalign(&p, 64, count * sizeof(float)) != 0 || p == nullptr)
@@ -109,21 +108,19 @@ float *aligned_floats(size_t count)
 }
 
 template <typename T>
-T *plain_array(size_t count)
-{
+T *plain_array(size_t count) {
     if (count == 0) count = 1;
     void *p = std::calloc(count, sizeof(T));
     if (p == nullptr) alloc_error("rem_workspace: not enough memory for the voxel workspace");
     return static_cast<T *>(p);
 }
 
-void release(rem_workspace *ws)
-{
-    void *blocks[] = {ws->X,      ws->Xt,     ws->beta,    ws->NI,       ws->N,     ws->T,
-                      ws->DtW,    ws->E,      ws->fv2,     ws->w,        ws->t,     ws->row,
-                      ws->coef,   ws->Rt,     ws->start,   ws->stop,     ws->first, ws->last,
-                      ws->D,      ws->pivot,  ws->dwork,   ws->D_rows,   ws->A_rows, ws->contrast, ws->M,
-                      ws->N_rows, ws->T_rows, ws->NI_rows};
+void release(rem_workspace *ws) {
+    void *blocks[] = {ws->X,    ws->Xt,     ws->beta,   ws->NI,     ws->N,      ws->T,
+                      ws->DtW,  ws->E,      ws->fv2,    ws->w,      ws->t,      ws->row,
+                      ws->coef, ws->Rt,     ws->start,  ws->stop,   ws->first,  ws->last,
+                      ws->D,    ws->pivot,  ws->dwork,  ws->D_rows, ws->A_rows, ws->contrast,
+                      ws->M,    ws->N_rows, ws->T_rows, ws->NI_rows};
     for (void *b : blocks) std::free(b);
     const int general_only = ws->general_only;
     const long general_count = ws->general_count;
@@ -133,13 +130,13 @@ void release(rem_workspace *ws)
 }
 
 // Sizes the workspace for the design now in REM and copies the design.
-void attach_design(rem_workspace *ws)
-{
+void attach_design(rem_workspace *ws) {
     release(ws);
     const int n = REM.nfiles > 0 ? REM.nfiles : 0;
     const int k = REM.nbasis > 0 ? REM.nbasis : 0;
-    const size_t ld = static_cast<size_t>((n + REM_FAST_BLOCK - 1) / REM_FAST_BLOCK) * REM_FAST_BLOCK +
-                      (n == 0 ? REM_FAST_BLOCK : 0);
+    const size_t ld =
+        static_cast<size_t>((n + REM_FAST_BLOCK - 1) / REM_FAST_BLOCK) * REM_FAST_BLOCK +
+        (n == 0 ? REM_FAST_BLOCK : 0);
     const size_t nn = static_cast<size_t>(n), kk = static_cast<size_t>(k);
     ws->n = n;
     ws->k = k;
@@ -183,8 +180,7 @@ void attach_design(rem_workspace *ws)
     ws->stop = plain_array<int>(nn);
 }
 
-void ensure_double_scratch(rem_workspace *ws, int order)
-{
+void ensure_double_scratch(rem_workspace *ws, int order) {
     if (order <= ws->dcap) return;
     std::free(ws->D);
     std::free(ws->pivot);
@@ -202,8 +198,7 @@ void ensure_double_scratch(rem_workspace *ws, int order)
 
 // The checks that open REM_REML_iterate and REM_fit_final, and the
 // workspace's own: it follows the design that REM holds now.
-int check_model(rem_workspace *ws, int n)
-{
+int check_model(rem_workspace *ws, int n) {
     if (rem_check_model(n) != 0) return 1;
     if (ws->design_source != REM.design || ws->n != REM.nfiles || ws->k != REM.nbasis)
         attach_design(ws);
@@ -214,8 +209,7 @@ int check_model(rem_workspace *ws, int n)
 // In-place inversion of a contiguous float matrix (element [i][j] at
 // i*lda + j) through float64, as rInvertSquareMatrix does it, on the
 // workspace's scratch: no allocation per voxel.  The result is not used.
-void invert_float(rem_workspace *ws, int n, float *A, int lda)
-{
+void invert_float(rem_workspace *ws, int n, float *A, int lda) {
     ensure_double_scratch(ws, n);
     for (int i = 0; i < n; ++i) {
         ws->D_rows[i] = ws->D + static_cast<size_t>(i) * static_cast<size_t>(n);
@@ -228,8 +222,7 @@ void invert_float(rem_workspace *ws, int n, float *A, int lda)
 
 // normal_inverse = (N'.N)^-1.N' for the k x k normal matrix, as
 // Matrix_PseudoInverse forms it.
-void normal_pseudo_inverse(rem_workspace *ws)
-{
+void normal_pseudo_inverse(rem_workspace *ws) {
     const int k = ws->k;
     Matrix_Product(ws->T_rows, k, k, ws->N_rows, 1, k, ws->N_rows, 0);
     invert_float(ws, k, ws->T, k);
@@ -237,8 +230,7 @@ void normal_pseudo_inverse(rem_workspace *ws)
 }
 
 // y'.t, summed in float in index order.
-float dot(int n, const float *y, const float *t)
-{
+float dot(int n, const float *y, const float *t) {
     float s = 0.0f;
     for (int i = 0; i < n; ++i) s += y[i] * t[i];
     return s;
@@ -250,8 +242,7 @@ float dot(int n, const float *y, const float *t)
 // Whether the fast route may start on a voxel: a finite design, at least one
 // file and one basis function, finite error values with finite squares,
 // which are stored as the diagonal of S^2.
-bool fast_route_applies(rem_workspace *ws, const float *error)
-{
+bool fast_route_applies(rem_workspace *ws, const float *error) {
     const int n = ws->n;
     if (ws->general_only || !ws->design_finite || n < 1 || ws->k < 1) return false;
     for (int i = 0; i < n; ++i) {
@@ -265,8 +256,7 @@ bool fast_route_applies(rem_workspace *ws, const float *error)
 
 // Weights W = diag(w) from the diagonal of S^2 + sigma2.I; false when the
 // shortcut does not apply (the inverse would not be a finite diagonal).
-bool diagonal_weights(rem_workspace *ws, float sigma2)
-{
+bool diagonal_weights(rem_workspace *ws, float sigma2) {
     if (!std::isfinite(sigma2)) return false;  // sigma2 * 0 off the diagonal
     for (int i = 0; i < ws->n; ++i) {
         const float d = ws->fv2[i] + sigma2 * 1.0f;
@@ -285,8 +275,7 @@ bool diagonal_weights(rem_workspace *ws, float sigma2)
 // formed for all i at once and not kept; the off-diagonal R[i][j] is then
 // 0 - (0.0f + w[i].hat[i][j]) and the diagonal w[j] - (0.0f + w[j].hat[j][j]).
 // False when R is not finite.
-bool fast_residue(rem_workspace *ws, bool full)
-{
+bool fast_residue(rem_workspace *ws, bool full) {
     const int n = ws->n, k = ws->k, ld = ws->ld;
     const rem_fast_kernels *kern = rem_fast_current_kernels();
     const float *w = ws->w;
@@ -352,8 +341,7 @@ bool fast_residue(rem_workspace *ws, bool full)
 // t = M.y for the n x n matrix M given transposed (Mt[j][i] = M[i][j]): every
 // t[i] is the float sum over j in order of M[i][j].y[j], so the rows of Mt
 // are added, scaled by y[j], one after the other, all i at once.
-void transposed_times(rem_workspace *ws, const float *Mt, const float *y, float *t)
-{
+void transposed_times(rem_workspace *ws, const float *Mt, const float *y, float *t) {
     const rem_fast_kernels *kern = rem_fast_current_kernels();
     std::memset(t, 0, sizeof(float) * static_cast<size_t>(ws->ld));
     for (int j = 0; j < ws->n; ++j) kern->axpy(t, y[j], Mt + static_cast<long>(j) * ws->ld, ws->ld);
@@ -365,8 +353,7 @@ void transposed_times(rem_workspace *ws, const float *Mt, const float *y, float 
 // leaving out those with Rt[j][l] = 0 and the columns where row l is 0.
 // Each finished row j is added into t scaled by y[j], as above; where y[j]
 // is finite, the zeros of the row need not be added.
-void residue_squared_times(rem_workspace *ws, const float *y, bool y_finite, float *t)
-{
+void residue_squared_times(rem_workspace *ws, const float *y, bool y_finite, float *t) {
     const int n = ws->n, ld = ws->ld;
     const rem_fast_kernels *kern = rem_fast_current_kernels();
     float *rr = ws->row;
@@ -388,8 +375,7 @@ void residue_squared_times(rem_workspace *ws, const float *y, bool y_finite, flo
 // The REML estimate by the fast route; false when a shortcut's conditions
 // fail on the way (the caller then hands the whole voxel to
 // REM_REML_iterate).  The error values are positive here.
-bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float *result)
-{
+bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float *result) {
     const int n = ws->n, k = ws->k;
     if (!fast_route_applies(ws, error)) return false;
 
@@ -425,8 +411,7 @@ bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float
 
 // The weighting of the final fit by the fast route; false when a shortcut's
 // conditions do not hold.
-bool fast_fit_weights(rem_workspace *ws, float sigma2_re, const float *error)
-{
+bool fast_fit_weights(rem_workspace *ws, float sigma2_re, const float *error) {
     return fast_route_applies(ws, error) && diagonal_weights(ws, sigma2_re);
 }
 
@@ -439,34 +424,36 @@ std::mutex plain_lock;
 // ---------------------------------------------------------------------------
 // Public operations
 
-rem_workspace *rem_workspace_create(void)
-{
+rem_workspace *rem_workspace_create(void) {
     rem_workspace *ws = plain_array<rem_workspace>(1);
     if (REM.initialized) attach_design(ws);
     return ws;
 }
 
-void rem_workspace_free(rem_workspace *ws)
-{
+void rem_workspace_free(rem_workspace *ws) {
     if (ws == nullptr) return;
     release(ws);
     std::free(ws);
 }
 
-const float *rem_workspace_beta(const rem_workspace *ws) { return ws->beta; }
+const float *rem_workspace_beta(const rem_workspace *ws) {
+    return ws->beta;
+}
 
-const float *rem_workspace_normal_inverse(const rem_workspace *ws) { return ws->NI; }
+const float *rem_workspace_normal_inverse(const rem_workspace *ws) {
+    return ws->NI;
+}
 
-void rem_workspace_set_general_only(rem_workspace *ws, int general_only)
-{
+void rem_workspace_set_general_only(rem_workspace *ws, int general_only) {
     ws->general_only = general_only;
 }
 
-long rem_workspace_general_count(const rem_workspace *ws) { return ws->general_count; }
+long rem_workspace_general_count(const rem_workspace *ws) {
+    return ws->general_count;
+}
 
-int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *error,
-                  const int *dof, float *sigma2_fe, float *sigma2_re)
-{
+int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *error, const int *dof,
+                  float *sigma2_fe, float *sigma2_re) {
     if (check_model(ws, n)) return 1;
     if (rem_fixed_effects_variance(n, error, dof, sigma2_fe, sigma2_re) != 0) return -1;
 
@@ -483,8 +470,7 @@ int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *er
 }
 
 int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *effect,
-                       const float *error, float *fitted, float *event_sum)
-{
+                       const float *error, float *fitted, float *event_sum) {
     if (check_model(ws, n)) return 1;
     const int k = ws->k;
 
@@ -520,8 +506,7 @@ int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *e
 
 int rem_fast_calculate_F(rem_workspace *ws, int n, int resels, int condition, int dof,
                          float *t_value, float *p_raw, float *p_corrected, float *effect_size,
-                         float *effect_error)
-{
+                         float *effect_error) {
     if (rem_check_condition(n, condition) != 0) return 1;
     if (ws->design_source != REM.design || ws->n != REM.nfiles || ws->k != REM.nbasis)
         attach_design(ws);

@@ -17,8 +17,7 @@ static const float euler_characteristic_constant = 0.1169f;
 
 // From F: t, the effect's error and the two p values (see weighting.h).
 void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, float *t_value,
-                float *p_raw, float *p_corrected, float *effect_error)
-{
+                float *p_raw, float *p_corrected, float *effect_error) {
     float t = static_cast<float>(std::sqrt(static_cast<double>(F)));
     *effect_error = *effect_size / t;
 
@@ -41,9 +40,8 @@ void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, f
     } else {
         // Upper tail of the F distribution with m and nu degrees of freedom.
         const float x = nu / (m * F + nu);
-        const float p0 = static_cast<float>(
-            ibeta(0.5 * static_cast<double>(nu), 0.5 * static_cast<double>(m),
-                  static_cast<double>(x)));
+        const float p0 = static_cast<float>(ibeta(
+            0.5 * static_cast<double>(nu), 0.5 * static_cast<double>(m), static_cast<double>(x)));
         if (m == 1) {
             raw = p0;
         } else {
@@ -67,8 +65,7 @@ void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, f
 }
 
 int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,
-                  float *event_sum)
-{
+                  float *event_sum) {
     if (rem_check_model(n) != 0) return 1;
     const int k = REM.nbasis;
 
@@ -95,8 +92,7 @@ int REM_fit_final(float sigma2_re, int n, const float *effect, const float *erro
     return 0;
 }
 
-int rem_check_condition(int n, int condition)
-{
+int rem_check_condition(int n, int condition) {
     if (condition < 0 || condition >= REM.nconditions) {
         printf("Error: the specified condition (%d) is out of range (0-%d)\n", condition,
                REM.nconditions);
@@ -110,8 +106,7 @@ int rem_check_condition(int n, int condition)
 }
 
 int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, float *p_raw,
-                    float *p_corrected, float *effect_size, float *effect_error)
-{
+                    float *p_corrected, float *effect_size, float *effect_error) {
     if (rem_check_condition(n, condition) != 0) return 1;
 
     const int k = REM.nbasis;
@@ -139,7 +134,6 @@ int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, f
     return 0;
 }
 
-int REM_get_DOF(void)
-{
+int REM_get_DOF(void) {
     return REM.nfiles - REM.nbasis;
 }

@@ -42,21 +42,21 @@ typedef struct {
     int range_start[REM_MAX_EVENTS][REM_MAX_RANGES];
     int range_stop[REM_MAX_EVENTS][REM_MAX_RANGES];
     int event_spare[REM_MAX_EVENTS];
-    float *beta;                      /* k */
-    float **design;                   /* n x k */
-    float **v_inverse;                /* n x n */
-    float **v_inverse_design;         /* n x k */
-    float **normal_matrix;            /* k x k */
-    float **normal_inverse;           /* k x k */
-    float **design_t_v_inverse;       /* k x n */
-    float **estimator;                /* k x n */
-    float **hat;                      /* n x n */
-    float **identity;                 /* n x n */
-    float **residue_forming;          /* n x n */
-    float **residue_forming_squared;  /* n x n */
-    float **fixed_variance;           /* n x n */
-    float **fixed_variance_squared;   /* n x n */
-    float **work;                     /* n x n */
+    float *beta;                     /* k */
+    float **design;                  /* n x k */
+    float **v_inverse;               /* n x n */
+    float **v_inverse_design;        /* n x k */
+    float **normal_matrix;           /* k x k */
+    float **normal_inverse;          /* k x k */
+    float **design_t_v_inverse;      /* k x n */
+    float **estimator;               /* k x n */
+    float **hat;                     /* n x n */
+    float **identity;                /* n x n */
+    float **residue_forming;         /* n x n */
+    float **residue_forming_squared; /* n x n */
+    float **fixed_variance;          /* n x n */
+    float **fixed_variance_squared;  /* n x n */
+    float **work;                    /* n x n */
     int nconditions;
     int condition_nrows[REM_MAX_CONDITIONS];
     int **condition_contrast[REM_MAX_CONDITIONS];
@@ -120,8 +120,8 @@ rem_workspace *rem_workspace_create(void);
 void rem_workspace_free(rem_workspace *ws);
 
 // Same arguments, results and messages as REM_REML_iterate.
-int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *error,
-                  const int *dof, float *sigma2_fe, float *sigma2_re);
+int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *error, const int *dof,
+                  float *sigma2_fe, float *sigma2_re);
 // Same as REM_fit_final; beta and normal_inverse are kept in the workspace.
 int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *effect,
                        const float *error, float *fitted, float *event_sum);

@@ -17,21 +17,20 @@
 // With W = v_inverse: R = W - W.X.(X'.W.X)^-1.X'.W and its square, together
 // with the intermediate products that the final fit reads (estimator,
 // normal_inverse).
-void REMInternal_compute_residue_matrix(void)
-{
+void REMInternal_compute_residue_matrix(void) {
     const int n = REM.nfiles;
     const int k = REM.nbasis;
     float **W = REM.v_inverse;
     float **X = REM.design;
 
-    Matrix_Product(REM.design_t_v_inverse, k, n, X, 1, n, W, 0);            // X'.W
-    Matrix_Product(REM.v_inverse_design, n, k, W, 0, n, X, 0);              // W.X
+    Matrix_Product(REM.design_t_v_inverse, k, n, X, 1, n, W, 0);                // X'.W
+    Matrix_Product(REM.v_inverse_design, n, k, W, 0, n, X, 0);                  // W.X
     Matrix_Product(REM.normal_matrix, k, k, X, 1, n, REM.v_inverse_design, 0);  // X'.W.X
     // (N'.N)^-1.N' rather than N^-1: kept as is, it decides the rounding.
     Matrix_PseudoInverse(REM.normal_matrix, k, k, REM.normal_inverse);
     Matrix_Product(REM.estimator, k, n, REM.normal_inverse, 0, k, REM.design_t_v_inverse, 0);
     Matrix_Product(REM.hat, n, n, X, 0, k, REM.estimator, 0);
-    Matrix_Product(REM.residue_forming, n, n, W, 0, n, REM.hat, 0);       // W.hat
+    Matrix_Product(REM.residue_forming, n, n, W, 0, n, REM.hat, 0);  // W.hat
     for (int i = 0; i < n; ++i) {
         for (int j = 0; j < n; ++j) {
             REM.residue_forming[i][j] = W[i][j] - REM.residue_forming[i][j];
@@ -42,8 +41,7 @@ void REMInternal_compute_residue_matrix(void)
 }
 
 // t = A.y, each element summed in float over j in order.
-static void matrix_times_vector(int n, float **A, const float *y, float *t)
-{
+static void matrix_times_vector(int n, float **A, const float *y, float *t) {
     for (int i = 0; i < n; ++i) {
         float s = 0.0f;
         for (int j = 0; j < n; ++j) {
@@ -54,8 +52,7 @@ static void matrix_times_vector(int n, float **A, const float *y, float *t)
 }
 
 // y'.t, summed in float in index order.
-static float dot(int n, const float *y, const float *t)
-{
+static float dot(int n, const float *y, const float *t) {
     float s = 0.0f;
     for (int i = 0; i < n; ++i) {
         s += y[i] * t[i];
@@ -64,16 +61,16 @@ static float dot(int n, const float *y, const float *t)
 }
 
 // The check both the estimate and the final fit start with.
-int rem_check_model(int n)
-{
+int rem_check_model(int n) {
     if (!REM.initialized) {
         printf("Error in REM_fit_data: first initialize the REM\n");
         return 1;
     }
     if (n != REM.nfiles) {
-        printf("Error: the number of data time points (%d) does not match the number in the REM "
-               "(%d).\n",
-               n, REM.nfiles);
+        printf(
+            "Error: the number of data time points (%d) does not match the number in the REM "
+            "(%d).\n",
+            n, REM.nfiles);
         exit(1);
     }
     return 0;
@@ -81,8 +78,7 @@ int rem_check_model(int n)
 
 // fixed_variance = diag(s), fixed_variance_squared = its square by a full
 // product.  Shared with the final fit.
-void rem_set_fixed_variance(int n, const float *error)
-{
+void rem_set_fixed_variance(int n, const float *error) {
     for (int i = 0; i < n; ++i) {
         for (int j = 0; j < n; ++j) {
             REM.fixed_variance[i][j] = (i == j) ? error[i] : 0.0f;
@@ -93,8 +89,7 @@ void rem_set_fixed_variance(int n, const float *error)
 }
 
 // v_inverse = (S^2 + sigma2.I)^-1, element by element before the inversion.
-void rem_set_weighting(int n, float sigma2)
-{
+void rem_set_weighting(int n, float sigma2) {
     for (int i = 0; i < n; ++i) {
         for (int j = 0; j < n; ++j) {
             REM.v_inverse[i][j] = REM.fixed_variance_squared[i][j] + sigma2 * REM.identity[i][j];
@@ -105,8 +100,7 @@ void rem_set_weighting(int n, float sigma2)
 }
 
 int rem_fixed_effects_variance(int n, const float *error, const int *dof, float *sigma2_fe,
-                               float *sigma2_re)
-{
+                               float *sigma2_re) {
     // Every error value must be positive; NaN fails the test as well.
     int unusable = 0;
     for (int i = 0; i < n; ++i) {
@@ -131,8 +125,7 @@ int rem_fixed_effects_variance(int n, const float *error, const int *dof, float 
 }
 
 int REM_REML_iterate(int n, const float *effect, const float *error, const int *dof,
-                     float *sigma2_fe, float *sigma2_re)
-{
+                     float *sigma2_fe, float *sigma2_re) {
     if (rem_check_model(n) != 0) return 1;
 
     if (rem_fixed_effects_variance(n, error, dof, sigma2_fe, sigma2_re) != 0) return -1;

@@ -92,8 +92,7 @@ inline float rem_contrast_values(int m, int k, int *const *L, const float *beta,
 // normal_inverse(i, j) reads N and set(r, s, value) stores M in the
 // caller's storage.
 template <class NormalInverse, class Store>
-void rem_contrast_covariance(int m, int k, int *const *L, NormalInverse normal_inverse,
-                             Store set) {
+void rem_contrast_covariance(int m, int k, int *const *L, NormalInverse normal_inverse, Store set) {
     for (int r = 0; r < m; ++r) {
         for (int s = 0; s < m; ++s) {
             float sum = 0.0f;

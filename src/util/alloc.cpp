@@ -62,10 +62,18 @@ fcomplex *fcomplex_vector(uint32_t n) {
     return vector_of<fcomplex>(n, "Allocation error in fcomplex_vector().");
 }
 
-void free_float_vector(float *v) { free(v); }
-void free_double_vector(double *v) { free(v); }
-void free_int_vector(int *v) { free(v); }
-void free_fcomplex_vector(fcomplex *v) { free(v); }
+void free_float_vector(float *v) {
+    free(v);
+}
+void free_double_vector(double *v) {
+    free(v);
+}
+void free_int_vector(int *v) {
+    free(v);
+}
+void free_fcomplex_vector(fcomplex *v) {
+    free(v);
+}
 
 float **float_matrix(uint32_t r, uint32_t c) {
     return matrix_of<float>(r, c, "Allocation failure 1 in float_matrix().",
@@ -83,8 +91,14 @@ int **int_matrix(uint32_t r, uint32_t c) {
                           "Allocation failure 2 in integer_matrix().");
 }
 
-void free_float_matrix(float **m, uint32_t r) { free_matrix_of(m, r); }
-void free_double_matrix(double **m, uint32_t r) { free_matrix_of(m, r); }
-void free_int_matrix(int **m, uint32_t r) { free_matrix_of(m, r); }
+void free_float_matrix(float **m, uint32_t r) {
+    free_matrix_of(m, r);
+}
+void free_double_matrix(double **m, uint32_t r) {
+    free_matrix_of(m, r);
+}
+void free_int_matrix(int **m, uint32_t r) {
+    free_matrix_of(m, r);
+}
 
 }  // extern "C"

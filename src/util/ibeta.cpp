@@ -17,13 +17,13 @@ double log_gamma(double x) {
     return lgamma_r(x, &sign);
 }
 
-const double MACHEP = 1.1102230246251565e-16;   // 2^-53
+const double MACHEP = 1.1102230246251565e-16;  // 2^-53
 const double MAXGAM = 171.6243769563027;
 const double MAXLOG = 709.782712893384;
 const double MINLOG = -745.1332191019412;
 const double thresh = 3.3306690738754696e-16;  // 3 * MACHEP
-const double big = 4503599627370496.0;          // 2^52
-const double biginv = 2.220446049250313e-16;    // 2^-52
+const double big = 4503599627370496.0;         // 2^52
+const double biginv = 2.220446049250313e-16;   // 2^-52
 const int max_iterations = 300;
 
 // The continued fraction of both expansions, evaluated two terms at a time
@@ -135,8 +135,8 @@ double ibeta(double a, double b, double x) {
         } else {
             // In logarithms, when the powers or the gamma functions would
             // overflow.
-            const double s = log_gamma(a + b) + u - log_gamma(a) - log_gamma(b) + y +
-                             std::log(w / a);
+            const double s =
+                log_gamma(a + b) + u - log_gamma(a) - log_gamma(b) + y + std::log(w / a);
             t = s < MINLOG ? 0.0 : std::exp(s);
         }
     }

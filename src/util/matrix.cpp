@@ -8,8 +8,8 @@
 
 extern "C" {
 
-void Matrix_Product(float **C, int rows, int cols, float **A, int transpose_a, int inner,
-                    float **B, int transpose_b) {
+void Matrix_Product(float **C, int rows, int cols, float **A, int transpose_a, int inner, float **B,
+                    int transpose_b) {
     for (int i = 0; i < rows; ++i) {
         for (int j = 0; j < cols; ++j) {
             float sum = 0.0f;

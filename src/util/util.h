@@ -42,8 +42,8 @@ void free_int_matrix(int **m, uint32_t r);
 // ---- matrix algebra (matrix.cpp) ----
 // C (rows x cols) = op(A) . op(B), each element summed in float32 over
 // k = 0 .. inner-1 in order.
-void Matrix_Product(float **C, int rows, int cols, float **A, int transpose_a, int inner,
-                    float **B, int transpose_b);
+void Matrix_Product(float **C, int rows, int cols, float **A, int transpose_a, int inner, float **B,
+                    int transpose_b);
 float Trace_of_Matrix(int n, float **A);
 // In-place inversion; 0 on success, 1 on failure with *failed_column set to
 // the column of an exactly zero pivot (else -1).

@@ -24,8 +24,7 @@ using test_support::write_floats;
 namespace {
 
 // Every file of a folder (hidden ones too), name to contents.
-std::map<std::string, std::string> folder_contents(const std::string &dir)
-{
+std::map<std::string, std::string> folder_contents(const std::string &dir) {
     std::map<std::string, std::string> files;
     for (const auto &entry : std::filesystem::directory_iterator(dir))
         files[entry.path().filename().string()] = read_file(entry.path().string());
@@ -46,8 +45,7 @@ const std::vector<Run> plain_and_fast = {{"FMRI_REM_PLAIN=1 OMP_NUM_THREADS=1", 
 // the shell command prepare, when given, has run there), and compares each
 // run with the first one.
 void compare_runs(const TempDir &dir, const std::vector<std::string> &args,
-                  const std::vector<Run> &runs = plain_and_fast, const std::string &prepare = "")
-{
+                  const std::vector<Run> &runs = plain_and_fast, const std::string &prepare = "") {
     std::map<std::string, std::string> reference;
     std::string reference_out;
     for (const Run &run : runs) {
@@ -75,18 +73,18 @@ void compare_runs(const TempDir &dir, const std::vector<std::string> &args,
     }
 }
 
-void simulate(const TempDir &dir, const std::string &options)
-{
-    const std::string simulate = shell_quote(std::string(FMRI_REM_BUILD_DIR) + "/fmri-rem-simulate");
-    ASSERT_EQ(run_command(simulate + " -o study --prefix ../study/ " + options, dir.path()).status, 0);
+void simulate(const TempDir &dir, const std::string &options) {
+    const std::string simulate =
+        shell_quote(std::string(FMRI_REM_BUILD_DIR) + "/fmri-rem-simulate");
+    ASSERT_EQ(run_command(simulate + " -o study --prefix ../study/ " + options, dir.path()).status,
+              0);
 }
 
 }  // namespace
 
 // More voxels than one chunk of the parallel passes, no ratio smoothing (so
 // the second pass fits the raw REML variances), residues requested.
-TEST(FastPath, SameFilesAndOutputAsThePlainPasses)
-{
+TEST(FastPath, SameFilesAndOutputAsThePlainPasses) {
     TempDir dir;
     simulate(dir, "--size 24 20 10 --subjects 6 --smoothing 4 0 --seed 3");
     compare_runs(dir, {"-r", "-i", "../study/analysis.rem"});
@@ -95,8 +93,7 @@ TEST(FastPath, SameFilesAndOutputAsThePlainPasses)
 // Values that send voxels down the kernel's general route: zero, negative,
 // infinite and not-a-number effects and errors, tiny and huge errors.  With
 // ratio smoothing, and a correction for multiple comparisons.
-TEST(FastPath, SpecialValuesAndSmoothing)
-{
+TEST(FastPath, SpecialValuesAndSmoothing) {
     TempDir dir;
     simulate(dir, "--size 20 12 8 --subjects 5 --smoothing 3 6 --seed 4 --no-mask");
     const float inf = std::numeric_limits<float>::infinity();
@@ -125,8 +122,7 @@ TEST(FastPath, SpecialValuesAndSmoothing)
 // time, and the more files there are, the fewer voxels a chunk has.  With
 // few file descriptors allowed, the data are held in memory instead, from
 // the start or once the limit is near.  All give the same files and output.
-TEST(FastPath, ManyFilesReadOnDemandOrHeldInMemory)
-{
+TEST(FastPath, ManyFilesReadOnDemandOrHeldInMemory) {
     TempDir dir;
     simulate(dir, "--size 24 16 10 --subjects 70 --smoothing 4 6 --seed 5");
     compare_runs(dir, {"../study/analysis.rem"},
@@ -140,15 +136,15 @@ TEST(FastPath, ManyFilesReadOnDemandOrHeldInMemory)
 // ("sigma2" and, through a link, "basis.dat"): their data must be those they
 // had when the run began, as in the plain passes, which hold every file in
 // memory.
-TEST(FastPath, SignalFilesOverwrittenByResults)
-{
+TEST(FastPath, SignalFilesOverwrittenByResults) {
     TempDir dir;
     std::filesystem::create_directory(dir.file("study"));
     e2e::small_study().write(dir.file("study"));
-    const char *setups[] = {"mv a3.bfloat sigma2.bfloat && mv a3.hdr sigma2.hdr && "
-                            "sed -i s/a3.bfloat/sigma2.bfloat/ study.rem",
-                            "mv b2.bfloat basis.dat && ln -s basis.dat b2.bfloat",
-                            "mv a1.bfloat x && ln -s x sigma2.bfloat && ln -s x a1.bfloat"};
+    const char *setups[] = {
+        "mv a3.bfloat sigma2.bfloat && mv a3.hdr sigma2.hdr && "
+        "sed -i s/a3.bfloat/sigma2.bfloat/ study.rem",
+        "mv b2.bfloat basis.dat && ln -s basis.dat b2.bfloat",
+        "mv a1.bfloat x && ln -s x sigma2.bfloat && ln -s x a1.bfloat"};
     for (const char *setup : setups) {
         SCOPED_TRACE(setup);
         TempDir runs;

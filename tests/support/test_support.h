@@ -11,7 +11,7 @@ namespace test_support {
 // A fresh directory under the system's temporary folder, removed with its
 // contents when the object goes out of scope.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir &) = delete;
@@ -19,26 +19,26 @@ public:
     const std::string &path() const { return path_; }
     std::string file(const std::string &name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
 // Changes the working directory for the life of the object.
 class ScopedChdir {
-public:
+  public:
     explicit ScopedChdir(const std::string &dir);
     ~ScopedChdir();
     ScopedChdir(const ScopedChdir &) = delete;
     ScopedChdir &operator=(const ScopedChdir &) = delete;
 
-private:
+  private:
     std::string old_;
 };
 
 struct CommandResult {
-    int status = -1;       // exit status, or -1 when the command did not exit normally
-    std::string out;       // standard output
-    std::string err;       // standard error
+    int status = -1;  // exit status, or -1 when the command did not exit normally
+    std::string out;  // standard output
+    std::string err;  // standard error
 };
 
 // Runs a shell command line in directory dir (the current one when empty),

@@ -95,10 +95,13 @@ class StreamedSignalData : public testing::Test {
         }
     }
 
-    std::string data_name(const char *stem) const { return dir_.file(std::string(stem) + ".bfloat"); }
+    std::string data_name(const char *stem) const {
+        return dir_.file(std::string(stem) + ".bfloat");
+    }
 
     // Runs f with standard output captured; returns the output.
-    template <class F> std::string quietly(F f) {
+    template <class F>
+    std::string quietly(F f) {
         testing::internal::CaptureStdout();
         f();
         return testing::internal::GetCapturedStdout();

@@ -15,7 +15,7 @@
 namespace io_test {
 
 class ScratchDirTest : public ::testing::Test {
-   protected:
+  protected:
     test_support::TempDir dir;
     test_support::ScopedChdir here{dir.path()};
 };

@@ -41,11 +41,17 @@ TEST(DesignMatrix, ColumnsScaledByMeanWeightOfLastRange) {
     } cases[] = {
         {"weights 2 2 4", {2, 2, 4}, {{0, {{0, 2}}}}, {{0.75f}, {0.75f}, {1.5f}}},
         {"negative weights keep their sign", {-2, -2}, {{0, {{0, 1}}}}, {{-1}, {-1}}},
-        {"file 2 in no event", {1, 1, 1, 1}, {{0, {{0, 1}}}, {0, {{3, 3}}}},
+        {"file 2 in no event",
+         {1, 1, 1, 1},
+         {{0, {{0, 1}}}, {0, {{3, 3}}}},
          {{1, 0}, {1, 0}, {0, 0}, {0, 1}}},
-        {"the last range sets the scale", {1, 1, 4, 4}, {{0, {{0, 1}, {2, 3}}}},
+        {"the last range sets the scale",
+         {1, 1, 4, 4},
+         {{0, {{0, 1}, {2, 3}}}},
          {{0.25f}, {0.25f}, {1}, {1}}},
-        {"overlapping ramp ranges: the last decides", {1, 1, 1, 1, 1}, {{1, {{0, 4}, {2, 3}}}},
+        {"overlapping ramp ranges: the last decides",
+         {1, 1, 1, 1, 1},
+         {{1, {{0, 4}, {2, 3}}}},
          {{-1}, {-0.5f}, {-1}, {1}, {1}}},
     };
     for (const auto &k : cases) {

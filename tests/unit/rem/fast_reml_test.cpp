@@ -22,8 +22,7 @@ namespace {
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-uint32_t bits(float v)
-{
+uint32_t bits(float v) {
     uint32_t u;
     std::memcpy(&u, &v, sizeof u);
     return u;
@@ -48,7 +47,7 @@ struct Design {
 // How the voxel values are drawn.
 enum class Data { Normal, Special, ExactFit };
 
-const float special_values[] = {0.0f,  -0.0f, -1.5f, kNaN,   kInf,   -kInf,
+const float special_values[] = {0.0f,  -0.0f,  -1.5f, kNaN,   kInf,  -kInf,
                                 1e20f, 1e-23f, 3e38f, 1e-40f, -2.0f, 1e-30f};
 
 struct Voxel {
@@ -56,8 +55,7 @@ struct Voxel {
     std::vector<int> dof;
 };
 
-Voxel draw_voxel(Random &rng, int n, Data data)
-{
+Voxel draw_voxel(Random &rng, int n, Data data) {
     Voxel v{std::vector<float>(n), std::vector<float>(n), std::vector<int>(n)};
     const double level = rng.uniform(-3.0, 3.0), spread = std::exp(rng.uniform(-3.0, 2.0));
     for (int i = 0; i < n; ++i) {
@@ -85,8 +83,7 @@ Voxel draw_voxel(Random &rng, int n, Data data)
 // left out and the fit starts from a fixed variance.  An `ordinary` voxel must
 // take the fast route for the estimate and the fits at the first two variances.
 void compare_voxel(rem_workspace *ws, Voxel v, bool reml, bool ordinary, Random &rng,
-                   const std::string &where)
-{
+                   const std::string &where) {
     const int n = static_cast<int>(v.y.size()), k = REM.nbasis;
     const long general = rem_workspace_general_count(ws);
     float fe_p = 7.0f, re_p = 0.7f, fe_f = 8.0f, re_f = 0.7f;
@@ -103,15 +100,18 @@ void compare_voxel(rem_workspace *ws, Voxel v, bool reml, bool ordinary, Random 
         if (rng.uniform() < 0.2) e = -e;
     // The REML value, rescaled, zero, negative, one that cancels a file's s^2
     // exactly, tiny and not finite.
-    const float variances[] = {re_p, re_p * static_cast<float>(rng.uniform(0.2, 3.0)), 0.0f,
-                               -0.5f * re_p, -(s0 * s0), 1e-41f - s0 * s0, kNaN, kInf};
+    const float variances[] = {re_p,       re_p * static_cast<float>(rng.uniform(0.2, 3.0)),
+                               0.0f,       -0.5f * re_p,
+                               -(s0 * s0), 1e-41f - s0 * s0,
+                               kNaN,       kInf};
     for (int vi = 0; vi < 8; ++vi) {
         const float sigma2 = variances[vi];
         const std::string at = where + " fit variance " + std::to_string(vi);
         std::vector<float> p(2 * n, 7.0f), f(2 * n, 8.0f);  // fitted, then event sums
         const int ap = REM_fit_final(sigma2, n, v.y.data(), v.s.data(), p.data(), p.data() + n);
-        ASSERT_EQ(ap, rem_fast_fit_final(ws, sigma2, n, v.y.data(), v.s.data(), f.data(),
-                                         f.data() + n)) << at;
+        ASSERT_EQ(ap,
+                  rem_fast_fit_final(ws, sigma2, n, v.y.data(), v.s.data(), f.data(), f.data() + n))
+            << at;
         for (int i = 0; i < 2 * n; ++i)
             EXPECT_BITS(p[i], f[i], at + (i < n ? " fitted " : " event_sum ") + std::to_string(i));
         for (int a = 0; a < k; ++a) {
@@ -124,8 +124,9 @@ void compare_voxel(rem_workspace *ws, Voxel v, bool reml, bool ordinary, Random 
             float q[5] = {7, 7, 7, 7, 7}, g[5] = {8, 8, 8, 8, 8};
             const int resels = 1 + c * 37, dof = 3 + c * 11;
             const int cp = REM_calculate_F(n, resels, c, dof, &q[0], &q[1], &q[2], &q[3], &q[4]);
-            ASSERT_EQ(cp, rem_fast_calculate_F(ws, n, resels, c, dof, &g[0], &g[1], &g[2], &g[3],
-                                               &g[4])) << at;
+            ASSERT_EQ(
+                cp, rem_fast_calculate_F(ws, n, resels, c, dof, &g[0], &g[1], &g[2], &g[3], &g[4]))
+                << at;
             const char *names[5] = {"t", "p_raw", "p_corrected", "effect_size", "effect_error"};
             for (int o = 0; o < 5; ++o)
                 EXPECT_BITS(q[o], g[o], at + " condition " + std::to_string(c) + " " + names[o]);
@@ -137,30 +138,49 @@ void compare_voxel(rem_workspace *ws, Voxel v, bool reml, bool ordinary, Random 
 }
 
 const std::vector<Design> designs = {
-    {"two groups", 24, {{0, {{0, 11}}}, {0, {{12, 23}}}}, {},
-     {{{1, 0}}, {{0, 1}}, {{1, -1}}, {{1, 0}, {0, 1}}}, true},
-    {"interleaved groups and a ramp", 30,
+    {"two groups",
+     24,
+     {{0, {{0, 11}}}, {0, {{12, 23}}}},
+     {},
+     {{{1, 0}}, {{0, 1}}, {{1, -1}}, {{1, 0}, {0, 1}}},
+     true},
+    {"interleaved groups and a ramp",
+     30,
      {{0, {{0, 4}, {10, 14}, {20, 24}}}, {0, {{5, 9}, {15, 19}, {25, 29}}}, {1, {{0, 29}}}},
-     {}, {{{1, -1, 0}}, {{0, 0, 1}}, {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}}, true},
-    {"weights and overlapping events", 17,
+     {},
+     {{{1, -1, 0}}, {{0, 0, 1}}, {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}},
+     true},
+    {"weights and overlapping events",
+     17,
      {{0, {{0, 16}}}, {1, {{3, 12}}}, {0, {{8, 16}}}},
-     {1.0f, 2.0f, 0.5f, 3.0f, 1.0f, 1.5f, 2.5f, 0.25f, 1.0f, 4.0f, 1.0f, 1.0f, 2.0f, -1.0f,
-      1.0f, 0.75f, 1.25f},
-     {{{1, 0, 0}}, {{0, 1, -1}}, {{1, 1, 1}, {0, 1, 0}}}, true},
+     {1.0f, 2.0f, 0.5f, 3.0f, 1.0f, 1.5f, 2.5f, 0.25f, 1.0f, 4.0f, 1.0f, 1.0f, 2.0f, -1.0f, 1.0f,
+      0.75f, 1.25f},
+     {{{1, 0, 0}}, {{0, 1, -1}}, {{1, 1, 1}, {0, 1, 0}}},
+     true},
     {"single global mean", 9, {{0, {{0, 8}}}}, {}, {{{1}}, {{-1}}}},
-    {"singular design", 12, {{0, {{0, 5}}}, {0, {{0, 5}}}, {0, {{6, 11}}}}, {},
-     {{{1, -1, 0}}, {{0, 0, 1}}}, false, true},
-    {"as many events as files", 3, {{0, {{0, 0}}}, {0, {{1, 1}}}, {0, {{2, 2}}}}, {},
+    {"singular design",
+     12,
+     {{0, {{0, 5}}}, {0, {{0, 5}}}, {0, {{6, 11}}}},
+     {},
+     {{{1, -1, 0}}, {{0, 0, 1}}},
+     false,
+     true},
+    {"as many events as files",
+     3,
+     {{0, {{0, 0}}}, {0, {{1, 1}}}, {0, {{2, 2}}}},
+     {},
      {{{1, 0, 0}}, {{1, -1, 0}, {0, 1, -1}}}},
     {"file in no event", 10, {{0, {{0, 3}}}, {0, {{6, 9}}}}, {}, {{{1, -1}}}},
     {"single-file ramp (not a number)", 8, {{0, {{0, 7}}}, {1, {{4, 4}}}}, {}, {{{1, 0}}}},
-    {"zero mean weight (infinite)", 6, {{0, {{0, 5}}}, {0, {{0, 1}}}},
-     {1.0f, -1.0f, 1.0f, 1.0f, 1.0f, 1.0f}, {{{1, 0}}}},
+    {"zero mean weight (infinite)",
+     6,
+     {{0, {{0, 5}}}, {0, {{0, 1}}}},
+     {1.0f, -1.0f, 1.0f, 1.0f, 1.0f, 1.0f},
+     {{{1, 0}}}},
     {"large groups", 70, {{0, {{0, 34}}}, {0, {{35, 69}}}}, {}, {{{1, -1}}}},
 };
 
-void run_design(const Design &d, int voxels, uint64_t seed, bool general_only)
-{
+void run_design(const Design &d, int voxels, uint64_t seed, bool general_only) {
     build_model(d.n, d.events, d.weights);
     REM.nconditions = 0;
     for (size_t c = 0; c < d.conditions.size(); ++c)
@@ -182,8 +202,7 @@ void run_design(const Design &d, int voxels, uint64_t seed, bool general_only)
 
 }  // namespace
 
-TEST(FastReml, MatchesThePlainOperationsBitForBit)
-{
+TEST(FastReml, MatchesThePlainOperationsBitForBit) {
     for (const char *isa : {"sse2", "avx2", "avx512"}) {
         if (rem_fast_select_instruction_set(isa) != 0) continue;  // the processor lacks it
         uint64_t seed = 11;
@@ -193,8 +212,7 @@ TEST(FastReml, MatchesThePlainOperationsBitForBit)
 
 // Every voxel handed to the plain operations (as where a shortcut does not
 // apply): the workspace must then hold their fit for its own F test.
-TEST(FastReml, GeneralRouteMatchesThePlainOperations)
-{
+TEST(FastReml, GeneralRouteMatchesThePlainOperations) {
     uint64_t seed = 101;
     for (const Design &d : designs) run_design(d, d.n > 40 ? 3 : 15, seed++, true);
 }

@@ -19,8 +19,7 @@ const float kNaN = std::numeric_limits<float>::quiet_NaN();
 const float kPMin = static_cast<float>(std::exp(-100.0));  // 3.78e-44, a denormal
 
 // Relative closeness; a NaN expectation asks for a NaN.
-void expect_close(float got, double want, double rel)
-{
+void expect_close(float got, double want, double rel) {
     if (std::isnan(want))
         EXPECT_TRUE(std::isnan(got));
     else
@@ -30,8 +29,7 @@ void expect_close(float got, double want, double rel)
 // Upper tail of the F distribution with m and nu degrees of freedom, nu even:
 // with x = nu/(nu + m F) and A = nu/2, the tail is I_x(A, m/2)
 // = 1 - (1-x)^(m/2) * sum_{j<A} (m/2)_j / j! * x^j.
-double f_tail(double F, int m, int nu)
-{
+double f_tail(double F, int m, int nu) {
     const double x = nu / (nu + m * F);
     const double b = 0.5 * m;
     double term = 1.0, sum = 1.0;
@@ -45,8 +43,7 @@ double f_tail(double F, int m, int nu)
 // The estimation in double precision: OLS start, EM steps, stop at a relative
 // change of at most 5 %.  NaN when a change comes within 1e-3 of 0.05, where
 // float rounding could decide the number of steps.
-double reml_reference(const Mat &X, const Vec &y, const Vec &s)
-{
+double reml_reference(const Mat &X, const Vec &y, const Vec &s) {
     const int n = static_cast<int>(X.size()), k = static_cast<int>(X[0].size());
     const Wls start = wls(X, Vec(n, 0.0), 1.0);  // W = I
     double sigma2 = dot(y, mat_vec(start.R, y)) / (n - k);
@@ -71,8 +68,7 @@ double reml_reference(const Mat &X, const Vec &y, const Vec &s)
 // entry there is 0.  A negative error value weighs like its magnitude, a NaN
 // goes into the fit, and only an exact zero (of either sign) gives the
 // all-zero fit, beta and normal_inverse included.
-TEST(FitFinal, ByHandAndTheZeroErrorShortcut)
-{
+TEST(FitFinal, ByHandAndTheZeroErrorShortcut) {
     build_model(3, {{0, {{0, 2}}}, {1, {{0, 2}}}});
     using V = std::vector<float>;
     const float y[3] = {1.0f, 2.0f, 4.0f};
@@ -97,8 +93,7 @@ TEST(FitFinal, ByHandAndTheZeroErrorShortcut)
 // Hand-set beta and normal_inverse (N = diagonal d, off-diagonal o): the
 // contrast values are exactly known, and so are F, the effect size and its
 // sign.  With N = [2 1; 1 2] and c = (1, 1), Q = c' N^-1 c = 2/3 and F = 1/3.
-TEST(CalculateF, ExactCases)
-{
+TEST(CalculateF, ExactCases) {
     struct Case {
         const char *what;
         float b0, b1, d, o;
@@ -150,8 +145,7 @@ TEST(CalculateF, ExactCases)
 // files) through the estimate and the fit at its value, against double
 // precision.  Tolerance: float32 rounding through the inversions and a few EM
 // steps (relative 1e-4, observed 1e-5).
-TEST(EstimateAndFit, RandomDesignsAgreeWithDoublePrecision)
-{
+TEST(EstimateAndFit, RandomDesignsAgreeWithDoublePrecision) {
     const std::pair<int, std::vector<Event>> designs[] = {
         {8, {{0, {{0, 7}}}}},
         {12, {{0, {{0, 5}}}, {0, {{6, 11}}}}},

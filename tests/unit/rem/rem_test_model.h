@@ -15,7 +15,7 @@
 namespace rem_test {
 
 struct Event {
-    int shape;                               // 0 square, 1 ramp
+    int shape;                                // 0 square, 1 ramp
     std::vector<std::pair<int, int>> ranges;  // inclusive file index ranges
 };
 
@@ -23,8 +23,7 @@ struct Event {
 // builds the design (which releases the matrices of an earlier one) and marks
 // the model initialised.
 inline void build_model(int nfiles, const std::vector<Event> &events,
-                        const std::vector<float> &weights = {})
-{
+                        const std::vector<float> &weights = {}) {
     for (int i = 0; i < REM_MAX_FILES; ++i) {
         REM_input.file_weight[i] = i < static_cast<int>(weights.size()) ? weights[i] : 1.0f;
     }
@@ -46,8 +45,7 @@ inline void build_model(int nfiles, const std::vector<Event> &events,
 }
 
 // Sets condition `index` to the given contrast rows (k columns each).
-inline void set_condition(int index, const std::vector<std::vector<int>> &rows)
-{
+inline void set_condition(int index, const std::vector<std::vector<int>> &rows) {
     const int m = static_cast<int>(rows.size());
     const int k = REM.nbasis;
     if (REM.condition_contrast[index] != nullptr)
@@ -63,7 +61,7 @@ inline void set_condition(int index, const std::vector<std::vector<int>> &rows)
 
 // Deterministic, platform-independent random numbers (64-bit LCG).
 class Random {
-public:
+  public:
     explicit Random(uint64_t seed) : state_(seed * 2862933555777941757ULL + 3037000493ULL) {}
     double uniform()  // in (0, 1)
     {
@@ -71,31 +69,30 @@ public:
         return (static_cast<double>(state_ >> 11) + 0.5) / 9007199254740992.0;
     }
     double uniform(double lo, double hi) { return lo + (hi - lo) * uniform(); }
-    double normal()
-    {
+    double normal() {
         const double u = uniform(), v = uniform();
         return std::sqrt(-2.0 * std::log(u)) * std::cos(6.283185307179586 * v);
     }
 
-private:
+  private:
     uint64_t state_;
 };
 
 using Vec = std::vector<double>;
 using Mat = std::vector<Vec>;
 
-inline Mat zeros(size_t r, size_t c) { return Mat(r, Vec(c, 0.0)); }
+inline Mat zeros(size_t r, size_t c) {
+    return Mat(r, Vec(c, 0.0));
+}
 
-inline Vec mat_vec(const Mat &A, const Vec &y)
-{
+inline Vec mat_vec(const Mat &A, const Vec &y) {
     Vec t(A.size(), 0.0);
     for (size_t i = 0; i < A.size(); ++i)
         for (size_t j = 0; j < y.size(); ++j) t[i] += A[i][j] * y[j];
     return t;
 }
 
-inline double dot(const Vec &a, const Vec &b)
-{
+inline double dot(const Vec &a, const Vec &b) {
     double s = 0.0;
     for (size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
     return s;
@@ -103,8 +100,7 @@ inline double dot(const Vec &a, const Vec &b)
 
 // Gauss-Jordan inversion of a small, well-conditioned symmetric positive
 // definite matrix (no pivoting needed).
-inline Mat inverse(Mat A)
-{
+inline Mat inverse(Mat A) {
     const size_t n = A.size();
     Mat I = zeros(n, n);
     for (size_t i = 0; i < n; ++i) I[i][i] = 1.0;
@@ -126,8 +122,7 @@ inline Mat inverse(Mat A)
 }
 
 // The design the model built, in double.
-inline Mat design()
-{
+inline Mat design() {
     Mat X = zeros(REM.nfiles, REM.nbasis);
     for (int i = 0; i < REM.nfiles; ++i)
         for (int j = 0; j < REM.nbasis; ++j) X[i][j] = REM.design[i][j];
@@ -141,8 +136,7 @@ struct Wls {
     Mat R;               // W - W X (X'WX)^-1 X'W
 };
 
-inline Wls wls(const Mat &X, const Vec &s, double sigma2)
-{
+inline Wls wls(const Mat &X, const Vec &s, double sigma2) {
     const size_t n = X.size(), k = X[0].size();
     Vec w(n);
     for (size_t i = 0; i < n; ++i) w[i] = 1.0 / (s[i] * s[i] + sigma2);
@@ -163,7 +157,9 @@ inline Wls wls(const Mat &X, const Vec &s, double sigma2)
     return out;
 }
 
-inline Vec to_double(const std::vector<float> &v) { return Vec(v.begin(), v.end()); }
+inline Vec to_double(const std::vector<float> &v) {
+    return Vec(v.begin(), v.end());
+}
 
 }  // namespace rem_test
 

@@ -18,8 +18,7 @@ using namespace rem_test;
 // no result.  The test refuses a bad condition (checked first), then a count
 // other than the fit's; the estimate and the fit end the process on a count
 // other than the model's files.  A workspace follows the design built after it.
-TEST(ModelCheckDeathTest, PlainAndFastRefuseTheSameWay)
-{
+TEST(ModelCheckDeathTest, PlainAndFastRefuseTheSameWay) {
     float fe = 7, re = 7, out[6] = {7, 7, 7, 7, 7, 7};
     const float y[4] = {1, 2, 4, 3}, s[4] = {1, 1, 2, 1};
     const int d[4] = {5, 5, 5, 5};
@@ -50,8 +49,9 @@ TEST(ModelCheckDeathTest, PlainAndFastRefuseTheSameWay)
         float r[5] = {7, 7, 7, 7, 7};
         testing::internal::CaptureStdout();
         EXPECT_EQ(REM_calculate_F(c.n, 10, c.condition, 10, &r[0], &r[1], &r[2], &r[3], &r[4]), 1);
-        EXPECT_EQ(rem_fast_calculate_F(ws, c.n, 10, c.condition, 10, &r[0], &r[1], &r[2], &r[3],
-                                       &r[4]), 1);
+        EXPECT_EQ(
+            rem_fast_calculate_F(ws, c.n, 10, c.condition, 10, &r[0], &r[1], &r[2], &r[3], &r[4]),
+            1);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(c.message) + c.message);
         EXPECT_EQ(r[0], 7.0f);
     }
@@ -76,8 +76,7 @@ TEST(ModelCheckDeathTest, PlainAndFastRefuseTheSameWay)
 // of exactly 0 (q = 0): the start is 0, the change 0/0 and no step runs, so the
 // weighting stays the unit start.  With as many events as files the start is
 // 0/0 (R0 = 0, n - k = 0): again no step runs and the estimate is 0.
-TEST(RemlIterate, ExactCases)
-{
+TEST(RemlIterate, ExactCases) {
     const float kNaN = std::numeric_limits<float>::quiet_NaN();
     struct Case {
         int n;

@@ -28,7 +28,8 @@ TEST(AllocDeathTest, ExhaustedMemoryEndsTheProcess) {
     EXPECT_EXIT(capped([&] { float_vector(huge); }), testing::ExitedWithCode(1),
                 "Allocation error in float_vector\\(\\)");
     // The second row of 2 GiB no longer fits under the cap after the first.
-    EXPECT_EXIT(capped([&] { int_matrix(2, 0x20000000u); }), testing::ExitedWithCode(1),
-                "^Fatal Error:\nAllocation failure 2 in integer_matrix\\(\\)\\.\nProgram aborted\\.\n$");
+    EXPECT_EXIT(
+        capped([&] { int_matrix(2, 0x20000000u); }), testing::ExitedWithCode(1),
+        "^Fatal Error:\nAllocation failure 2 in integer_matrix\\(\\)\\.\nProgram aborted\\.\n$");
 #endif
 }

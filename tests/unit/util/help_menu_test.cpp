@@ -66,11 +66,14 @@ TEST(HelpMenu, DialogueSteps) {
     const std::map<char, std::string> screen = {
         {'H', "Help from file " + home.path("main.txt") + "\n"},
         {'L', "Help from file " + home.path("linked.txt") + "\nLINKED MAIN\n" + main_prompt},
-        {'M', "MAIN\n" + main_prompt},  {'S', "SUB1\n" + sub_prompt},
-        {'1', "ITEM 1.1\n"},            {'2', "ITEM 1.2\nline two\n"},
-        {'A', "SUB2 ALONE\n"},          {'C', "SUB3\n" + sub_prompt + "before link\n"},
-        {'b', bad + "3\n"},             // main menu
-        {'B', bad + "0\n"},             // sub-menu: "1 to 0" as it stands
+        {'M', "MAIN\n" + main_prompt},
+        {'S', "SUB1\n" + sub_prompt},
+        {'1', "ITEM 1.1\n"},
+        {'2', "ITEM 1.2\nline two\n"},
+        {'A', "SUB2 ALONE\n"},
+        {'C', "SUB3\n" + sub_prompt + "before link\n"},
+        {'b', bad + "3\n"},  // main menu
+        {'B', bad + "0\n"},  // sub-menu: "1 to 0" as it stands
     };
     const std::pair<const char *, const char *> cases[] = {
         {"3\n1\n\n\n", "HMCLHM"},  // a link, and back to the top-level file's main menu

@@ -70,7 +70,8 @@ TEST(InvertSquareMatrix, PermutedAndSingularMatrices) {
         // First column [0, 3]: rows exchanged, undone by a column exchange.
         {{{0, 1}, {3, 2}}, -1, {{-2.0 / 3.0, 1.0 / 3.0}, {1, 0}}},
         // A permutation: the inverse is the transpose.
-        {{{0, 1, 0, 0}, {0, 0, 0, 1}, {1, 0, 0, 0}, {0, 0, 1, 0}}, -1,
+        {{{0, 1, 0, 0}, {0, 0, 0, 1}, {1, 0, 0, 0}, {0, 0, 1, 0}},
+         -1,
          {{0, 0, 1, 0}, {1, 0, 0, 0}, {0, 0, 0, 1}, {0, 1, 0, 0}}},
         {{}, -1, {}},  // order 0: nothing to do
         {{{0, 1}, {0, 2}}, 0, {{0, 1}, {0, 2}}},
@@ -111,7 +112,8 @@ TEST(InvertSquareMatrix, RandomWellConditionedGiveIdentity) {
         // rounding stays far below 1e-12, float32 results below 1e-5.
         Rows a(n, std::vector<double>(n));
         for (int i = 0; i < n; ++i)
-            for (int j = 0; j < n; ++j) a[i][j] = static_cast<float>(u(gen) + (i == j) * (i % 2 ? -n : n));
+            for (int j = 0; j < n; ++j)
+                a[i][j] = static_cast<float>(u(gen) + (i == j) * (i % 2 ? -n : n));
         Mat<double> A(a);
         Mat<float> F(a);
         int failed = 99;

@@ -24,7 +24,7 @@ TEST(GetLine, LongLinesArriveInPiecesAndCommentsAreCut) {
     ASSERT_EQ(get_line(f, buffer), buffer);
     EXPECT_EQ(std::string(buffer), b + "\n");
     for (const std::string &expected : {a, std::string("xx"), std::string("abc "),
-                                       std::string("abc\n"), std::string(""), std::string("a")}) {
+                                        std::string("abc\n"), std::string(""), std::string("a")}) {
         ASSERT_NE(get_line_with_comment(f, buffer), 0) << expected;
         EXPECT_EQ(std::string(buffer), expected);
     }
