@@ -39,9 +39,13 @@ void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, f
         corrected = 1.0f;
     } else {
         // Upper tail of the F distribution with m and nu degrees of freedom.
-        const float x = nu / (m * F + nu);
-        const float p0 = static_cast<float>(ibeta(
-            0.5 * static_cast<double>(nu), 0.5 * static_cast<double>(m), static_cast<double>(x)));
+        // x is formed in double from the float nu and F, so that a tiny F
+        // still leaves x below 1.
+        const double x =
+            static_cast<double>(nu) /
+            (static_cast<double>(m) * static_cast<double>(F) + static_cast<double>(nu));
+        const float p0 = static_cast<float>(
+            ibeta(0.5 * static_cast<double>(nu), 0.5 * static_cast<double>(m), x));
         if (m == 1) {
             raw = p0;
         } else {

@@ -121,6 +121,8 @@ TEST(CalculateF, ExactCases) {
         {"negative rho", 0.5f, 0, 1, 0, first, 10, 100, 0.5f, 0.5, f_tail(0.25, 1, 10), 1},
         {"huge F floored", 1e10f, 0, 1, 0, first, 20, 1000, 1e10f, 1e10, kPMin, kPMin},
         {"resels 0", 3, 0, 1, 0, first, 10, 0, 3, 3, f_tail(9, 1, 10), kPMin},
+        // x = 10/(1e-8 + 10) is 1 in float but not in double.
+        {"tiny F", 1e-4f, 0, 1, 0, first, 10, 0, 1e-4f, 1e-4, f_tail(1e-8, 1, 10), kPMin},
     };
     build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
     for (const Case &c : cases) {
@@ -138,6 +140,37 @@ TEST(CalculateF, ExactCases) {
         expect_close(error, c.effect / std::fabs(c.t), 1e-6);  // 0/0 for a zero effect
         expect_close(p_raw, c.p_raw, 1e-5);
         expect_close(p_corrected, c.p_corrected, 1e-5);
+    }
+}
+
+// The raw p is the incomplete beta function at x = nu / (m F + nu) formed in
+// double from the float nu and F, bit for bit, for one row and (doubled and
+// folded) for two.
+TEST(CalculateF, RawPFromXInDouble) {
+    build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
+    for (int m : {1, 2}) {
+        set_condition(0, m == 1 ? std::vector<std::vector<int>>{{1, 0}}
+                                : std::vector<std::vector<int>>{{1, 0}, {0, 1}});
+        for (float b : {3e-5f, 0.01f, 0.7f, 1.3f, 2.9f, 6.0f}) {
+            for (int dof : {3, 17, 120}) {
+                REM.beta[0] = b;
+                REM.beta[1] = 0.0f;
+                for (int i = 0; i < 2; ++i)
+                    for (int j = 0; j < 2; ++j) REM.normal_inverse[i][j] = i == j ? 0.5f : 0.0f;
+                float t, p_raw, p_corrected, effect, error;
+                ASSERT_EQ(REM_calculate_F(4, 1, 0, dof, &t, &p_raw, &p_corrected, &effect, &error),
+                          0);
+                const float F = b * b * 2.0f / static_cast<float>(m);  // Q = b^2 / 0.5
+                const double x = static_cast<double>(dof) / (m * static_cast<double>(F) + dof);
+                float want = static_cast<float>(ibeta(0.5 * dof, 0.5 * m, x));
+                if (m == 2) {
+                    want = 2 * want;
+                    if (want == 2.0f) want = 1.0f;
+                    if (want > 1.0f) want = 2 - want;
+                }
+                EXPECT_EQ(p_raw, want) << "m " << m << " b " << b << " dof " << dof;
+            }
+        }
     }
 }
 
