@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "driver.h"
-#include "fast_passes.h"
 #include "signal_data.h"
+#include "voxel_passes.h"
 #include "rem.h"
 #include "util.h"
 
@@ -119,14 +119,11 @@ int main(int argc, char **argv) {
 
     int nlinked = build_file_list();
 
-    // The fast passes read the signal data from the files as they go; the
-    // plain ones hold them in memory.
-    if ((fast_passes_requested() ? read_signal_files_streamed() : read_signal_files()) != 0)
-        std::exit(1);
+    // The route decides whether the signal data are read as the passes go
+    // or held in memory.
+    const voxel_route route = voxel_route_from_environment();
+    if (load_signal_files(route.read_on_demand) != 0) std::exit(1);
 
-    // The design table is written to "basis.dat": should that be a signal
-    // file (through a link), its data are read first.
-    if (keep_signal_data_from("basis.dat") != 0) std::exit(1);
     REM_describe_basis_functions();
 
     int nconditions = 0;
@@ -147,7 +144,7 @@ int main(int argc, char **argv) {
     int dof = 0;
     compute_effective_dof(&dof);
 
-    if (analyze_random_effects(residue_requested, nconditions, dof) != 0) std::exit(1);
+    if (analyze_random_effects_on(route, residue_requested, nconditions, dof) != 0) std::exit(1);
 
     if (write_output_files(residue_requested, nlinked, nconditions, dof) != 0) {
         std::printf("Error writing output files.\n");

@@ -1,41 +1,57 @@
-// Signal data read on demand.  The fast voxel passes need, for a run of
-// voxels at a time, the effect and error values of every signal file; when
-// the files are opened with read_signal_files_streamed() those values are
-// read from the files as the passes go, instead of being held in memory for
-// the whole run, so the program's memory no longer grows with the study.
-// The values are the same bytes either way.
+// Where the voxel passes get the signal values from.  The data of a signal
+// file are either held in memory (read_signal_files reads every file so) or
+// read from the file as the passes go, a chunk of voxels at a time, so that
+// the program's memory does not grow with the study.  The values are the
+// same bytes either way.  Internal to the driver.
 #ifndef FMRI_REM_SIGNAL_DATA_H
 #define FMRI_REM_SIGNAL_DATA_H
 
+#include <vector>
+
 #include "driver.h"
 
-// As read_signal_files(), but a regular data file that is long enough is
-// kept open and read on demand; any other file (a pipe, say) is read into
-// memory as usual, and so is every file once no more can be kept open.
-int read_signal_files_streamed(void);
+// Loads the signal files as read_signal_files does; with read_on_demand, a
+// regular data file that is long enough is kept open and read as the passes
+// go instead.  Any other file (a pipe, say), every file once no more can be
+// kept open, and a file that a result written before the second pass
+// ("basis.dat", "sigma2") would overwrite, is read into memory at once.
+int load_signal_files(int read_on_demand);
 
-// 1 while some file's data are read on demand.
-int signal_data_streamed(void);
+// Reads the data of every file kept open into memory and closes it; 0, or 1
+// after an error message.
+int hold_signal_data_in_memory(void);
 
-// Values first .. first+count-1 of frame 0 (effect) or 1 (standard error) of
-// entry: a pointer into the entry's own data when they are in memory, or
-// buffer (count floats) filled from the file.  Null after an error message.
-const float *signal_values(const file_list_entry *entry, int frame, int first, int count,
-                           float *buffer);
-
-// Reads every file's data into memory and closes the files; 0, or 1 after
-// an error message.
-int load_streamed_signal_data(void);
-
-// Before result files named stem, or stem + an extension of volume files,
-// are written: when one of them is one of the open signal files (through a
-// link, say), which writing would overwrite, the data are read into memory
-// first.  0, or 1 after an error message.
-int keep_signal_data_from(const char *stem);
-
-// 0 while every open signal file has the size and modification time it had
-// when it was opened, else 1 after an error message: the values read on
+// 0 while every file read on demand has the size and modification time it
+// had when it was opened, else 1 after an error message: the values read on
 // demand would not be those of the file as it was loaded.
-int check_streamed_signal_files(void);
+int check_signal_files_unchanged(void);
+
+// The effect and error values of every signal file over one chunk of voxels
+// at a time, from memory or from the files.
+class signal_chunks {
+  public:
+    signal_chunks(file_list_entry *const *entries, int nfiles);
+
+    // Voxels per chunk: about 1 MB of values per chunk when they are read
+    // from the files, more when they are all in memory.
+    int chunk_voxels() const { return chunk_; }
+
+    // Values of voxels first .. first+count-1 (count at most chunk_voxels());
+    // false after an error message.
+    bool fetch(int first, int count);
+
+    // Values of file k at a voxel of the chunk fetched last.
+    float effect(int k, int voxel) const { return effect_[k][voxel - first_]; }
+    float error(int k, int voxel) const { return error_[k][voxel - first_]; }
+
+  private:
+    file_list_entry *const *entries_;
+    int nfiles_;
+    int chunk_;
+    int first_ = 0;
+    std::vector<const float *> effect_;
+    std::vector<const float *> error_;
+    std::vector<float> buffer_;
+};
 
 #endif

@@ -228,7 +228,67 @@ int read_signal_files(void) {
     return 0;
 }
 
-int read_signal_files_streamed(void) {
+namespace {
+
+// Whether the file open on fd is one that a result written before the second
+// pass would overwrite (through a link, say): "basis.dat" or a "sigma2"
+// volume in the working folder.
+bool overwritten_by_results(const struct stat &file) {
+    static const char *const results[] = {"basis.dat",     "sigma2",     "sigma2.hdr",
+                                          "sigma2.bfloat", "sigma2.nii", "sigma2.img"};
+    for (const char *name : results) {
+        struct stat status;
+        if (::stat(name, &status) == 0 && status.st_dev == file.st_dev &&
+            status.st_ino == file.st_ino)
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+int hold_signal_data_in_memory(void) {
+    int result = 0;
+    for (open_signal_file &file : open_files) {
+        if (result == 0) {
+            file.entry->effect = float_vector(frame_voxels);
+            file.entry->effect_stderr = float_vector(frame_voxels);
+            if (!read_values(file.fd, 0, frame_voxels, file.entry->effect) ||
+                !read_values(file.fd, frame_voxels, frame_voxels, file.entry->effect_stderr)) {
+                std::printf("Error reading the floating point data from file %s\n",
+                            file.entry->name);
+                result = 1;
+            }
+        }
+        ::close(file.fd);
+    }
+    open_files.clear();
+    return result;
+}
+
+namespace {
+
+// Values first .. first+count-1 of frame 0 (effect) or 1 (standard error) of
+// entry: a pointer into the entry's own data when they are in memory, or
+// buffer (count floats) filled from the file.  Null after an error message.
+const float *signal_values(const file_list_entry *entry, int frame, int first, int count,
+                           float *buffer) {
+    const float *frame_data = frame == 0 ? entry->effect : entry->effect_stderr;
+    if (frame_data != nullptr) return frame_data + first;
+    const open_signal_file *file = find_open_file(entry);
+    if (file == nullptr ||
+        !read_values(file->fd, static_cast<uint64_t>(frame) * frame_voxels + first,
+                     static_cast<uint32_t>(count), buffer)) {
+        std::printf("Error reading the floating point data from file %s\n", entry->name);
+        return nullptr;
+    }
+    return buffer;
+}
+
+}  // namespace
+
+int load_signal_files(int read_on_demand) {
+    if (!read_on_demand) return read_signal_files();
     uint32_t n = 0;
     if (read_signal_headers(&n) != 0) return 1;
     frame_voxels = n;
@@ -249,14 +309,15 @@ int read_signal_files_streamed(void) {
             }
             if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
                 // No more files can be open at once: hold the data in memory.
-                if (load_streamed_signal_data() != 0) return 1;
+                if (hold_signal_data_in_memory() != 0) return 1;
                 keep_open = false;
             } else if (fd < 0) {
                 std::printf("Error: cannot open file %s.\n", entry->name);
                 return 1;
             } else {
                 struct stat status;
-                if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+                if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+                    !overwritten_by_results(status)) {
                     if (status.st_size < needed) {
                         std::printf("Error reading the floating point data from file %s\n",
                                     entry->name);
@@ -279,60 +340,7 @@ int read_signal_files_streamed(void) {
     return 0;
 }
 
-int signal_data_streamed(void) {
-    return open_files.empty() ? 0 : 1;
-}
-
-const float *signal_values(const file_list_entry *entry, int frame, int first, int count,
-                           float *buffer) {
-    const float *frame_data = frame == 0 ? entry->effect : entry->effect_stderr;
-    if (frame_data != nullptr) return frame_data + first;
-    const open_signal_file *file = find_open_file(entry);
-    if (file == nullptr ||
-        !read_values(file->fd, static_cast<uint64_t>(frame) * frame_voxels + first,
-                     static_cast<uint32_t>(count), buffer)) {
-        std::printf("Error reading the floating point data from file %s\n", entry->name);
-        return nullptr;
-    }
-    return buffer;
-}
-
-int load_streamed_signal_data(void) {
-    int result = 0;
-    for (open_signal_file &file : open_files) {
-        if (result == 0) {
-            file.entry->effect = float_vector(frame_voxels);
-            file.entry->effect_stderr = float_vector(frame_voxels);
-            if (!read_values(file.fd, 0, frame_voxels, file.entry->effect) ||
-                !read_values(file.fd, frame_voxels, frame_voxels, file.entry->effect_stderr)) {
-                std::printf("Error reading the floating point data from file %s\n",
-                            file.entry->name);
-                result = 1;
-            }
-        }
-        ::close(file.fd);
-    }
-    open_files.clear();
-    return result;
-}
-
-int keep_signal_data_from(const char *stem) {
-    static const char *const extensions[] = {"", ".hdr", ".bfloat", ".nii", ".img"};
-    std::string name;
-    for (const char *extension : extensions) {
-        name.assign(stem).append(extension);
-        struct stat status;
-        if (::stat(name.c_str(), &status) != 0) continue;
-        for (const open_signal_file &file : open_files) {
-            if (file.device == status.st_dev && file.inode == status.st_ino) {
-                return load_streamed_signal_data();
-            }
-        }
-    }
-    return 0;
-}
-
-int check_streamed_signal_files(void) {
+int check_signal_files_unchanged(void) {
     for (const open_signal_file &file : open_files) {
         struct stat status;
         if (::fstat(file.fd, &status) != 0 || status.st_size != file.size ||
@@ -344,4 +352,42 @@ int check_streamed_signal_files(void) {
         }
     }
     return 0;
+}
+
+namespace {
+
+// Voxels per chunk when the values are in memory, and bytes of values read
+// from the files per chunk otherwise: the chunk shrinks as the files grow in
+// number.
+const int kChunk = 4096;
+const int kChunkBytes = 1 << 20;
+
+}  // namespace
+
+signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles)
+    : entries_(entries),
+      nfiles_(nfiles),
+      chunk_(kChunk),
+      effect_(static_cast<size_t>(nfiles)),
+      error_(static_cast<size_t>(nfiles)) {
+    if (open_files.empty()) return;
+    int voxels = kChunkBytes / (2 * static_cast<int>(sizeof(float)) * (nfiles > 0 ? nfiles : 1));
+    if (voxels < 64) voxels = 64;
+    chunk_ = voxels < kChunk ? voxels : kChunk;
+    buffer_.resize(2 * static_cast<size_t>(nfiles) * static_cast<size_t>(chunk_));
+}
+
+bool signal_chunks::fetch(int first, int count) {
+    float *buffer = buffer_.empty() ? nullptr : buffer_.data();
+    const size_t chunk = static_cast<size_t>(chunk_);
+    for (int k = 0; k < nfiles_; ++k) {
+        const size_t at = 2 * static_cast<size_t>(k) * chunk;
+        effect_[k] = signal_values(entries_[k], 0, first, count, buffer ? buffer + at : nullptr);
+        if (effect_[k] == nullptr) return false;
+        error_[k] =
+            signal_values(entries_[k], 1, first, count, buffer ? buffer + at + chunk : nullptr);
+        if (error_[k] == nullptr) return false;
+    }
+    first_ = first;
+    return true;
 }

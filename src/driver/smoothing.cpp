@@ -109,6 +109,23 @@ float compute_phase(float re, float im) {
     return static_cast<float>(ph);
 }
 
+namespace {
+
+// FFTW_MEASURE chooses among equivalent algorithms by timing them, so two
+// runs may transform with different roundings in their last bits.  When
+// FMRI_REM_FFTW_WISDOM names a file, the plans are taken from it where it
+// has them and written back to it, so that runs which share the file
+// transform alike (the tests that compare runs bit for bit use it).
+fftw_plan measured_plan(int n, fftw_complex *buffer, int sign) {
+    const char *wisdom = std::getenv("FMRI_REM_FFTW_WISDOM");
+    if (wisdom != nullptr && wisdom[0] != '\0') fftw_import_wisdom_from_filename(wisdom);
+    fftw_plan plan = fftw_plan_dft_1d(n, buffer, buffer, sign, FFTW_MEASURE);
+    if (wisdom != nullptr && wisdom[0] != '\0') fftw_export_wisdom_to_filename(wisdom);
+    return plan;
+}
+
+}  // namespace
+
 int ft_1d(int axis, int direction, data_stack *stack) {
     // Line length and the two axes the lines run over (outer, inner).
     int n = 0;
@@ -157,9 +174,7 @@ int ft_1d(int axis, int direction, data_stack *stack) {
                 for (int k = 0; k < n; ++k) line[k] = data[element(k)];
                 // Planning may overwrite the buffer, so it happens before
                 // the line is copied in.
-                if (plan == nullptr) {
-                    plan = fftw_plan_dft_1d(n, buffer, buffer, sign, FFTW_MEASURE);
-                }
+                if (plan == nullptr) plan = measured_plan(n, buffer, sign);
                 swap_x(line, n, 0);
                 for (int k = 0; k < n; ++k) {
                     buffer[k][0] = static_cast<double>(line[k].r);

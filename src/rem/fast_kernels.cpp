@@ -2,10 +2,14 @@
 // scalar statement `out[j] = out[j] + r * x[j]` does in float32: a separate
 // multiply and add (never fused) on the lane's own running sum, so every
 // variant gives the same bits.  The variant is chosen once, from what the
-// processor has.
-#include <immintrin.h>
-
+// processor has; on processors other than x86 the scalar variant is the only
+// one.
 #include <cstring>
+
+#if defined(__x86_64__) || defined(__i386__)
+#define REM_FAST_X86 1
+#include <immintrin.h>
+#endif
 
 #include "fast_internal.h"
 #include "rem.h"
@@ -27,6 +31,57 @@ inline void union_span_scalar(const int *start, const int *stop, int l0, int l1,
     *b = hi;
 }
 
+// The scalar variant: the statements that every vector lane performs.
+void axpy_scalar(float *out, float r, const float *x, int count) {
+    for (int j = 0; j < count; ++j) out[j] = out[j] + r * x[j];
+}
+
+void rr_row_scalar(float *out, float *t, float yj, const float *Rt, int ld, const float *rt, int l0,
+                   int l1, const int *start, const int *stop) {
+    int a, b;
+    union_span_scalar(start, stop, l0, l1, &a, &b);
+    for (int j = a; j < b; ++j) {
+        float acc = 0.0f;
+        for (int l = l0; l < l1; ++l) {
+            const float c = rt[l];
+            if (c == 0.0f) continue;  // a zero term leaves the sum as it is
+            acc = acc + c * Rt[static_cast<long>(l) * ld + j];
+        }
+        if (out != nullptr)
+            out[j] = acc;
+        else
+            t[j] = t[j] + yj * acc;
+    }
+}
+
+void weigh_scalar(float *out, const float *x, const float *w, int count) {
+    for (int i = 0; i < count; ++i) out[i] = 0.0f + x[i] * w[i];
+}
+
+int residue_column_scalar(float *r, const float *coef, int k, const float *Xt, int ld,
+                          const float *w, int count, int *first, int *last) {
+    float finite = 0.0f;  // becomes not a number once any value is not finite
+    int a = -1, b = -1;
+    for (int i = 0; i < count; ++i) {
+        float h = 0.0f;
+        for (int m = 0; m < k; ++m) h = h + coef[m] * Xt[static_cast<long>(m) * ld + i];
+        const float v = 0.0f - (0.0f + w[i] * h);
+        r[i] = v;
+        finite = finite + v * 0.0f;
+        if (v != 0.0f) {  // not a number included
+            if (a < 0) a = i;
+            b = i;
+        }
+    }
+    *first = a;
+    *last = b;
+    return !(finite != 0.0f);
+}
+
+const rem_fast_kernels kernels_scalar = {"scalar", axpy_scalar, rr_row_scalar, weigh_scalar,
+                                         residue_column_scalar};
+
+#ifdef REM_FAST_X86
 __attribute__((target("avx2"))) inline void union_span_avx2(const int *start, const int *stop,
                                                             int l0, int l1, int *a, int *b) {
     const __m256i empty = _mm256_set1_epi32(REM_FAST_EMPTY_START);
@@ -209,11 +264,17 @@ bool has_avx512() {
     return __builtin_cpu_supports("avx512f");
 }
 
+#endif  // REM_FAST_X86
+
 const rem_fast_kernels *best_kernels() {
+#ifdef REM_FAST_X86
     __builtin_cpu_init();
     if (has_avx512()) return &kernels_avx512;
     if (has_avx2()) return &kernels_avx2;
     return &kernels_sse2;
+#else
+    return &kernels_scalar;
+#endif
 }
 
 const rem_fast_kernels *current = best_kernels();
@@ -229,6 +290,11 @@ const char *rem_fast_instruction_set(void) {
 }
 
 int rem_fast_select_instruction_set(const char *name) {
+    if (std::strcmp(name, "scalar") == 0) {
+        current = &kernels_scalar;
+        return 0;
+    }
+#ifdef REM_FAST_X86
     __builtin_cpu_init();
     if (std::strcmp(name, "sse2") == 0) {
         current = &kernels_sse2;
@@ -242,5 +308,6 @@ int rem_fast_select_instruction_set(const char *name) {
         current = &kernels_avx512;
         return 0;
     }
+#endif
     return 1;
 }

@@ -103,45 +103,99 @@ int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, f
 int REM_get_DOF(void);
 
 // ======================================================================
-// Fast per-voxel kernel (fast_reml.cpp, fast_kernels.cpp).
+// Voxel kernels (workspace.cpp, reference_kernel.cpp, fast_kernel.cpp,
+// f_test.cpp).
 //
-// The same estimate, fit and test as REM_REML_iterate, REM_fit_final and
-// REM_calculate_F, bit for bit, but re-entrant: the design is read from REM
-// (read only) and everything else lives in a workspace that belongs to one
-// thread; the fast route allocates nothing per voxel.  A voxel whose values
-// it cannot take (values that are not finite, a zero variance, ...) is
-// handed to REM_REML_iterate or REM_fit_final themselves, one thread at a
-// time; those write the model's fit matrices.  Create the workspace after
-// the design has been built (it follows a rebuilt design by itself).
+// The voxel passes read the model as read-only data (rem_model_view) and run
+// each voxel on a workspace that belongs to one thread and holds everything
+// a voxel writes.  Two kernels do the work behind one interface: the
+// reference kernel is the model's arithmetic as defined by REM_REML_iterate,
+// REM_fit_final and REM_calculate_F (which are thin wrappers of it on the
+// global REM), and the fast kernel gives the same bits with exact shortcuts
+// and vector instructions, handing a voxel that its shortcuts cannot take to
+// the reference kernel on the same workspace.  Kernels never print, exit or
+// allocate: they report a status per voxel and the caller decides.
 // ======================================================================
+
+// The model as the voxel passes see it: sizes, design and conditions, read
+// only.  It points into REM, which must not change while it is in use.
+typedef struct {
+    int nfiles;             /* n */
+    int nbasis;             /* k */
+    float *const *design;   /* n x k */
+    float *const *identity; /* n x n */
+    int nconditions;
+    const int *condition_nrows;      /* per condition: rows m */
+    int **const *condition_contrast; /* per condition: m x k */
+} rem_model_view;
+
+// The checks that the model's operations start with, for callers that run
+// the kernels: 0 when the model is ready for n files (and condition c);
+// else 1 after the operation's message.  Another number of files than the
+// model's ends the process, as REM_REML_iterate does.
+int REM_check_model(int n);
+int REM_check_condition(int n, int condition);
+
+// The view of the model that REM holds now.
+rem_model_view rem_current_model(void);
+
+// Per-voxel results of a kernel.
+enum {
+    REM_VOXEL_DONE = 0,
+    REM_VOXEL_UNUSABLE = -1, /* an error value is not > 0: both variances 0 */
+    REM_VOXEL_IBETA_DOMAIN_ERROR =
+        2 /* the test's p value is undefined (see rem_workspace_ibeta_domain) */
+};
+
 typedef struct rem_workspace rem_workspace;
 
-rem_workspace *rem_workspace_create(void);
+// A workspace for voxels of model (which must outlive it); allocates all the
+// storage a voxel needs, for both kernels.
+rem_workspace *rem_workspace_create(const rem_model_view *model);
 void rem_workspace_free(rem_workspace *ws);
 
-// Same arguments, results and messages as REM_REML_iterate.
-int rem_fast_reml(rem_workspace *ws, int n, const float *effect, const float *error, const int *dof,
-                  float *sigma2_fe, float *sigma2_re);
-// Same as REM_fit_final; beta and normal_inverse are kept in the workspace.
-int rem_fast_fit_final(rem_workspace *ws, float sigma2_re, int n, const float *effect,
-                       const float *error, float *fitted, float *event_sum);
-// Same as REM_calculate_F, on the workspace's last fit.
-int rem_fast_calculate_F(rem_workspace *ws, int n, int resels, int condition, int dof,
-                         float *t_value, float *p_raw, float *p_corrected, float *effect_size,
-                         float *effect_error);
+// The test's result for one condition at one voxel.
+typedef struct {
+    float t_value;
+    float p_raw;
+    float p_corrected;
+    float effect_size;
+    float effect_error;
+} rem_test_result;
 
-// The last fit's amplitudes (k values) and normal_inverse (k x k, rows first).
+typedef struct {
+    const char *name; /* "reference" or "fast" */
+    // First pass: the fixed-effects variance and the REML estimate of the
+    // random-effects variance; REM_VOXEL_DONE or REM_VOXEL_UNUSABLE.
+    int (*estimate)(rem_workspace *ws, const float *effect, const float *error, const int *dof,
+                    float *sigma2_fe, float *sigma2_re);
+    // Second pass: the fit with the random-effects variance held fixed;
+    // fitted values and event sums, n each.  REM_VOXEL_DONE.
+    int (*fit)(rem_workspace *ws, float sigma2_re, const float *effect, const float *error,
+               float *fitted, float *event_sum);
+    // The test of condition c on the last fit; REM_VOXEL_DONE or
+    // REM_VOXEL_IBETA_DOMAIN_ERROR.
+    int (*test)(rem_workspace *ws, int condition, int resels, int dof, rem_test_result *result);
+} rem_kernel;
+
+extern const rem_kernel rem_reference_kernel;
+extern const rem_kernel rem_fast_kernel;
+
+// The arguments a and b of the incomplete beta function whose domain error a
+// test reported last on this workspace.
+void rem_workspace_ibeta_domain(const rem_workspace *ws, double *a, double *b);
+// Number of estimates and fits that the fast kernel handed to the reference
+// kernel on this workspace.
+long rem_workspace_reference_count(const rem_workspace *ws);
+// The last fit's amplitudes (k values) and normal_inverse (k x k rows).
 const float *rem_workspace_beta(const rem_workspace *ws);
-const float *rem_workspace_normal_inverse(const rem_workspace *ws);
-// 1: every voxel is handed to the plain operations, as otherwise only those
-// where the fast route's shortcuts do not apply.
-void rem_workspace_set_general_only(rem_workspace *ws, int general_only);
-// Number of REML or fit calls handed to the plain operations.
-long rem_workspace_general_count(const rem_workspace *ws);
-// Name of the vector instruction set in use ("avx512", "avx2" or "sse2"); the
-// best one the processor has is chosen at start.  Selecting another (before
-// any thread runs the kernel) returns 0, or 1 when the processor lacks it.
-// All give the same bits: each lane does the same separate multiply and add.
+float *const *rem_workspace_normal_inverse(const rem_workspace *ws);
+
+// Name of the vector instruction set of the fast kernel ("avx512", "avx2",
+// "sse2" or "scalar"); the best one the processor has is chosen at start.
+// Selecting another (before any thread runs the kernel) returns 0, or 1 when
+// the processor lacks it.  All give the same bits: each lane does the same
+// separate multiply and add.
 const char *rem_fast_instruction_set(void);
 int rem_fast_select_instruction_set(const char *name);
 

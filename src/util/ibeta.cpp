@@ -90,11 +90,17 @@ double continued_fraction(double x, double k1, double k2, double k3, double k4, 
 
 extern "C" {
 
+int ibeta_domain_error(double a, double b) {
+    return a <= 0.0 || b <= 0.0;
+}
+
+void ibeta_domain_exit(double a, double b) {
+    printf("ibeta: Domain error!, a = %g, b = %g\n", a, b);
+    exit(1);
+}
+
 double ibeta(double a, double b, double x) {
-    if (a <= 0.0 || b <= 0.0) {
-        printf("ibeta: Domain error!, a = %g, b = %g\n", a, b);
-        exit(1);
-    }
+    if (ibeta_domain_error(a, b)) ibeta_domain_exit(a, b);
     // x outside [0, 1] is not rejected: it runs through the formulas below.
     if (x <= 0.0 || x >= 1.0) {
         if (x == 0.0) return 0.0;

@@ -60,7 +60,11 @@ int r_invert_square_matrix_with_scratch(int n, float **A, int *failed_column, do
 void Matrix_PseudoInverse(float **A, int m, int n, float **P);
 
 // ---- incomplete beta function (ibeta.cpp) ----
+// ibeta ends the process with a message when a or b is not positive; the
+// voxel kernels test for that first and leave the message to the caller.
 double ibeta(double a, double b, double x);
+int ibeta_domain_error(double a, double b);
+void ibeta_domain_exit(double a, double b);
 double incbcf(double a, double b, double x);
 double incbd(double a, double b, double x);
 double pseries(double a, double b, double x);

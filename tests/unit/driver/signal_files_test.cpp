@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -87,7 +88,7 @@ class StreamedSignalData : public testing::Test {
 
     // Closes the files and frees the data read so far.
     void forget_data() {
-        load_streamed_signal_data();
+        hold_signal_data_in_memory();
         for (file_list_entry *e : {&file_list_root, &second_}) {
             free_float_vector(e->effect);
             free_float_vector(e->effect_stderr);
@@ -111,33 +112,40 @@ class StreamedSignalData : public testing::Test {
     file_list_entry second_;
 };
 
-TEST_F(StreamedSignalData, ValuesReadOnDemandThenInMemory) {
+TEST_F(StreamedSignalData, ValuesReadOnDemandOrInMemory) {
     int result = -1;
-    EXPECT_EQ(quietly([&] { result = read_signal_files_streamed(); }),
+    EXPECT_EQ(quietly([&] { result = load_signal_files(1); }),
               "Input files: 2 samples of dimension (x,y,z) = (3,2,2).\n");
     ASSERT_EQ(result, 0);
-    EXPECT_EQ(signal_data_streamed(), 1);
     EXPECT_EQ(file_list_root.effect, nullptr);
     EXPECT_EQ(second_.dof, 10);
 
-    float buffer[4] = {0, 0, 0, 0};
-    const float *values = signal_values(&second_, 1, 7, 4, buffer);
-    ASSERT_EQ(values, buffer);
-    EXPECT_EQ(std::vector<float>(values, values + 4), (std::vector<float>{-107, -108, -109, -110}));
-    values = signal_values(&file_list_root, 0, 10, 2, buffer);
-    EXPECT_EQ(std::vector<float>(values, values + 2), (std::vector<float>{10, 11}));
-    EXPECT_EQ(check_streamed_signal_files(), 0);
+    file_list_entry *const entries[] = {&file_list_root, &second_};
+    signal_chunks chunks(entries, 2);
+    ASSERT_TRUE(chunks.fetch(7, 4));
+    for (int v = 7; v < 11; ++v) {
+        EXPECT_EQ(chunks.error(1, v), -100.0f - v);
+        EXPECT_EQ(chunks.effect(0, v), static_cast<float>(v));
+    }
+    EXPECT_EQ(check_signal_files_unchanged(), 0);
+    forget_data();
 
-    // Result files of another name leave the files open; "b" names one of
-    // them, whose data are then read into memory.
-    EXPECT_EQ(keep_signal_data_from(dir_.file("sigma2").c_str()), 0);
-    EXPECT_EQ(signal_data_streamed(), 1);
-    EXPECT_EQ(keep_signal_data_from(dir_.file("b").c_str()), 0);
-    EXPECT_EQ(signal_data_streamed(), 0);
+    // A file that "sigma2.bfloat" in the working folder links to would be
+    // overwritten by the first pass's result: it is read into memory.
+    const std::string here = std::filesystem::current_path();
+    std::filesystem::current_path(dir_.path());
+    std::filesystem::create_hard_link(data_name("b"), "sigma2.bfloat");
+    quietly([&] { result = load_signal_files(1); });
+    std::filesystem::current_path(here);
+    ASSERT_EQ(result, 0);
+    EXPECT_EQ(file_list_root.effect, nullptr);
     ASSERT_NE(second_.effect_stderr, nullptr);
     EXPECT_EQ(second_.effect[11], -11.0f);
     EXPECT_EQ(second_.effect_stderr[0], -100.0f);
-    EXPECT_EQ(signal_values(&file_list_root, 1, 3, 1, nullptr), file_list_root.effect_stderr + 3);
+    signal_chunks again(entries, 2);
+    ASSERT_TRUE(again.fetch(0, 12));
+    EXPECT_EQ(again.effect(1, 11), -11.0f);
+    EXPECT_EQ(again.error(0, 3), 103.0f);
 }
 
 TEST_F(StreamedSignalData, ShortAndChangedFiles) {
@@ -146,26 +154,27 @@ TEST_F(StreamedSignalData, ShortAndChangedFiles) {
     // One value short.
     ASSERT_EQ(truncate(b.c_str(), 4 * (2 * kVoxels - 1)), 0);
     int result = -1;
-    std::string out = quietly([&] { result = read_signal_files_streamed(); });
+    std::string out = quietly([&] { result = load_signal_files(1); });
     EXPECT_EQ(result, 1);
     EXPECT_EQ(out.substr(out.size() - std::min(out.size(), error.size())), error);
     forget_data();
 
     // Longer than needed is fine, until the file changes under the run.
     ASSERT_EQ(truncate(b.c_str(), 4 * (2 * kVoxels + 1)), 0);
-    quietly([&] { result = read_signal_files_streamed(); });
+    quietly([&] { result = load_signal_files(1); });
     ASSERT_EQ(result, 0);
     ASSERT_EQ(truncate(b.c_str(), 4 * (2 * kVoxels + 2)), 0);
-    EXPECT_EQ(quietly([&] { result = check_streamed_signal_files(); }),
+    EXPECT_EQ(quietly([&] { result = check_signal_files_unchanged(); }),
               "Error: the signal file " + b + " changed during the analysis.\n");
     EXPECT_EQ(result, 1);
 
     // Cut short under the run: a read past its end fails.
     ASSERT_EQ(truncate(b.c_str(), 4 * kVoxels), 0);
-    float buffer[2];
-    const float *values = nullptr;
-    EXPECT_EQ(quietly([&] { values = signal_values(&second_, 1, 0, 2, buffer); }), error);
-    EXPECT_EQ(values, nullptr);
+    file_list_entry *const entries[] = {&file_list_root, &second_};
+    signal_chunks chunks(entries, 2);
+    bool fetched = true;
+    EXPECT_EQ(quietly([&] { fetched = chunks.fetch(0, 2); }), error);
+    EXPECT_FALSE(fetched);
 }
 
 }  // namespace

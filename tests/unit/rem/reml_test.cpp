@@ -14,23 +14,21 @@
 
 using namespace rem_test;
 
-// Without a model the estimate and the fit, plain or fast, return 1 and touch
-// no result.  The test refuses a bad condition (checked first), then a count
-// other than the fit's; the estimate and the fit end the process on a count
-// other than the model's files.  A workspace follows the design built after it.
-TEST(ModelCheckDeathTest, PlainAndFastRefuseTheSameWay) {
+// Without a model the estimate and the fit return 1 and touch no result.  The
+// test refuses a bad condition (checked first), then a count other than the
+// fit's; the estimate and the fit end the process on a count other than the
+// model's files.
+TEST(ModelCheckDeathTest, OperationsRefuse) {
     float fe = 7, re = 7, out[6] = {7, 7, 7, 7, 7, 7};
     const float y[4] = {1, 2, 4, 3}, s[4] = {1, 1, 2, 1};
     const int d[4] = {5, 5, 5, 5};
     const std::string missing = "Error in REM_fit_data: first initialize the REM\n";
     REM.initialized = 0;
-    rem_workspace *ws = rem_workspace_create();
     testing::internal::CaptureStdout();
     EXPECT_EQ(REM_REML_iterate(3, y, s, d, &fe, &re), 1);
     EXPECT_EQ(REM_fit_final(1.0f, 3, y, s, out, out + 3), 1);
-    EXPECT_EQ(rem_fast_reml(ws, 3, y, s, d, &fe, &re), 1);
-    EXPECT_EQ(rem_fast_fit_final(ws, 1.0f, 3, y, s, out, out + 3), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), missing + missing + missing + missing);
+    EXPECT_EQ(REM_check_model(3), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), missing + missing + missing);
     for (float v : {fe, re, out[0], out[3]}) EXPECT_EQ(v, 7.0f);
 
     build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
@@ -49,13 +47,10 @@ TEST(ModelCheckDeathTest, PlainAndFastRefuseTheSameWay) {
         float r[5] = {7, 7, 7, 7, 7};
         testing::internal::CaptureStdout();
         EXPECT_EQ(REM_calculate_F(c.n, 10, c.condition, 10, &r[0], &r[1], &r[2], &r[3], &r[4]), 1);
-        EXPECT_EQ(
-            rem_fast_calculate_F(ws, c.n, 10, c.condition, 10, &r[0], &r[1], &r[2], &r[3], &r[4]),
-            1);
+        EXPECT_EQ(REM_check_condition(c.n, c.condition), 1);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(c.message) + c.message);
         EXPECT_EQ(r[0], 7.0f);
     }
-    EXPECT_EQ(rem_fast_reml(ws, 4, y, s, d, &fe, &re), 0);
 
     // The message goes to standard output; send it to standard error to match it.
     const char *message =
@@ -65,9 +60,7 @@ TEST(ModelCheckDeathTest, PlainAndFastRefuseTheSameWay) {
                 message);
     EXPECT_EXIT((dup2(2, 1), REM_fit_final(1.0f, 3, y, s, out, out + 3)),
                 testing::ExitedWithCode(1), message);
-    EXPECT_EXIT((dup2(2, 1), rem_fast_reml(ws, 3, y, s, d, &fe, &re)), testing::ExitedWithCode(1),
-                message);
-    rem_workspace_free(ws);
+    EXPECT_EXIT((dup2(2, 1), REM_check_model(3)), testing::ExitedWithCode(1), message);
 }
 
 // Every error value must be positive: 0, a negative value or NaN give -1 and

@@ -1,5 +1,6 @@
-// Final weighted least-squares fit of one voxel with its random-effects
-// variance held fixed, and the F test of a condition's contrast rows.
+// The F test of a condition's contrast rows on a voxel's final fit, shared by
+// both kernels, and the model's REM_calculate_F, which is that test on REM's
+// own fit.
 //
 // All model numbers are float32 and every running sum is a float variable that
 // receives its terms one at a time, in index order: these roundings define the
@@ -10,14 +11,16 @@
 #include "rem.h"
 #include "util.h"
 #include "weighting.h"
+#include "workspace.h"
 
 // (4 ln 2)^(3/2) / (2 pi)^2, rounded: the Euler-characteristic density
 // constant of a three-dimensional t field.
 static const float euler_characteristic_constant = 0.1169f;
 
 // From F: t, the effect's error and the two p values (see weighting.h).
-void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, float *t_value,
-                float *p_raw, float *p_corrected, float *effect_error) {
+int rem_f_test(float F, int m, int dof, int resels, const float *effect_size, float *t_value,
+               float *p_raw, float *p_corrected, float *effect_error, double *domain_a,
+               double *domain_b) {
     float t = static_cast<float>(std::sqrt(static_cast<double>(F)));
     *effect_error = *effect_size / t;
 
@@ -44,8 +47,13 @@ void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, f
         const double x =
             static_cast<double>(nu) /
             (static_cast<double>(m) * static_cast<double>(F) + static_cast<double>(nu));
-        const float p0 = static_cast<float>(
-            ibeta(0.5 * static_cast<double>(nu), 0.5 * static_cast<double>(m), x));
+        const double a = 0.5 * static_cast<double>(nu), b = 0.5 * static_cast<double>(m);
+        if (ibeta_domain_error(a, b)) {
+            *domain_a = a;
+            *domain_b = b;
+            return 1;
+        }
+        const float p0 = static_cast<float>(ibeta(a, b, x));
         if (m == 1) {
             raw = p0;
         } else {
@@ -66,37 +74,10 @@ void rem_f_test(float F, int m, int dof, int resels, const float *effect_size, f
     *t_value = t;
     *p_raw = raw;
     *p_corrected = corrected;
-}
-
-int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,
-                  float *event_sum) {
-    if (rem_check_model(n) != 0) return 1;
-    const int k = REM.nbasis;
-
-    // A file without an error value cannot be weighted: an all-zero fit.
-    if (rem_zero_error_fit(n, k, error, fitted, event_sum, REM.beta)) {
-        for (int j = 0; j < k; ++j) {
-            for (int jj = 0; jj < k; ++jj) REM.normal_inverse[j][jj] = 0.0f;
-        }
-        return 0;
-    }
-
-    rem_set_fixed_variance(n, error);
-    rem_set_weighting(n, sigma2_re);
-    REMInternal_compute_residue_matrix();
-
-    for (int j = 0; j < k; ++j) {
-        float s = 0.0f;
-        for (int i = 0; i < n; ++i) s += REM.estimator[j][i] * effect[i];
-        REM.beta[j] = s;
-    }
-
-    rem_fitted_values(
-        n, k, [](int i, int j) { return REM.design[i][j]; }, REM.beta, fitted, event_sum);
     return 0;
 }
 
-int rem_check_condition(int n, int condition) {
+int REM_check_condition(int n, int condition) {
     if (condition < 0 || condition >= REM.nconditions) {
         printf("Error: the specified condition (%d) is out of range (0-%d)\n", condition,
                REM.nconditions);
@@ -109,32 +90,48 @@ int rem_check_condition(int n, int condition) {
     return 0;
 }
 
-int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, float *p_raw,
-                    float *p_corrected, float *effect_size, float *effect_error) {
-    if (rem_check_condition(n, condition) != 0) return 1;
-
-    const int k = REM.nbasis;
-    const int m = REM.condition_nrows[condition];
-    int **L = REM.condition_contrast[condition];
-    float **N = REM.normal_inverse;
-    float *contrast = float_vector(static_cast<uint32_t>(m));
-    float **M = float_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(m));
+int rem_kernel_test(rem_workspace *ws, int condition, int resels, int dof,
+                    rem_test_result *result) {
+    const rem_model_view *model = ws->model;
+    const int k = ws->k;
+    const int m = model->condition_nrows[condition];
+    int **L = model->condition_contrast[condition];
+    float *const *N = ws->fit.normal_inverse;
+    rem_workspace_reserve_test(ws, m);
+    float *contrast = ws->contrast;
+    float **M = ws->M;
 
     // Contrast values; the effect size is the first one of largest magnitude.
-    *effect_size = rem_contrast_values(m, k, L, REM.beta, contrast);
+    result->effect_size = rem_contrast_values(m, k, L, ws->fit.beta, contrast);
 
     // M = L.N.L', inverted in place; a singular M is used as left.
     rem_contrast_covariance(
         m, k, L, [N](int i, int j) { return N[i][j]; },
         [M](int r, int s, float value) { M[r][s] = value; });
-    int failed_column = -1;
-    (void)rInvertSquareMatrix(m, M, &failed_column);
+    rem_workspace_invert(ws, m, M);
 
     const float F = rem_contrast_F(m, contrast, [M](int r, int s) { return M[r][s]; });
-    free_float_matrix(M, static_cast<uint32_t>(m));
-    free_float_vector(contrast);
+    if (rem_f_test(F, m, dof, resels, &result->effect_size, &result->t_value, &result->p_raw,
+                   &result->p_corrected, &result->effect_error, &ws->domain_a, &ws->domain_b) != 0)
+        return REM_VOXEL_IBETA_DOMAIN_ERROR;
+    return REM_VOXEL_DONE;
+}
 
-    rem_f_test(F, m, dof, resels, effect_size, t_value, p_raw, p_corrected, effect_error);
+int REM_calculate_F(int n, int resels, int condition, int dof, float *t_value, float *p_raw,
+                    float *p_corrected, float *effect_size, float *effect_error) {
+    if (REM_check_condition(n, condition) != 0) return 1;
+    rem_model_view model = rem_current_model();
+    rem_workspace *ws = rem_workspace_on_global_model(&model);
+    rem_test_result r;
+    const int status = rem_kernel_test(ws, condition, resels, dof, &r);
+    double a = ws->domain_a, b = ws->domain_b;
+    rem_workspace_free(ws);
+    if (status == REM_VOXEL_IBETA_DOMAIN_ERROR) ibeta_domain_exit(a, b);
+    *t_value = r.t_value;
+    *p_raw = r.p_raw;
+    *p_corrected = r.p_corrected;
+    *effect_size = r.effect_size;
+    *effect_error = r.effect_error;
     return 0;
 }
 

@@ -1,9 +1,10 @@
-// The fast per-voxel kernel against the plain operations, bit for bit: REML
+// Every voxel kernel against the model's own operations, bit for bit: REML
 // estimates, final fits and F tests on random designs and random voxels,
 // with special values (zeros, negatives, NaN, infinities, overflowing and
-// underflowing squares, exactly fitting data) and degenerate designs, for
-// every vector instruction set the processor has; and ordinary voxels must
-// take the fast route, or the comparison proves little.
+// underflowing squares, exactly fitting data) and degenerate designs; the
+// reference kernel on a workspace of its own, and the fast kernel with every
+// vector instruction set the processor has, whose ordinary voxels must take
+// its own route, or the comparison proves little.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -28,8 +29,9 @@ uint32_t bits(float v) {
     return u;
 }
 
-#define EXPECT_BITS(plain, fast, what) \
-    EXPECT_EQ(bits(plain), bits(fast)) << (what) << ": plain " << (plain) << ", fast " << (fast)
+#define EXPECT_BITS(model, kernel, what) \
+    EXPECT_EQ(bits(model), bits(kernel)) \
+        << (what) << ": model " << (model) << ", kernel " << (kernel)
 
 struct Design {
     const char *name;
@@ -78,19 +80,20 @@ Voxel draw_voxel(Random &rng, int n, Data data) {
     return v;
 }
 
-// One voxel through both: REML, then the final fit for several variances,
-// each followed by every condition's test.  Without `reml` the estimate is
-// left out and the fit starts from a fixed variance.  An `ordinary` voxel must
-// take the fast route for the estimate and the fits at the first two variances.
-void compare_voxel(rem_workspace *ws, Voxel v, bool reml, bool ordinary, Random &rng,
-                   const std::string &where) {
+// One voxel through the model's operations and the kernel: REML, then the
+// final fit for several variances, each followed by every condition's test.
+// Without `reml` the estimate is left out and the fit starts from a fixed
+// variance.  An `ordinary` voxel must not need the reference kernel for the
+// estimate and the fits at the first two variances.
+void compare_voxel(const rem_kernel *kernel, rem_workspace *ws, Voxel v, bool reml, bool ordinary,
+                   Random &rng, const std::string &where) {
     const int n = static_cast<int>(v.y.size()), k = REM.nbasis;
-    const long general = rem_workspace_general_count(ws);
+    const long handed_on = rem_workspace_reference_count(ws);
     float fe_p = 7.0f, re_p = 0.7f, fe_f = 8.0f, re_f = 0.7f;
     if (reml) {
         const int rp = REM_REML_iterate(n, v.y.data(), v.s.data(), v.dof.data(), &fe_p, &re_p);
-        ASSERT_EQ(rp, rem_fast_reml(ws, n, v.y.data(), v.s.data(), v.dof.data(), &fe_f, &re_f))
-            << where;
+        const int rk = kernel->estimate(ws, v.y.data(), v.s.data(), v.dof.data(), &fe_f, &re_f);
+        ASSERT_EQ(rp, rk == REM_VOXEL_UNUSABLE ? -1 : 0) << where;
         EXPECT_BITS(fe_p, fe_f, where + " sigma2_fe");
         EXPECT_BITS(re_p, re_f, where + " sigma2_re");
     }
@@ -108,31 +111,32 @@ void compare_voxel(rem_workspace *ws, Voxel v, bool reml, bool ordinary, Random 
         const float sigma2 = variances[vi];
         const std::string at = where + " fit variance " + std::to_string(vi);
         std::vector<float> p(2 * n, 7.0f), f(2 * n, 8.0f);  // fitted, then event sums
-        const int ap = REM_fit_final(sigma2, n, v.y.data(), v.s.data(), p.data(), p.data() + n);
-        ASSERT_EQ(ap,
-                  rem_fast_fit_final(ws, sigma2, n, v.y.data(), v.s.data(), f.data(), f.data() + n))
+        ASSERT_EQ(REM_fit_final(sigma2, n, v.y.data(), v.s.data(), p.data(), p.data() + n), 0);
+        ASSERT_EQ(kernel->fit(ws, sigma2, v.y.data(), v.s.data(), f.data(), f.data() + n),
+                  REM_VOXEL_DONE)
             << at;
         for (int i = 0; i < 2 * n; ++i)
             EXPECT_BITS(p[i], f[i], at + (i < n ? " fitted " : " event_sum ") + std::to_string(i));
         for (int a = 0; a < k; ++a) {
             EXPECT_BITS(REM.beta[a], rem_workspace_beta(ws)[a], at + " beta");
             for (int b = 0; b < k; ++b)
-                EXPECT_BITS(REM.normal_inverse[a][b], rem_workspace_normal_inverse(ws)[a * k + b],
+                EXPECT_BITS(REM.normal_inverse[a][b], rem_workspace_normal_inverse(ws)[a][b],
                             at + " normal_inverse");
         }
         for (int c = 0; c < REM.nconditions; ++c) {
-            float q[5] = {7, 7, 7, 7, 7}, g[5] = {8, 8, 8, 8, 8};
+            float q[5] = {7, 7, 7, 7, 7};
+            rem_test_result g = {8, 8, 8, 8, 8};
             const int resels = 1 + c * 37, dof = 3 + c * 11;
-            const int cp = REM_calculate_F(n, resels, c, dof, &q[0], &q[1], &q[2], &q[3], &q[4]);
-            ASSERT_EQ(
-                cp, rem_fast_calculate_F(ws, n, resels, c, dof, &g[0], &g[1], &g[2], &g[3], &g[4]))
-                << at;
+            ASSERT_EQ(REM_calculate_F(n, resels, c, dof, &q[0], &q[1], &q[2], &q[3], &q[4]), 0);
+            ASSERT_EQ(kernel->test(ws, c, resels, dof, &g), REM_VOXEL_DONE) << at;
+            const float got[5] = {g.t_value, g.p_raw, g.p_corrected, g.effect_size, g.effect_error};
             const char *names[5] = {"t", "p_raw", "p_corrected", "effect_size", "effect_error"};
             for (int o = 0; o < 5; ++o)
-                EXPECT_BITS(q[o], g[o], at + " condition " + std::to_string(c) + " " + names[o]);
+                EXPECT_BITS(q[o], got[o], at + " condition " + std::to_string(c) + " " + names[o]);
         }
         if (ordinary && vi == 1) {
-            EXPECT_EQ(rem_workspace_general_count(ws), general) << where << ": not the fast route";
+            EXPECT_EQ(rem_workspace_reference_count(ws), handed_on)
+                << where << ": not the fast route";
         }
     }
 }
@@ -180,39 +184,36 @@ const std::vector<Design> designs = {
     {"large groups", 70, {{0, {{0, 34}}}, {0, {{35, 69}}}}, {}, {{{1, -1}}}},
 };
 
-void run_design(const Design &d, int voxels, uint64_t seed, bool general_only) {
+void run_design(const rem_kernel *kernel, const Design &d, int voxels, uint64_t seed) {
     build_model(d.n, d.events, d.weights);
     REM.nconditions = 0;
     for (size_t c = 0; c < d.conditions.size(); ++c)
         set_condition(static_cast<int>(c), d.conditions[c]);
-    rem_workspace *ws = rem_workspace_create();
-    rem_workspace_set_general_only(ws, general_only ? 1 : 0);
+    const rem_model_view model = rem_current_model();
+    rem_workspace *ws = rem_workspace_create(&model);
+    const bool fast = kernel == &rem_fast_kernel;
     Random rng(seed);
     const Data kinds[] = {Data::Normal, Data::Special, Data::ExactFit};
     for (int v = 0; v < voxels && !testing::Test::HasFatalFailure(); ++v) {
         Voxel voxel = draw_voxel(rng, d.n, kinds[v % 3]);
         if (d.reml_stops_only_on_nan && v % 2 == 0) voxel.y[0] = kNaN;
-        compare_voxel(ws, voxel, v % 2 == 0 || !d.reml_stops_only_on_nan,
-                      d.fast_route && !general_only && kinds[v % 3] == Data::Normal, rng,
-                      std::string(d.name) + " voxel " + std::to_string(v) + " (" +
-                          rem_fast_instruction_set() + ")");
+        compare_voxel(kernel, ws, voxel, v % 2 == 0 || !d.reml_stops_only_on_nan,
+                      fast && d.fast_route && kinds[v % 3] == Data::Normal, rng,
+                      std::string(d.name) + " voxel " + std::to_string(v) + " (" + kernel->name +
+                          (fast ? std::string(", ") + rem_fast_instruction_set() : "") + ")");
     }
     rem_workspace_free(ws);
 }
 
 }  // namespace
 
-TEST(FastReml, MatchesThePlainOperationsBitForBit) {
-    for (const char *isa : {"sse2", "avx2", "avx512"}) {
+TEST(VoxelKernels, MatchTheModelsOperationsBitForBit) {
+    uint64_t seed = 11;
+    for (const Design &d : designs) run_design(&rem_reference_kernel, d, d.n > 40 ? 4 : 30, seed++);
+    const std::string best = rem_fast_instruction_set();
+    for (const char *isa : {"scalar", "sse2", "avx2", "avx512"}) {
         if (rem_fast_select_instruction_set(isa) != 0) continue;  // the processor lacks it
-        uint64_t seed = 11;
-        for (const Design &d : designs) run_design(d, d.n > 40 ? 6 : 60, seed++, false);
+        for (const Design &d : designs) run_design(&rem_fast_kernel, d, d.n > 40 ? 6 : 60, seed++);
     }
-}
-
-// Every voxel handed to the plain operations (as where a shortcut does not
-// apply): the workspace must then hold their fit for its own F test.
-TEST(FastReml, GeneralRouteMatchesThePlainOperations) {
-    uint64_t seed = 101;
-    for (const Design &d : designs) run_design(d, d.n > 40 ? 3 : 15, seed++, true);
+    rem_fast_select_instruction_set(best.c_str());
 }

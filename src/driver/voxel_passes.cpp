@@ -1,0 +1,209 @@
+// The voxel passes: one loop over the voxels, in chunks, on the threads of
+// the route, calling a kernel of the model on each voxel (see
+// voxel_passes.h).
+#include "voxel_passes.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
+#include "signal_data.h"
+#include "util.h"
+
+namespace {
+
+int thread_index() {
+#ifdef _OPENMP
+    return omp_get_thread_num();
+#else
+    return 0;
+#endif
+}
+
+// What one thread works with.
+struct thread_state {
+    rem_workspace *ws;
+    std::vector<float> effects, errors, fitted, event_sum;
+};
+
+class thread_states {
+  public:
+    thread_states(const voxel_pass_setup &setup)
+        : states_(static_cast<size_t>(setup.route.threads)) {
+        const size_t n = static_cast<size_t>(setup.nfiles);
+        for (thread_state &s : states_) {
+            s.ws = rem_workspace_create(setup.model);
+            s.effects.resize(n);
+            s.errors.resize(n);
+            s.fitted.resize(n);
+            s.event_sum.resize(n);
+        }
+    }
+    ~thread_states() {
+        long reference = 0;
+        for (thread_state &s : states_) {
+            reference += rem_workspace_reference_count(s.ws);
+            rem_workspace_free(s.ws);
+        }
+        // How often the fast kernel's shortcuts did not apply, for whoever
+        // tunes the program.
+        const char *verbose = std::getenv("FMRI_REM_VERBOSE");
+        if (verbose != nullptr && verbose[0] != '\0' && std::strcmp(verbose, "0") != 0)
+            std::fprintf(stderr,
+                         "fmri-rem: %s kernel on %zu threads; %ld voxels took the "
+                         "reference kernel\n",
+                         kernel_name_, states_.size(), reference);
+    }
+    thread_state &mine() { return states_[static_cast<size_t>(thread_index())]; }
+    void set_kernel_name(const char *name) { kernel_name_ = name; }
+
+  private:
+    std::vector<thread_state> states_;
+    const char *kernel_name_ = "";
+};
+
+// One pass: for each chunk of voxels, voxel(state, i) runs on the threads
+// and returns the voxel's status; then the main thread hands the statuses to
+// report(i, status) in voxel order (false ends the pass) and prints the
+// progress line of every step-th voxel.  0, or 1 when the signal data could
+// not be read or report said so.
+template <class Voxel, class Report>
+int run_pass(const voxel_pass_setup &setup, signal_chunks &values, const char *what, Voxel voxel,
+             Report report) {
+    const int chunk = values.chunk_voxels();
+    std::vector<int> status(static_cast<size_t>(chunk));
+    for (int c0 = 0; c0 < setup.nvoxels; c0 += chunk) {
+        const int c1 = setup.nvoxels - c0 < chunk ? setup.nvoxels : c0 + chunk;
+        if (!values.fetch(c0, c1 - c0)) return 1;
+#pragma omp parallel for num_threads(setup.route.threads) schedule(dynamic, 16)
+        for (int i = c0; i < c1; ++i) status[static_cast<size_t>(i - c0)] = voxel(i);
+        for (int i = c0; i < c1; ++i) {
+            if (!report(i, status[static_cast<size_t>(i - c0)])) return 1;
+            if (i % setup.step == 0) {
+                std::printf("\r %d percent done computing %s", (100 / 100 * i) / setup.step, what);
+                std::fflush(stdout);
+            }
+        }
+    }
+    return check_signal_files_unchanged();
+}
+
+}  // namespace
+
+voxel_route voxel_route_from_environment(void) {
+    const char *plain = std::getenv("FMRI_REM_PLAIN");
+    if (plain != nullptr && plain[0] != '\0' && std::strcmp(plain, "0") != 0)
+        return voxel_route{&rem_reference_kernel, 1, 0};
+#ifdef _OPENMP
+    const int threads = omp_get_max_threads();
+#else
+    const int threads = 1;
+#endif
+    return voxel_route{&rem_fast_kernel, threads > 0 ? threads : 1, 1};
+}
+
+int variance_pass(const voxel_pass_setup &setup, int *unestimable) {
+    signal_chunks values(setup.entries, setup.nfiles);
+    thread_states states(setup);
+    states.set_kernel_name(setup.route.kernel->name);
+    const rem_kernel *kernel = setup.route.kernel;
+    const int nfiles = setup.nfiles;
+    auto voxel = [&](int i) {
+        thread_state &s = states.mine();
+        // The model squares the errors; their absolute values are passed.
+        for (int k = 0; k < nfiles; ++k) {
+            s.effects[k] = values.effect(k, i);
+            s.errors[k] = std::fabs(values.error(k, i));
+        }
+        float fe = 0.0f, re = 0.0f;
+        const int result =
+            kernel->estimate(s.ws, s.effects.data(), s.errors.data(), setup.dofs, &fe, &re);
+        Sigma2_FE_map[i] = fe;
+        Sigma2_RE_map[i] = re;
+        return result;
+    };
+    int count = 0;
+    auto report = [&](int, int status) {
+        if (status == REM_VOXEL_UNUSABLE) ++count;
+        return true;
+    };
+    const int result = run_pass(setup, values, "RE variance", voxel, report);
+    *unestimable += count;
+    return result;
+}
+
+int statistics_pass(const voxel_pass_setup &setup, int residue_requested, int nconditions,
+                    int dof) {
+    signal_chunks values(setup.entries, setup.nfiles);
+    thread_states states(setup);
+    states.set_kernel_name(setup.route.kernel->name);
+    const rem_kernel *kernel = setup.route.kernel;
+    const int nfiles = setup.nfiles;
+    const int64_t n = setup.nvoxels;
+    const int correct = REM_input.multiple_comparisons != 0;
+    // The arguments of the incomplete beta function at a voxel whose test
+    // failed, by the voxel's place in its chunk.
+    std::vector<std::pair<double, double>> domain(static_cast<size_t>(values.chunk_voxels()));
+    auto voxel = [&](int i) {
+        thread_state &s = states.mine();
+        for (int k = 0; k < nfiles; ++k) {
+            s.effects[k] = values.effect(k, i);
+            s.errors[k] = values.error(k, i);
+        }
+        // A voxel whose random variance is exactly 0 is skipped: zeros
+        // throughout.
+        const float re = Sigma2_RE_map[i];
+        const bool skipped = (re == 0.0f);
+        if (skipped) {
+            if (residue_requested)
+                for (int k = 0; k < nfiles; ++k) Residue_series[k * n + i] = 0.0f;
+        } else {
+            kernel->fit(s.ws, re, s.effects.data(), s.errors.data(), s.fitted.data(),
+                        s.event_sum.data());
+            if (residue_requested)
+                for (int k = 0; k < nfiles; ++k)
+                    Residue_series[k * n + i] = s.effects[k] - s.fitted[k];
+        }
+        for (int c = 0; c < nconditions; ++c) {
+            rem_test_result r = {0.0f, 0.0f, 0.0f, 0.0f, 0.0f};
+            if (!skipped && kernel->test(s.ws, c, resels, dof, &r) != REM_VOXEL_DONE) {
+                std::pair<double, double> &ab = domain[static_cast<size_t>(i) % domain.size()];
+                rem_workspace_ibeta_domain(s.ws, &ab.first, &ab.second);
+                return static_cast<int>(REM_VOXEL_IBETA_DOMAIN_ERROR);
+            }
+            store_condition_results(c, i, skipped, correct, r.t_value, r.p_raw, r.p_corrected,
+                                    r.effect_size, r.effect_error);
+        }
+        return static_cast<int>(REM_VOXEL_DONE);
+    };
+    auto report = [&](int i, int status) {
+        if (status == REM_VOXEL_IBETA_DOMAIN_ERROR) {
+            const std::pair<double, double> &ab = domain[static_cast<size_t>(i) % domain.size()];
+            ibeta_domain_exit(ab.first, ab.second);
+        }
+        return true;
+    };
+    return run_pass(setup, values, "statistics", voxel, report);
+}
+
+void store_condition_results(int c, int voxel, int skipped, int correct, float t, float p_raw,
+                             float p_corrected, float s, float ds) {
+    float p_code = 0.0f;
+    if (!skipped) {
+        const float p = correct ? p_corrected : p_raw;
+        p_code = static_cast<float>(-std::log10(static_cast<double>(p)));
+        if (t < 0.0f) p_code = -p_code;
+    }
+    P_map[c][voxel] = p_code;
+    T_map[c][voxel] = t;
+    S_map[c][voxel] = s;
+    dS_map[c][voxel] = ds;
+}
