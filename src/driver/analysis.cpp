@@ -62,7 +62,13 @@ int compute_effective_dof(int *dof) {
     float smoothed_random = static_cast<float>(random_dof) * boost;
     double combined =
         1.0 / (1.0 / static_cast<double>(smoothed_random) + 1.0 / static_cast<double>(fixed_dof));
-    *dof = static_cast<int>(std::rint(combined));
+    const double rounded = std::rint(combined);
+    if (!(rounded >= -2147483648.0 && rounded <= 2147483647.0)) {
+        // Not a number, or beyond an int (huge widths or degrees of freedom).
+        std::printf("Error: the smoothed degrees of freedom (%g) are out of range.\n", combined);
+        std::exit(1);
+    }
+    *dof = static_cast<int>(rounded);
 
     std::printf("Effective isotropic resolution    = %4.2f mm\n", static_cast<double>(r));
     std::printf("Smoothing FWHM for variance ratio = %g mm\n", static_cast<double>(f));
@@ -117,9 +123,12 @@ int analyze_random_effects_on(const voxel_route &route, int residue_requested, i
     // Volumes of fewer than 100 voxels report every voxel.
     setup.step = nvoxels / 100 > 0 ? nvoxels / 100 : 1;
 
-    int unestimable = 0;
-    if (variance_pass(setup, &unestimable) != 0) return 1;
+    int unestimable = 0, unsettled = 0;
+    if (variance_pass(setup, &unestimable, &unsettled) != 0) return 1;
     std::printf("\r 100 percent done computing RE variance\n");
+    if (unsettled > 0)
+        std::printf("Warning: %d voxels were left out: their variance estimate did not settle.\n",
+                    unsettled);
 
     FILE *stream = nullptr;
     if (open_output_file(0, 3, dof, "sigma2", &stream) != 0) return 1;

@@ -144,6 +144,10 @@ int main(int argc, char **argv) {
     int dof = 0;
     compute_effective_dof(&dof);
 
+    // A design that cannot be estimated would keep the voxel passes going
+    // for ever.
+    if (REM_check_design() != 0) std::exit(1);
+
     if (analyze_random_effects_on(route, residue_requested, nconditions, dof) != 0) std::exit(1);
 
     if (write_output_files(residue_requested, nlinked, nconditions, dof) != 0) {

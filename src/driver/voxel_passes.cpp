@@ -110,7 +110,7 @@ voxel_route voxel_route_from_environment(void) {
     return voxel_route{&rem_fast_kernel, threads > 0 ? threads : 1, 1};
 }
 
-int variance_pass(const voxel_pass_setup &setup, int *unestimable) {
+int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle) {
     signal_chunks values(setup.entries, setup.nfiles);
     thread_states states(setup);
     states.set_kernel_name(setup.route.kernel->name);
@@ -130,13 +130,15 @@ int variance_pass(const voxel_pass_setup &setup, int *unestimable) {
         Sigma2_RE_map[i] = re;
         return result;
     };
-    int count = 0;
+    int count = 0, unsettled = 0;
     auto report = [&](int, int status) {
         if (status == REM_VOXEL_UNUSABLE) ++count;
+        if (status == REM_VOXEL_UNSETTLED) ++unsettled;
         return true;
     };
     const int result = run_pass(setup, values, "RE variance", voxel, report);
     *unestimable += count;
+    *did_not_settle += unsettled;
     return result;
 }
 

@@ -44,9 +44,10 @@ struct voxel_pass_setup {
 };
 
 // First pass: REML variances into Sigma2_FE_map and Sigma2_RE_map; the
-// voxels that could not be estimated are added to *unestimable.  0, or 1
-// when the signal data could not be read.
-int variance_pass(const voxel_pass_setup &setup, int *unestimable);
+// voxels that could not be estimated are added to *unestimable, those whose
+// estimate did not settle to *did_not_settle (both are left out of the
+// second pass).  0, or 1 when the signal data could not be read.
+int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle);
 
 // Second pass: final fit and every condition's test into P_map, T_map,
 // S_map, dS_map (and Residue_series when requested).  0, or 1 when the

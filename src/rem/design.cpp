@@ -1,8 +1,13 @@
 // The design matrix: one row per signal file, one column per event, and the
 // one-time allocation of every matrix that the fit works with.
+#include <float.h>
 #include <math.h>
 #include <stdint.h>
 #include <stdio.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
 
 #include "rem.h"
 #include "util.h"
@@ -144,4 +149,94 @@ void REMInternal_define_design_matrix(void) {
             }
         }
     }
+}
+
+namespace {
+
+// The character of event e, for messages.
+char event_character(int e) {
+    char c = '?';
+    REM_EventCharFromInteger(REM.event_number[e], &c);
+    return c;
+}
+
+}  // namespace
+
+int REM_check_design(void) {
+    const int n = REM.nfiles, k = REM.nbasis;
+    // A design holding values that are not finite is used as it is.
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < k; ++j)
+            if (!std::isfinite(REM.design[i][j])) return 0;
+
+    // Gram-Schmidt in double over the columns in event order.  Q holds an
+    // orthonormal basis of the independent columns met so far and R their
+    // coordinates (X_S = Q.R, upper triangular), so a column that lies in
+    // their span is written in terms of the events themselves.
+    const double tolerance = static_cast<double>(n > k ? n : k) * FLT_EPSILON;
+    std::vector<std::vector<double>> Q, R;
+    std::vector<int> independent;
+    for (int j = 0; j < k; ++j) {
+        std::vector<double> x(static_cast<size_t>(n)), r(static_cast<size_t>(n));
+        double norm = 0.0;
+        for (int i = 0; i < n; ++i) {
+            x[i] = r[i] = REM.design[i][j];
+            norm += x[i] * x[i];
+        }
+        norm = std::sqrt(norm);
+        if (norm == 0.0) {
+            printf("Error: event %c covers no file: the design cannot be estimated.\n",
+                   event_character(j));
+            return 1;
+        }
+        const size_t m = Q.size();
+        std::vector<double> coordinates(m, 0.0);
+        for (int pass = 0; pass < 2; ++pass) {  // twice, for a clean residue
+            for (size_t q = 0; q < m; ++q) {
+                double d = 0.0;
+                for (int i = 0; i < n; ++i) d += Q[q][i] * r[i];
+                for (int i = 0; i < n; ++i) r[i] -= d * Q[q][i];
+                coordinates[q] += d;
+            }
+        }
+        double rest = 0.0;
+        for (int i = 0; i < n; ++i) rest += r[i] * r[i];
+        rest = std::sqrt(rest);
+        if (rest > tolerance * norm) {
+            for (int i = 0; i < n; ++i) r[i] /= rest;
+            Q.push_back(r);
+            coordinates.push_back(rest);
+            R.push_back(coordinates);
+            independent.push_back(j);
+            continue;
+        }
+        // x = Q.coordinates = X_S.c with R.c = coordinates: the events with a
+        // part in c depend on each other together with event j.
+        std::vector<double> c(m, 0.0);
+        for (size_t q = m; q-- > 0;) {
+            double v = coordinates[q];
+            for (size_t p = q + 1; p < m; ++p) v -= R[p][q] * c[p];
+            c[q] = v / R[q][q];
+        }
+        std::string events;
+        std::vector<char> names;
+        for (size_t q = 0; q < m; ++q) {
+            double size = 0.0;
+            for (int i = 0; i < n; ++i)
+                size += REM.design[i][independent[q]] * REM.design[i][independent[q]];
+            if (std::fabs(c[q]) * std::sqrt(size) > tolerance * norm)
+                names.push_back(event_character(independent[q]));
+        }
+        names.push_back(event_character(j));
+        for (size_t a = 0; a < names.size(); ++a) {
+            if (a > 0) events += a + 1 == names.size() ? " and " : ", ";
+            events += names[a];
+        }
+        printf(
+            "Error: the design columns of events %s are linearly dependent: the design cannot be "
+            "estimated.\n",
+            events.c_str());
+        return 1;
+    }
+    return 0;
 }

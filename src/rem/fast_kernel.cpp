@@ -192,28 +192,32 @@ void residue_squared_times(rem_workspace *ws, const float *y, bool y_finite, flo
     }
 }
 
-// The REML estimate by the fast route; false when a shortcut's conditions
-// fail on the way (the caller then hands the whole voxel to
-// REM_REML_iterate).  The error values are positive here.
-bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float *result) {
+// The REML estimate by the fast route: REM_VOXEL_DONE with the estimate,
+// REM_VOXEL_UNSETTLED, or kHandOn when a shortcut's conditions fail on the
+// way (the caller then hands the whole voxel to the reference kernel).  The
+// error values are positive here.
+const int kHandOn = 100;
+
+int fast_reml(rem_workspace *ws, const float *effect, const float *error, float *result) {
     const int n = ws->n, k = ws->k;
-    if (!fast_route_applies(ws, error)) return false;
+    if (!fast_route_applies(ws, error)) return kHandOn;
 
     bool y_finite = true;
     for (int i = 0; i < n; ++i) y_finite = y_finite && std::isfinite(effect[i]);
 
     // Unit weights first: the inverse of the identity is the identity.
     for (int i = 0; i < n; ++i) ws->w[i] = 1.0f;
-    if (!fast_residue(ws, true)) return false;
+    if (!fast_residue(ws, true)) return kHandOn;
     transposed_times(ws, ws->Rt, effect, ws->t);
     const float q = dot(n, effect, ws->t);
     float sigma2 = q / static_cast<float>(n - k);
 
     float sigma2_new = 0.0f;
     float change = std::fabs(1.0f - sigma2_new / sigma2);
+    rem_cycle_detector cycle(sigma2);
     while (change > 0.05f) {
-        if (!diagonal_weights(ws, sigma2)) return false;
-        if (!fast_residue(ws, true)) return false;
+        if (!diagonal_weights(ws, sigma2)) return kHandOn;
+        if (!fast_residue(ws, true)) return kHandOn;
         // Trace of S^2.R: its diagonal is s_i^2 . R[i][i].
         float trace = 0.0f;
         for (int i = 0; i < n; ++i) trace += ws->fv2[i] * ws->Rt[static_cast<long>(i) * ws->ld + i];
@@ -224,9 +228,10 @@ bool fast_reml(rem_workspace *ws, const float *effect, const float *error, float
         sigma2_new = (a + b) / static_cast<float>(n);
         change = std::fabs(1.0f - sigma2_new / sigma2);
         sigma2 = sigma2_new;
+        if (change > 0.05f && cycle.repeats(sigma2)) return REM_VOXEL_UNSETTLED;
     }
     *result = sigma2_new;
-    return true;
+    return REM_VOXEL_DONE;
 }
 
 // The weighting of the final fit by the fast route; false when a shortcut's
@@ -242,9 +247,15 @@ int fast_estimate(rem_workspace *ws, const float *effect, const float *error, co
     if (rem_fixed_effects_variance(ws->n, error, dof, sigma2_fe, sigma2_re) != 0)
         return REM_VOXEL_UNUSABLE;
     float re = 0.0f;
-    if (fast_reml(ws, effect, error, &re)) {
+    const int status = fast_reml(ws, effect, error, &re);
+    if (status == REM_VOXEL_DONE) {
         *sigma2_re = re;
         return REM_VOXEL_DONE;
+    }
+    if (status == REM_VOXEL_UNSETTLED) {
+        *sigma2_fe = 0.0f;
+        *sigma2_re = 0.0f;
+        return REM_VOXEL_UNSETTLED;
     }
     ++ws->reference_count;
     return rem_reference_estimate(ws, effect, error, dof, sigma2_fe, sigma2_re);

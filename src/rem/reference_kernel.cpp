@@ -102,9 +102,11 @@ int rem_reference_estimate(rem_workspace *ws, const float *effect, const float *
     float sigma2 = q / static_cast<float>(n - k);
 
     // Expectation-maximisation steps until one changes the estimate by at
-    // most 5 %.  A NaN change (0/0) ends the loop.
+    // most 5 %.  A NaN change (0/0) ends the loop; an estimate that repeats
+    // would keep it going for ever: the voxel is then left out.
     float sigma2_new = 0.0f;
     float change = std::fabs(1.0f - sigma2_new / sigma2);
+    rem_cycle_detector cycle(sigma2);
     while (change > 0.05f) {
         set_weighting(ws, sigma2);
         rem_reference_residue_matrix(ws);
@@ -119,6 +121,11 @@ int rem_reference_estimate(rem_workspace *ws, const float *effect, const float *
         sigma2_new = (a + b) / static_cast<float>(n);
         change = std::fabs(1.0f - sigma2_new / sigma2);
         sigma2 = sigma2_new;
+        if (change > 0.05f && cycle.repeats(sigma2)) {
+            *sigma2_fe = 0.0f;
+            *sigma2_re = 0.0f;
+            return REM_VOXEL_UNSETTLED;
+        }
     }
 
     *sigma2_re = sigma2_new;
@@ -215,7 +222,7 @@ int REM_REML_iterate(int n, const float *effect, const float *error, const int *
     rem_workspace *ws = rem_workspace_on_global_model(&model);
     const int result = rem_reference_estimate(ws, effect, error, dof, sigma2_fe, sigma2_re);
     rem_workspace_free(ws);
-    return result == REM_VOXEL_UNUSABLE ? -1 : 0;
+    return result == REM_VOXEL_DONE ? 0 : -1;
 }
 
 int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,

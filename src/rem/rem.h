@@ -82,6 +82,11 @@ void REMInternal_describe_rem_format(void);
 
 // ---- design matrix (design.cpp) ----
 void REMInternal_define_design_matrix(void);
+// 0 when the design can be estimated, or holds values that are not finite
+// (which only draw a warning); else 1 after one line naming the events: an
+// event that covers no file, or events whose columns are linearly dependent
+// (in double precision, to a relative tolerance).
+int REM_check_design(void);
 
 // ---- conditions (conditions.cpp) ----
 int REM_define_conditions(const char *text, int *count);
@@ -142,9 +147,12 @@ rem_model_view rem_current_model(void);
 // Per-voxel results of a kernel.
 enum {
     REM_VOXEL_DONE = 0,
-    REM_VOXEL_UNUSABLE = -1, /* an error value is not > 0: both variances 0 */
-    REM_VOXEL_IBETA_DOMAIN_ERROR =
-        2 /* the test's p value is undefined (see rem_workspace_ibeta_domain) */
+    // An error value is not > 0: both variances 0.
+    REM_VOXEL_UNUSABLE = -1,
+    // The test's p value is undefined (see rem_workspace_ibeta_domain).
+    REM_VOXEL_IBETA_DOMAIN_ERROR = 2,
+    // The REML estimate repeats without settling: both variances 0.
+    REM_VOXEL_UNSETTLED = 3
 };
 
 typedef struct rem_workspace rem_workspace;
@@ -166,7 +174,8 @@ typedef struct {
 typedef struct {
     const char *name; /* "reference" or "fast" */
     // First pass: the fixed-effects variance and the REML estimate of the
-    // random-effects variance; REM_VOXEL_DONE or REM_VOXEL_UNUSABLE.
+    // random-effects variance; REM_VOXEL_DONE, REM_VOXEL_UNUSABLE or
+    // REM_VOXEL_UNSETTLED.
     int (*estimate)(rem_workspace *ws, const float *effect, const float *error, const int *dof,
                     float *sigma2_fe, float *sigma2_re);
     // Second pass: the fit with the random-effects variance held fixed;

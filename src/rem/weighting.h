@@ -7,12 +7,48 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 // -1 with both variances 0 when an error value is not positive (0, negative
 // or NaN); else 0 with sigma2_fe = the error values squared, weighted by the
 // files' degrees of freedom (sigma2_re is not touched).
 int rem_fixed_effects_variance(int n, const float *error, const int *dof, float *sigma2_fe,
                                float *sigma2_re);
+
+// The REML loop's update is a function of the float estimate alone, so once
+// an estimate repeats, the loop runs through the same values for ever.
+// Brent's cycle detection sees such a repeat, bit for bit, within a few
+// cycle lengths of its start, keeping one saved estimate: repeats(x) is true
+// when x equals the saved estimate, or when the loop has taken kMaxSteps
+// steps (a safety net; no float sequence that does not repeat gets there).
+class rem_cycle_detector {
+  public:
+    static const int kMaxSteps = 10000;
+
+    explicit rem_cycle_detector(float start) : saved_(bits(start)) {}
+
+    bool repeats(float x) {
+        const uint32_t b = bits(x);
+        if (b == saved_ || ++steps_ >= kMaxSteps) return true;
+        if (++since_ == power_) {
+            saved_ = b;
+            power_ *= 2;
+            since_ = 0;
+        }
+        return false;
+    }
+
+  private:
+    static uint32_t bits(float x) {
+        uint32_t b;
+        std::memcpy(&b, &x, sizeof b);
+        return b;
+    }
+    uint32_t saved_;
+    int power_ = 1;
+    int since_ = 0;
+    int steps_ = 0;
+};
 
 // From F = Q/m of a contrast of m rows and dof degrees of freedom: t =
 // sqrt(F) with the sign of the effect size, effect_error = effect size / t,
