@@ -23,7 +23,7 @@ int rem_fixed_effects_variance(int n, const float *error, const int *dof, float 
 // steps (a safety net; no float sequence that does not repeat gets there).
 class rem_cycle_detector {
   public:
-    static const int kMaxSteps = 10000;
+    static constexpr int kMaxSteps = 10000;
 
     explicit rem_cycle_detector(float start) : saved_(bits(start)) {}
 

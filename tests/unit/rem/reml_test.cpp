@@ -11,6 +11,7 @@
 
 #include "rem.h"
 #include "rem_test_model.h"
+#include "weighting.h"
 
 using namespace rem_test;
 
@@ -102,4 +103,30 @@ TEST(RemlIterate, ExactCases) {
             EXPECT_EQ(REM.v_inverse[0][0], 1.0f);
         }
     }
+}
+
+// The cycle detection of the REML loop on sequences that repeat from step
+// mu + lambda on (a tail of mu distinct values, then a cycle of lambda): it
+// never fires before the first repeat, and fires within a few cycle lengths
+// after it; a sequence without repeats only meets the step cap.
+TEST(RemlIterate, CycleDetectionProperty) {
+    for (int mu : {0, 1, 2, 5, 17, 100}) {
+        for (int lambda : {1, 2, 3, 7, 64, 129, 1000}) {
+            auto x = [&](int t) {  // distinct values, -0 and +0 among them
+                const int i = t < mu ? t : mu + (t - mu) % lambda;
+                return i == 0 ? -0.0f : static_cast<float>(i - 1) * 0.37f;
+            };
+            rem_cycle_detector cycle(x(0));
+            int fired = 0;
+            for (int t = 1; t < 20000 && fired == 0; ++t)
+                if (cycle.repeats(x(t))) fired = t;
+            EXPECT_GE(fired, mu + lambda) << mu << " " << lambda;
+            EXPECT_LE(fired, 4 * (mu + lambda) + 2) << mu << " " << lambda;
+        }
+    }
+    rem_cycle_detector growing(1.0f);
+    int fired = 0;
+    for (int t = 1; t <= 20000 && fired == 0; ++t)
+        if (growing.repeats(1.0f + static_cast<float>(t) * 1e-3f)) fired = t;
+    EXPECT_EQ(fired, rem_cycle_detector::kMaxSteps);
 }
