@@ -20,10 +20,17 @@ build: setup
 example: build
 	@bash scripts/run-example.sh $(BUILD)
 
+# The Release build that users run and the sanitizer build (stopping at the
+# first report of undefined behaviour), each with every test, then the
+# style of every C++ file.
 check: setup
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS)
+	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 	@cmake -S . -B $(CHECK_BUILD) -DCMAKE_BUILD_TYPE=Release -DFMRI_REM_SANITIZE=ON >/dev/null
 	@cmake --build $(CHECK_BUILD) -j $(JOBS)
 	@cd $(CHECK_BUILD) && ctest --output-on-failure -j $(JOBS)
+	@bash scripts/check-format.sh
 
 # Timing of the fast and the plain voxel passes on simulated studies.
 bench: build

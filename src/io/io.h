@@ -146,10 +146,10 @@ mat44 invert_mat44(mat44 m);
 
 // Records the geometry that every result volume takes (that of the first
 // signal file) and whether NIfTI-1 files are written instead of native
-// headers.  The driver calls it once, before the first open_output_file;
-// resolution, origin and direction are three floats each and are copied.
-// Until it is called the geometry is 0 x 0 x 0 voxels with resolution 1,
-// origin 0, direction 1, and the output is native.
+// headers.  The driver calls it once, when the signal files are read and
+// before the first open_output_file; resolution, origin and direction are
+// three floats each and are copied.  open_output_file refuses to open
+// anything until it has been called.
 void set_output_geometry(int nx, int ny, int nz, const float *resolution, const float *origin,
                          const float *direction, int nifti_output);
 
@@ -157,6 +157,8 @@ void set_output_geometry(int nx, int ny, int nz, const float *resolution, const 
 // when NIfTI output is selected) with frames frames and dof degrees of
 // freedom, and opens the data file (stem + ".bfloat") into *stream,
 // positioned for the first value.  with_dof_extension only affects NIfTI.
+// 1 after a message when a file cannot be opened, or when the geometry has
+// not been set yet.
 int open_output_file(int with_dof_extension, int frames, int dof, const char *stem, FILE **stream);
 
 #ifdef __cplusplus

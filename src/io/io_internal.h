@@ -69,6 +69,7 @@ struct output_geometry {
     float origin[3];
     float direction[3];
     int nifti_output;
+    int set;  // 0 until set_output_geometry is called
 };
 extern output_geometry output;
 

@@ -8,7 +8,8 @@
 
 namespace io_internal {
 
-output_geometry output = {0, 0, 0, {1.0f, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f}, {1.0f, 1.0f, 1.0f}, 0};
+output_geometry output = {0, 0, 0, {1.0f, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f}, {1.0f, 1.0f, 1.0f},
+                          0, 0};
 
 bool output_name(const char *stem, const char *extension, char *name) {
     if (join_name(stem, strlen(stem), extension, name, IO_NAME_LENGTH)) return true;
@@ -33,10 +34,16 @@ void set_output_geometry(int nx, int ny, int nz, const float *resolution, const 
         g.direction[i] = direction[i];
     }
     g.nifti_output = nifti_output;
+    g.set = 1;
 }
 
 int open_output_file(int with_dof_extension, int frames, int dof, const char *stem, FILE **stream) {
     const io_internal::output_geometry &g = io_internal::output;
+    if (!g.set) {
+        printf("Programming error: the output geometry is not known before %s is opened.\n", stem);
+        *stream = nullptr;
+        return 1;
+    }
     if (g.nifti_output) {
         // Failures of the NIfTI writer are reported by it and not passed
         // on, except when no data stream could be opened at all.
