@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 #include "report_internal.h"
@@ -24,6 +25,15 @@ std::string number(double x) {
     return format("%g", x);
 }
 
+// A path as the reader best finds it: absolute and without "..".
+std::string display_path(const std::string &path) {
+    char *full = realpath(path.c_str(), nullptr);
+    if (full == nullptr) return path;
+    std::string s = full;
+    std::free(full);
+    return s;
+}
+
 const char *kStyle = R"(
 body { font-family: "DejaVu Sans", Arial, sans-serif; max-width: 1120px; margin: 1.5em auto;
        padding: 0 1em; color: #1a1a1a; line-height: 1.45; }
@@ -41,7 +51,7 @@ tr.sub td { color: #555; border-top-style: dotted; }
 .views { display: flex; flex-wrap: wrap; gap: 14px; align-items: flex-end; }
 .views figcaption, .bar figcaption { font-size: 0.85em; text-align: center; }
 .bar { display: flex; gap: 10px; align-items: flex-start; margin: 0.5em 0; }
-.bar .ends { display: flex; justify-content: space-between; font-size: 0.8em; }
+.ends { display: flex; justify-content: space-between; font-size: 0.8em; }
 .design { display: grid; grid-template-columns: auto auto; column-gap: 6px; }
 .design .cols { display: flex; font-size: 0.85em; }
 .design .cols span { text-align: center; }
@@ -83,11 +93,11 @@ std::string run_section(const options &o, const results &r) {
     auto row = [&](const std::string &name, const std::string &value) {
         h += "<tr><th>" + name + "</th><td>" + value + "</td></tr>\n";
     };
-    row("Results folder", "<code>" + html_escape(o.results_dir) + "</code>");
+    row("Results folder", "<code>" + html_escape(display_path(o.results_dir)) + "</code>");
     row("Analysis file", f.analysis_path.empty()
                              ? "not found (it is named in <code>.vistra</code> or given with "
                                "<code>--analysis</code>)"
-                             : "<code>" + html_escape(f.analysis_path) + "</code>");
+                             : "<code>" + html_escape(display_path(f.analysis_path)) + "</code>");
     std::string per_event;
     for (size_t e = 0; e < f.events.size(); ++e)
         per_event +=
@@ -131,7 +141,8 @@ std::string run_section(const options &o, const results &r) {
                        html_escape(f.results_time) + "; this page made " + today);
     h += "</table>\n";
     if (!f.analysis_text.empty())
-        h += "<p>The analysis file:</p>\n<pre>" + html_escape(f.analysis_text) + "</pre>\n";
+        h += "<details><summary>The analysis file's text</summary>\n<pre>" +
+             html_escape(f.analysis_text) + "</pre></details>\n";
     return h;
 }
 
@@ -202,10 +213,10 @@ std::string html_escape(const std::string &text) {
 
 std::string page_html(const options &o, const results &r) {
     std::string h = "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
-    h += "<title>fmri-rem report: " + html_escape(o.results_dir) + "</title>\n<style>" + kStyle +
-         "</style>\n</head>\n<body>\n";
+    h += "<title>fmri-rem report: " + html_escape(display_path(o.results_dir)) +
+         "</title>\n<style>" + kStyle + "</style>\n</head>\n<body>\n";
     h += "<h1>Group analysis report</h1>\n";
-    h += "<p>What fmri-rem found in <code>" + html_escape(o.results_dir) +
+    h += "<p>What fmri-rem found in <code>" + html_escape(display_path(o.results_dir)) +
          "</code>. For each condition (a test of the events' effects) the page shows where the "
          "test passes the threshold: <span class=\"plus\">red to yellow</span> where the "
          "condition's effect is positive, <span class=\"minus\">blue to pale cyan</span> where "

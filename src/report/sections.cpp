@@ -26,9 +26,9 @@ constexpr size_t kMostClusters = 25;
 
 std::string bar_figure(const image &bar, const std::string &left, const std::string &right,
                        const std::string &caption) {
-    return "<figure style=\"margin:0\"><div class=\"ends\"><span>" + left + "</span><span>" +
-           right + "</span></div>" + img_tag(bar, caption) + "<figcaption>" + caption +
-           "</figcaption></figure>";
+    return "<figure style=\"margin:0;width:" + std::to_string(bar.width) +
+           "px\"><div class=\"ends\"><span>" + left + "</span><span>" + right + "</span></div>" +
+           img_tag(bar, caption) + "<figcaption>" + caption + "</figcaption></figure>";
 }
 
 std::string cluster_table(const condition_maps &c) {
@@ -59,6 +59,8 @@ std::string cluster_table(const condition_maps &c) {
         }
     }
     h += "</table>\n";
+    h += "<p class=\"note\">Clusters of one or two voxels are mostly noise at this threshold; "
+         "<code>--min-cluster</code> leaves them out.</p>\n";
     if (c.clusters.size() > kMostClusters)
         h += format("<p class=\"note\">%zu smaller clusters are in the TSV file only.</p>\n",
                     c.clusters.size() - kMostClusters);
@@ -104,7 +106,7 @@ std::string condition_section(const options &o, const results &r, const conditio
     h += "<p>Tests " + rows +
          (c.contrast.size() > 1 ? " jointly (an F test; the colour is the sign of T, the signed "
                                   "square root of F)"
-                                : " (positive where it is above 0)") +
+                                : ": red to yellow where it is above 0, blue where below") +
          format(
              ". %ld voxels pass |P| &ge; %g in clusters of at least %ld: %ld positive in %ld "
              "cluster%s, %ld negative in %ld cluster%s. Files: <code>P-",
@@ -203,7 +205,8 @@ std::string diagnostics_section(const options &o, const results &r) {
             double p = std::pow(10.0, -std::fabs(static_cast<double>(c.logp[i])));
             counts[std::min(19, static_cast<int>(p * 20))] += 1;
         }
-        h += "<figure>" + img_tag(histogram_picture(counts, 240, 110), "p histogram of " + c.name) +
+        h += "<figure style=\"width:240px\">" +
+             img_tag(histogram_picture(counts, 240, 110), "p histogram of " + c.name) +
              "<div class=\"ends\"><span>0</span><span>p</span><span>1</span></div><figcaption>"
              "<code>" +
              html_escape(c.name) + "</code></figcaption></figure>";
