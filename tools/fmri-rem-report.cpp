@@ -47,6 +47,10 @@ int main(int argc, char **argv) {
         ->type_name("FILE");
     app.add_option("-o,--output", o.output, "the page; default: RESULTS_DIR/report.html")
         ->type_name("report.html");
+    app.add_option("--overview", o.overview,
+                   "also write a PNG of every condition's three projections (for slides or a "
+                   "README)")
+        ->type_name("PICTURE.png");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
@@ -75,6 +79,7 @@ int main(int argc, char **argv) {
     }
     for (const std::string &w : out.warnings) std::fprintf(stderr, "Warning: %s\n", w.c_str());
     for (const std::string &t : out.tables) std::printf("Cluster table: %s\n", t.c_str());
+    if (!o.overview.empty()) std::printf("Overview: %s\n", o.overview.c_str());
     std::printf("Report: %s\n", out.page.c_str());
     return 0;
 }

@@ -51,6 +51,14 @@ bool make_report(const options &given, outcome *out, std::string *error) {
         files.emplace_back(o.results_dir + "/contrast-" + c.label + "_clusters.tsv",
                            clusters_tsv(c.clusters));
     const std::string page = o.output.empty() ? o.results_dir + "/report.html" : o.output;
+    if (!o.overview.empty()) {
+        std::string png;
+        if (!encode_png(overview_picture(o, r), &png)) {
+            *error = "cannot make the overview picture";
+            return false;
+        }
+        files.emplace_back(o.overview, png);
+    }
     files.emplace_back(page, page_html(o, r));
     const std::string suffix = ".tmp-" + std::to_string(getpid());
     size_t written = 0;
@@ -74,7 +82,8 @@ bool make_report(const options &given, outcome *out, std::string *error) {
     }
     out->page = page;
     out->tables.clear();
-    for (size_t k = 0; k + 1 < files.size(); ++k) out->tables.push_back(files[k].first);
+    for (const condition_maps &c : r.conditions)
+        out->tables.push_back(o.results_dir + "/contrast-" + c.label + "_clusters.tsv");
     return true;
 }
 

@@ -21,6 +21,7 @@ struct options {
     std::string background;         // an image on the results' grid; empty: within variance
     std::string analysis;           // the analysis file; empty: the one named in .vistra
     std::string output;             // the page; empty: results_dir/report.html
+    std::string overview;           // a PNG of every condition's projections; empty: none
 };
 
 // One peak of a cluster: voxel (0-based i, j, k), its position in mm and the

@@ -122,6 +122,9 @@ image histogram_picture(const std::vector<long> &counts, int width, int height);
 // World z of an axial slice at the volume's centre, in mm.
 double slice_mm(const results &r, const view_axes &v, int slice);
 
+// overview.cpp: the projections of every condition in one captioned picture.
+image overview_picture(const options &o, const results &r);
+
 // page.cpp: the whole page; sections.cpp: its parts per condition and the
 // diagnostics.
 std::string page_html(const options &o, const results &r);
