@@ -52,7 +52,7 @@ tr.sub td { color: #555; border-top-style: dotted; }
 .views figcaption, .bar figcaption { font-size: 0.85em; text-align: center; }
 .bar { display: flex; gap: 10px; align-items: flex-start; margin: 0.5em 0; }
 .ends { display: flex; justify-content: space-between; font-size: 0.8em; }
-.design { display: grid; grid-template-columns: auto auto; column-gap: 6px; }
+.design { display: grid; grid-template-columns: auto auto; column-gap: 6px; justify-content: start; }
 .design .cols { display: flex; font-size: 0.85em; }
 .design .cols span { text-align: center; }
 .design .rows { font-size: 11px; text-align: right; }
@@ -240,8 +240,8 @@ std::string page_html(const options &o, const results &r) {
          "shows which voxels are stronger, and every coloured voxel is lighter than any part of "
          "the background (whose lightness stays below 38). The sign is told by hue: red to "
          "yellow for positive, blue to cyan for negative, a pair that red-green colour "
-         "blindness (the common kinds) leaves distinct. The variance maps use a single-hue-"
-         "ordered map from dark violet through blue and green to yellow, also of evenly rising "
+         "blindness (the common kinds) leaves distinct. The variance maps use a map from dark "
+         "violet through blue and green to yellow, also of evenly rising "
          "lightness.</p>\n</body>\n</html>\n";
     return h;
 }

@@ -118,12 +118,11 @@ std::string condition_section(const options &o, const results &r, const conditio
 
     // Colour bar.
     std::string low = format("%.1f", o.threshold), high = format("%.1f", s.largest);
-    h +=
-        "<div class=\"bar\">" +
-        bar_figure(colour_bar(-1, 200, 14), "&minus;" + high, "&minus;" + low,
-                   "negative T: P from &minus;" + high + " to &minus;" + low) +
-        bar_figure(colour_bar(1, 200, 14), low, high, "positive T: P from " + low + " to " + high) +
-        "</div>\n";
+    h += "<div class=\"bar\">" +
+         bar_figure(colour_bar(-1, 200, 14), "&minus;" + high, "&minus;" + low,
+                    "negative T (P &le; &minus;" + low + ")") +
+         bar_figure(colour_bar(1, 200, 14), low, high, "positive T (P &ge; " + low + ")") +
+         "</div>\n";
 
     // Axial slices, bottom first.
     const double ppm = pixels_per_mm(r, v, 150.0);
@@ -208,7 +207,7 @@ std::string diagnostics_section(const options &o, const results &r) {
         h += "<figure style=\"width:240px\">" +
              img_tag(histogram_picture(counts, 240, 110), "p histogram of " + c.name) +
              "<div class=\"ends\"><span>0</span><span>p</span><span>1</span></div><figcaption>"
-             "<code>" +
+             "condition <code>" +
              html_escape(c.name) + "</code></figcaption></figure>";
     }
     return h + "</div>\n";
