@@ -435,6 +435,11 @@ bool load_results(const options &o, results *r, std::vector<std::string> *warnin
     if (!analysis.empty()) {
         f.analysis_path = analysis;
         parse_analysis(f.analysis_text, &f, &names);
+        if (f.smoothing_known && f.ratio_smoothing != 0.0 && !r->has_smoothed) {
+            *error = "the volume " + join(dir, "sigma2.bfloat") +
+                     " is truncated (the smoothed variance, its third frame, is missing)";
+            return false;
+        }
         if (f.files.size() != f.design.size())
             warnings->push_back("the analysis file " + analysis + " lists " +
                                 std::to_string(f.files.size()) + " files but basis.dat has " +

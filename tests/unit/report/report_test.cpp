@@ -144,6 +144,11 @@ TEST(Report, BadFoldersLeaveNothingBehind) {
              write_floats(d + "/P-a.bfloat", std::vector<float>(kN / 2, 0.0f));
          },
          "P-a.bfloat is truncated"},
+        {"sigma2 without its smoothed frame",
+         [](const std::string &d, report::options *) {
+             write_floats(d + "/sigma2.bfloat", std::vector<float>(2 * kN, 1.0f));
+         },
+         "sigma2.bfloat is truncated"},
         {"missing T",
          [](const std::string &d, report::options *) {
              std::remove((d + "/T-a-b.bfloat").c_str());
