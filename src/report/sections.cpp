@@ -169,7 +169,7 @@ std::string diagnostics_section(const options &o, const results &r) {
     h += "<p>The between-subject variance (&sigma;<sup>2</sup><sub>RE</sub>, from "
          "<code>sigma2</code>) as REML estimated it at each voxel, and after the smoothing of "
          "the variance ratio that the tests use. The raw map is noisy (it rests on few files); "
-         "the smoothed one should follow it without its speckle. Both on one scale:</p>\n";
+         "the smoothed one should follow it without its grain. Both on one scale:</p>\n";
     h += "<div class=\"bar\">" +
          bar_figure(sequential_bar(240, 14), "0", format("%.3g", high),
                     "variance (the top is the 98th percentile of the raw map; above it, yellow)") +
