@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -218,16 +217,22 @@ TEST_F(ReportRun, BlobsClustersPicturesAndPage) {
     EXPECT_EQ(check_tags(html), "");
     EXPECT_EQ(html.find("<script"), std::string::npos);
     EXPECT_EQ(html.find("http"), std::string::npos);
-    std::regex img(
-        "<img src=\"data:image/png;base64,([A-Za-z0-9+/=]+)\" width=\"(\\d+)\" "
-        "height=\"(\\d+)\" alt=\"([^\"]*)\"");
     int pictures = 0, slices = 0, sides = 0;
-    for (auto m = std::sregex_iterator(html.begin(), html.end(), img); m != std::sregex_iterator();
-         ++m) {
+    for (size_t pos = 0; (pos = html.find("<img ", pos)) != std::string::npos; ++pos) {
+        const std::string tag = html.substr(pos, html.find('>', pos) - pos);
+        auto attribute = [&](const std::string &name) {
+            size_t at = tag.find(" " + name + "=\"");
+            if (at == std::string::npos) return std::string();
+            at += name.size() + 3;
+            return tag.substr(at, tag.find('"', at) - at);
+        };
+        const std::string src = attribute("src"), prefix = "data:image/png;base64,";
+        ASSERT_EQ(src.rfind(prefix, 0), 0u) << tag.substr(0, 80);
         ++pictures;
-        int w = std::stoi((*m)[2]), h = std::stoi((*m)[3]);
-        std::string alt = (*m)[4];
-        EXPECT_EQ(decode_png(decode_base64((*m)[1])), std::make_pair(w, h)) << alt;
+        int w = std::stoi(attribute("width")), h = std::stoi(attribute("height"));
+        std::string alt = attribute("alt");
+        EXPECT_EQ(decode_png(decode_base64(src.substr(prefix.size()))), std::make_pair(w, h))
+            << alt;
         if (alt.rfind("slice", 0) == 0) {
             ++slices;  // 21 x 21 voxels of 3 mm: square
             EXPECT_EQ(w, h) << alt;
@@ -239,10 +244,7 @@ TEST_F(ReportRun, BlobsClustersPicturesAndPage) {
             EXPECT_EQ(w / kNy * kNz, h);
         }
     }
-    // Every picture is a PNG inside the page.
-    size_t images = 0;
-    for (size_t pos = 0; (pos = html.find("<img", pos)) != std::string::npos; ++pos) ++images;
-    EXPECT_EQ(static_cast<size_t>(pictures), images);
+    EXPECT_GE(pictures, 3 * 9 + 3 * 3 + 2);
     EXPECT_GE(slices, 3 * 9);
     EXPECT_EQ(sides, 3);
 }
