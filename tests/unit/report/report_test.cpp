@@ -3,6 +3,7 @@
 // nothing behind.
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <nifti1_io.h>
 
 #include <fstream>
 #include <functional>
@@ -125,6 +126,35 @@ TEST(Report, PlantedBlobsAndTheRunOnThePage) {
     ASSERT_TRUE(report::make_report(o, &out, &error)) << error;
     EXPECT_NE(read_file(dir.file("other.html")).find("corrected for multiple comparisons over 50"),
               std::string::npos);
+}
+
+// A NIfTI background (16-bit, scaled) on the results' grid is used; one on
+// another grid is refused.
+TEST(Report, NiftiBackground) {
+    TempDir dir;
+    write_results(dir.path());
+    for (int nx : {kX, kX + 1}) {
+        SCOPED_TRACE(nx);
+        int dims[8] = {3, nx, kY, kZ, 1, 1, 1, 1};
+        nifti_image *im = nifti_make_new_nim(dims, DT_INT16, 1);
+        for (int i = 0; i < nx * kY * kZ; ++i) static_cast<int16_t *>(im->data)[i] = i % nx;
+        im->scl_slope = 2.0f;
+        const std::string path = dir.file("bg" + std::to_string(nx) + ".nii.gz");
+        ASSERT_EQ(nifti_set_filenames(im, path.c_str(), 0, 1), 0);
+        nifti_image_write(im);
+        nifti_image_free(im);
+        report::options o;
+        o.results_dir = dir.path();
+        o.background = path;
+        report::outcome out;
+        std::string error;
+        bool made = report::make_report(o, &out, &error);
+        EXPECT_EQ(made, nx == kX) << error;
+        if (made)
+            EXPECT_NE(read_file(out.page).find("Background: " + path), std::string::npos);
+        else
+            EXPECT_NE(error.find("is not on the grid of the results"), std::string::npos) << error;
+    }
 }
 
 TEST(Report, BadFoldersLeaveNothingBehind) {
