@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Makes the example study with the simulator, analyses it with fmri-rem and
-# prints a short summary of the results.
+# prints a short summary of the results; last it writes the report page and
+# prints its path.
 #   scripts/run-example.sh [build folder]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -34,3 +35,7 @@ ls -l "$results"
 echo
 echo "== Summary (the true effects are in example-study/true-effect-*.bfloat)"
 "$build/fmri-rem-summary" "$results"
+
+echo
+echo "== Report page (open it in a browser)"
+"$build/fmri-rem-report" "$results" | sed -n 's/^Report: //p'

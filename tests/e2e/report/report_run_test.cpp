@@ -1,0 +1,284 @@
+// A simulated study with planted blobs through fmri-rem and fmri-rem-report:
+// the clusters lie where the simulator put the blobs, the tables parse, the
+// pictures decode at the sizes the page gives, the page is well formed, and
+// bad input gives one error line and no page.
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+
+#include "test_support.h"
+
+namespace {
+
+using test_support::file_exists;
+using test_support::read_file;
+using test_support::run_command;
+using test_support::shell_quote;
+using test_support::TempDir;
+
+const std::string kReport = FMRI_REM_REPORT_BIN;
+
+// 21 x 21 x 11 voxels of 3 mm, strong effects over little noise: the simulator puts its blobs at
+// fractions (0.3, 0.4, 0.5), (0.7, 0.6, 0.5) and (0.5, 0.25, 0.4) of (n - 1), whole voxels here.
+constexpr int kNx = 21, kNy = 21, kNz = 11;
+const int kBlobA[3] = {6, 8, 5};    // both groups, positive
+const int kBlobB[3] = {14, 12, 5};  // group p only, positive
+const int kBlobC[3] = {10, 5, 4};   // group c only, negative
+
+class ReportRun : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        dir_ = new TempDir;
+        CommandResult s = run_command(shell_quote(FMRI_REM_SIMULATE_BIN) +
+                                          " -o study --size 21 21 11 --seed 3 --prefix ../study/ "
+                                          "--effect 2 --between 0.3 --within 0.3",
+                                      dir_->path());
+        ASSERT_EQ(s.status, 0) << s.err;
+        run_command("mkdir results", dir_->path());
+        CommandResult r =
+            test_support::run_fmri_rem({"../study/analysis.rem"}, dir_->file("results"));
+        ASSERT_EQ(r.status, 0) << r.out;
+    }
+    static void TearDownTestSuite() { delete dir_; }
+    using CommandResult = test_support::CommandResult;
+    static TempDir *dir_;
+};
+TempDir *ReportRun::dir_ = nullptr;
+
+struct tsv {
+    std::vector<std::string> header;
+    std::vector<std::vector<double>> rows;
+};
+
+tsv parse_tsv(const std::string &text) {
+    tsv t;
+    std::istringstream lines(text);
+    std::string line;
+    bool first = true;
+    while (std::getline(lines, line)) {
+        std::vector<std::string> fields;
+        std::istringstream f(line);
+        std::string field;
+        while (std::getline(f, field, '\t')) fields.push_back(field);
+        if (first) {
+            t.header = fields;
+            first = false;
+            continue;
+        }
+        std::vector<double> row;
+        for (const std::string &x : fields) {
+            char *end = nullptr;
+            row.push_back(std::strtod(x.c_str(), &end));
+            EXPECT_TRUE(!x.empty() && *end == '\0') << "not a number: '" << x << "'";
+        }
+        EXPECT_EQ(row.size(), t.header.size()) << line;
+        t.rows.push_back(row);
+    }
+    return t;
+}
+
+// Within one voxel of the centre along every axis.
+bool near(const std::vector<double> &row, const int centre[3]) {
+    for (int a = 0; a < 3; ++a)
+        if (std::fabs(row[1 + a] - centre[a]) > 1.0) return false;
+    return true;
+}
+
+std::string decode_base64(const std::string &s) {
+    std::string out;
+    int bits = 0;
+    unsigned value = 0;
+    for (char c : s) {
+        int v;
+        if (c >= 'A' && c <= 'Z')
+            v = c - 'A';
+        else if (c >= 'a' && c <= 'z')
+            v = c - 'a' + 26;
+        else if (c >= '0' && c <= '9')
+            v = c - '0' + 52;
+        else if (c == '+')
+            v = 62;
+        else if (c == '/')
+            v = 63;
+        else
+            continue;
+        value = (value << 6) | v;
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out += static_cast<char>((value >> bits) & 0xff);
+        }
+    }
+    return out;
+}
+
+// Width and height of a PNG decoded in full by libpng; -1 when it fails.
+std::pair<int, int> decode_png(const std::string &bytes) {
+    png_image im{};
+    im.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_memory(&im, bytes.data(), bytes.size())) return {-1, -1};
+    im.format = PNG_FORMAT_RGB;
+    std::vector<unsigned char> pixels(PNG_IMAGE_SIZE(im));
+    if (!png_image_finish_read(&im, nullptr, pixels.data(), 0, nullptr)) return {-1, -1};
+    return {static_cast<int>(im.width), static_cast<int>(im.height)};
+}
+
+// Every element closed in order; void elements stand alone.
+std::string check_tags(const std::string &html) {
+    static const std::set<std::string> void_elements = {"meta", "img", "br", "hr", "link", "input"};
+    std::vector<std::string> open;
+    size_t pos = 0;
+    while ((pos = html.find('<', pos)) != std::string::npos) {
+        size_t end = html.find('>', pos);
+        if (end == std::string::npos) return "a tag is not closed";
+        std::string tag = html.substr(pos + 1, end - pos - 1);
+        pos = end + 1;
+        if (tag.rfind("!DOCTYPE", 0) == 0) continue;
+        if (std::count(tag.begin(), tag.end(), '"') % 2 != 0) return "odd quotes in <" + tag + ">";
+        bool closing = tag[0] == '/';
+        std::string name = tag.substr(closing ? 1 : 0);
+        name = name.substr(0, name.find_first_of(" \t\n"));
+        if (closing) {
+            if (open.empty() || open.back() != name) return "</" + name + "> closes nothing open";
+            open.pop_back();
+        } else if (!void_elements.count(name)) {
+            open.push_back(name);
+        }
+    }
+    return open.empty() ? "" : "<" + open.back() + "> is never closed";
+}
+
+TEST_F(ReportRun, BlobsClustersPicturesAndPage) {
+    CommandResult r = run_command(shell_quote(kReport) + " results", dir_->path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_NE(r.out.find("Report: results/report.html\n"), std::string::npos) << r.out;
+
+    const std::vector<std::string> columns = {"cluster",   "peak_i",    "peak_j",    "peak_k",
+                                              "peak_x_mm", "peak_y_mm", "peak_z_mm", "peak_t",
+                                              "peak_logp", "voxels",    "volume_mm3"};
+    std::map<std::string, tsv> tables;
+    for (const char *label : {"p", "c", "pMinusc"}) {
+        SCOPED_TRACE(label);
+        std::string path = dir_->file(std::string("results/contrast-") + label + "_clusters.tsv");
+        ASSERT_TRUE(file_exists(path));
+        tsv t = parse_tsv(read_file(path));
+        EXPECT_EQ(t.header, columns);
+        ASSERT_FALSE(t.rows.empty());
+        // Rows by cluster, clusters by size; mm are 3 mm times the voxel (origin 0).
+        for (size_t k = 1; k < t.rows.size(); ++k) {
+            EXPECT_GE(t.rows[k][0], t.rows[k - 1][0]);
+            EXPECT_LE(t.rows[k][9], t.rows[k - 1][9]);
+        }
+        for (const auto &row : t.rows) {
+            for (int a = 0; a < 3; ++a) EXPECT_DOUBLE_EQ(row[4 + a], 3.0 * row[1 + a]);
+            EXPECT_DOUBLE_EQ(row[10], 27.0 * row[9]);
+            EXPECT_EQ(row[7] > 0, row[8] > 0);
+        }
+        // Voxels in clusters, by sign, equal a direct count of the P map.
+        std::string name = std::string(label) == "pMinusc" ? "p-c" : label;
+        std::vector<float> p =
+            test_support::read_floats(dir_->file("results/P-" + name + ".bfloat"));
+        ASSERT_EQ(p.size(), static_cast<size_t>(kNx * kNy * kNz));
+        long positive = 0, negative = 0, in_positive = 0, in_negative = 0;
+        for (float x : p) {
+            positive += x >= 3.0f;
+            negative += x <= -3.0f;
+        }
+        for (size_t k = 0; k < t.rows.size(); ++k)
+            if (k == 0 || t.rows[k][0] != t.rows[k - 1][0])
+                (t.rows[k][7] > 0 ? in_positive : in_negative) += static_cast<long>(t.rows[k][9]);
+        EXPECT_EQ(in_positive, positive);
+        EXPECT_EQ(in_negative, negative);
+        tables[label] = t;
+    }
+    // The largest cluster of p peaks at blob A or B; c has a negative cluster at
+    // blob C, its largest negative one; p-c peaks at B or C (where c is negative).
+    const auto &p1 = tables["p"].rows[0];
+    EXPECT_TRUE(near(p1, kBlobA) || near(p1, kBlobB)) << p1[1] << " " << p1[2] << " " << p1[3];
+    const std::vector<double> *negative = nullptr;
+    for (const auto &row : tables["c"].rows)
+        if (row[7] < 0 && negative == nullptr) negative = &row;
+    ASSERT_NE(negative, nullptr);
+    EXPECT_TRUE(near(*negative, kBlobC))
+        << (*negative)[1] << " " << (*negative)[2] << " " << (*negative)[3];
+    const auto &d1 = tables["pMinusc"].rows[0];
+    EXPECT_GT(d1[7], 0.0);
+    EXPECT_TRUE(near(d1, kBlobB) || near(d1, kBlobC)) << d1[1] << " " << d1[2] << " " << d1[3];
+
+    // The page: well formed, nothing fetched, every picture a PNG of the size given.
+    const std::string html = read_file(dir_->file("results/report.html"));
+    EXPECT_EQ(check_tags(html), "");
+    EXPECT_EQ(html.find("<script"), std::string::npos);
+    EXPECT_EQ(html.find("http"), std::string::npos);
+    int pictures = 0, slices = 0, sides = 0;
+    for (size_t pos = 0; (pos = html.find("<img ", pos)) != std::string::npos; ++pos) {
+        const std::string tag = html.substr(pos, html.find('>', pos) - pos);
+        auto attribute = [&](const std::string &name) {
+            size_t at = tag.find(" " + name + "=\"");
+            if (at == std::string::npos) return std::string();
+            at += name.size() + 3;
+            return tag.substr(at, tag.find('"', at) - at);
+        };
+        const std::string src = attribute("src"), prefix = "data:image/png;base64,";
+        ASSERT_EQ(src.rfind(prefix, 0), 0u) << tag.substr(0, 80);
+        ++pictures;
+        int w = std::stoi(attribute("width")), h = std::stoi(attribute("height"));
+        std::string alt = attribute("alt");
+        EXPECT_EQ(decode_png(decode_base64(src.substr(prefix.size()))), std::make_pair(w, h))
+            << alt;
+        if (alt.rfind("slice", 0) == 0) {
+            ++slices;  // 21 x 21 voxels of 3 mm: square
+            EXPECT_EQ(w, h) << alt;
+            EXPECT_EQ(w % kNx, 0) << alt;
+        }
+        if (alt.rfind("side", 0) == 0) {
+            ++sides;  // y across, z up: 21 by 11 voxels of one size
+            EXPECT_EQ(w % kNy, 0);
+            EXPECT_EQ(w / kNy * kNz, h);
+        }
+    }
+    EXPECT_GE(pictures, 3 * 9 + 3 * 3 + 2);
+    EXPECT_GE(slices, 3 * 9);
+    EXPECT_EQ(sides, 3);
+}
+
+TEST_F(ReportRun, BadInputGivesOneErrorLineAndNoPage) {
+    const std::string d = dir_->path();
+    run_command(
+        "mkdir -p empty grid && cp -r results cut && head -c 1000 results/T-c.bfloat > "
+        "cut/T-c.bfloat && printf 'x 5\\ny 5\\nz 5\\nt 1\\n' > grid/bg.hdr && "
+        "head -c 500 /dev/zero > grid/bg.bfloat",
+        d);
+    struct bad_case {
+        std::string args, message, folder;
+    };
+    const std::vector<bad_case> cases = {
+        {"empty", "Error: no results in empty", "empty"},
+        {"--threshold abc results", "Error: the threshold 'abc' is not a number", "results"},
+        {"--min-cluster 2.5 results", "Error: the smallest cluster '2.5'", "results"},
+        {"-b grid/bg.bfloat results",
+         "Error: the background image grid/bg.bfloat is not on the grid", "results"},
+        {"cut", "Error: the volume cut/T-c.bfloat is truncated", "cut"},
+        {"--no-such-option results", "Error: ", "results"},
+    };
+    run_command("rm -f results/report.html cut/report.html", d);
+    for (const bad_case &c : cases) {
+        SCOPED_TRACE(c.args);
+        CommandResult r = run_command(shell_quote(kReport) + " " + c.args, d);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err.rfind(c.message, 0), 0u) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_FALSE(file_exists(d + "/" + c.folder + "/report.html"));
+        EXPECT_EQ(run_command("ls -a " + c.folder + " | grep -c tmp", d).out, "0\n");
+    }
+}
+
+}  // namespace
