@@ -4,6 +4,7 @@
 #ifndef FMRI_REM_REM_H
 #define FMRI_REM_REM_H
 
+#include <stddef.h>
 #include <stdio.h>
 
 #ifdef __cplusplus
@@ -94,6 +95,37 @@ void REM_describe_basis_functions(void);
 void REMInternal_compute_residue_matrix(void);
 int REM_REML_iterate(int n, const float *effect, const float *error, const int *dof,
                      float *sigma2_fe, float *sigma2_re);
+
+// ---- converged REML estimate (converged_reml.cpp) ----
+// The restricted maximum likelihood estimate of tau2 >= 0 for
+// y = X beta + e, Cov(e) = diag(s_i^2) + tau2 I, iterated in double precision
+// until a step changes it by less than 1e-10 (1 + tau2), tau2 counted in
+// units of the mean s_i^2; a negative maximiser gives 0.  design holds X
+// (n x k, rows first), effect y, error s (each s_i must be > 0).  scratch
+// holds rem_converged_reml_scratch_size(n, k) doubles; nothing is allocated
+// and no global is touched, so threads may call it at once.  Returns 0 when
+// converged, REM_CONVERGED_CAPPED when it stopped after
+// REM_CONVERGED_ITERATION_CAP evaluations (tau2 is then the last iterate),
+// -1 when an error value is not > 0 or a value is not finite (tau2 = 0).
+// iterations counts the evaluations of the score.
+#define REM_CONVERGED_CAPPED 2
+#define REM_CONVERGED_ITERATION_CAP 100
+size_t rem_converged_reml_scratch_size(int n, int k);
+int rem_converged_reml(int n, int k, const float *design, const float *effect, const float *error,
+                       double *scratch, double *tau2, int *iterations);
+
+// The first pass with the converged estimate: sigma2_fe exactly as
+// REM_REML_iterate gives it, sigma2_re the converged estimate (as float).
+// Same arguments, messages and results as REM_REML_iterate, and
+// REM_CONVERGED_CAPPED for a voxel that reached the iteration cap.  The
+// workspace (a copy of the design and the scratch) belongs to one thread;
+// it follows a design rebuilt after it was created.
+typedef struct rem_converged_workspace rem_converged_workspace;
+rem_converged_workspace *rem_converged_workspace_create(void);
+void rem_converged_workspace_free(rem_converged_workspace *ws);
+int rem_converged_first_pass(rem_converged_workspace *ws, int n, const float *effect,
+                             const float *error, const int *dof, float *sigma2_fe,
+                             float *sigma2_re);
 
 // ---- final fit and F test (fit.cpp) ----
 int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,
