@@ -29,7 +29,11 @@ typedef struct {
     int weights_given;
     int overlapping_events;
     char conditions[REM_NAME_LENGTH];
+    int reml_method; /* header line "reml": REM_REML_CLASSIC (default) or REM_REML_CONVERGED */
 } rem_input;
+
+#define REM_REML_CLASSIC 0
+#define REM_REML_CONVERGED 1
 
 typedef struct {
     int initialized;
