@@ -51,14 +51,23 @@ void print_progress(int voxel, int step, const char *what) {
 
 // First pass at one voxel: REML estimates of both variances.  The model
 // squares the errors; their absolute values are passed.
-void estimate_variances(int voxel, voxel_work *w, int *unestimable) {
+void estimate_variances(int voxel, voxel_work *w, int *unestimable, int *capped) {
     for (int k = 0; k < w->nfiles; ++k) {
         w->effects[k] = w->entries[k]->effect[voxel];
         w->errors[k] = std::fabs(w->entries[k]->effect_stderr[voxel]);
     }
     float fe = 0.0f;
     float re = 0.0f;
-    int result = REM_REML_iterate(w->nfiles, w->effects, w->errors, w->dofs, &fe, &re);
+    int result = 0;
+    // Temporary wiring of "reml converged": fe as above, re converged.
+    if (REM_input.reml_method == REM_REML_CONVERGED) {
+        static rem_converged_workspace *converged = rem_converged_workspace_create();
+        result = rem_converged_first_pass(converged, w->nfiles, w->effects, w->errors, w->dofs, &fe,
+                                          &re);
+        if (result == REM_CONVERGED_CAPPED) ++*capped;
+    } else {
+        result = REM_REML_iterate(w->nfiles, w->effects, w->errors, w->dofs, &fe, &re);
+    }
     if (result == 1) std::exit(1);
     if (result < 0) ++*unestimable;
     Sigma2_FE_map[voxel] = fe;
@@ -75,7 +84,7 @@ int test_conditions(int voxel, int nvoxels, int residue_requested, int nconditio
         w->errors[k] = w->entries[k]->effect_stderr[voxel];
     }
     float re = Sigma2_RE_map[voxel];
-    bool skipped = (re == 0.0f);
+    bool skipped = skip_voxel(voxel);
     if (skipped) {
         if (residue_requested) {
             for (int k = 0; k < w->nfiles; ++k) {
@@ -191,17 +200,24 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     if (!fast && signal_data_streamed() && load_streamed_signal_data() != 0) return 1;
 
     int unestimable = 0;
+    int capped = 0;
     if (fast) {
-        if (fast_variance_pass(nvoxels, step, w.entries, w.dofs, w.nfiles, &unestimable) != 0 ||
+        if (fast_variance_pass(nvoxels, step, w.entries, w.dofs, w.nfiles, &unestimable, &capped) !=
+                0 ||
             check_streamed_signal_files() != 0)
             return 1;
     } else {
         for (int i = 0; i < nvoxels; ++i) {
-            estimate_variances(i, &w, &unestimable);
+            estimate_variances(i, &w, &unestimable, &capped);
             print_progress(i, step, "RE variance");
         }
     }
     std::printf("\r 100 percent done computing RE variance\n");
+    if (capped > 0)
+        std::printf(
+            "Warning: the converged REML estimate stopped at its iteration cap (%d) in %d "
+            "voxels; their estimate is the last iterate.\n",
+            REM_CONVERGED_ITERATION_CAP, capped);
 
     // The second pass reads the signal files again: they must survive the
     // writing of "sigma2".
@@ -250,6 +266,15 @@ int analyze_random_effects(int residue_requested, int nconditions, int dof) {
     free_float_vector(w.fitted);
     free_float_vector(w.event_sum);
     return 0;
+}
+
+int skip_voxel(int voxel) {
+    // With the converged estimate a between-subject variance of 0 is an
+    // estimate like any other; only a voxel without a fixed-effects variance
+    // (one that could not be estimated) is skipped.
+    if (REM_input.reml_method == REM_REML_CONVERGED)
+        return Sigma2_RE_map[voxel] == 0.0f && Sigma2_FE_map[voxel] == 0.0f;
+    return Sigma2_RE_map[voxel] == 0.0f;
 }
 
 void store_condition_results(int c, int voxel, int skipped, int correct, float t, float p_raw,

@@ -102,6 +102,7 @@ int thread_index() {
 // What one thread works with.
 struct thread_state {
     rem_workspace *ws;
+    rem_converged_workspace *converged;
     float *effects;
     float *errors;
     float *fitted;
@@ -113,6 +114,7 @@ std::vector<thread_state> make_states(int nfiles) {
     const uint32_t nf = static_cast<uint32_t>(nfiles);
     for (thread_state &s : states) {
         s.ws = rem_workspace_create();
+        s.converged = rem_converged_workspace_create();
         s.effects = float_vector(nf);
         s.errors = float_vector(nf);
         s.fitted = float_vector(nf);
@@ -124,6 +126,7 @@ std::vector<thread_state> make_states(int nfiles) {
 void free_states(std::vector<thread_state> &states) {
     for (thread_state &s : states) {
         rem_workspace_free(s.ws);
+        rem_converged_workspace_free(s.converged);
         free_float_vector(s.effects);
         free_float_vector(s.errors);
         free_float_vector(s.fitted);
@@ -155,18 +158,20 @@ int fast_passes_usable(int nfiles, int nconditions) {
 }
 
 int fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
-                       int nfiles, int *unestimable) {
+                       int nfiles, int *unestimable, int *capped) {
     std::vector<thread_state> states = make_states(nfiles);
     const int chunk = chunk_voxels(nfiles);
     chunk_values values(entries, nfiles, chunk);
+    const bool converged = REM_input.reml_method == REM_REML_CONVERGED;
     int count = 0;
+    int capped_count = 0;
     for (int c0 = 0; c0 < nvoxels; c0 += chunk) {
         const int c1 = nvoxels - c0 < chunk ? nvoxels : c0 + chunk;
         if (!values.fetch(c0, c1 - c0)) {
             free_states(states);
             return 1;
         }
-#pragma omp parallel for schedule(dynamic, 16) reduction(+ : count)
+#pragma omp parallel for schedule(dynamic, 16) reduction(+ : count, capped_count)
         for (int i = c0; i < c1; ++i) {
             thread_state &s = states[static_cast<size_t>(thread_index())];
             for (int k = 0; k < nfiles; ++k) {
@@ -175,15 +180,21 @@ int fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, c
             }
             float fe = 0.0f;
             float re = 0.0f;
-            const int result = rem_fast_reml(s.ws, nfiles, s.effects, s.errors, dofs, &fe, &re);
+            // Temporary wiring of "reml converged": fe as above, re converged.
+            const int result =
+                converged ? rem_converged_first_pass(s.converged, nfiles, s.effects, s.errors, dofs,
+                                                     &fe, &re)
+                          : rem_fast_reml(s.ws, nfiles, s.effects, s.errors, dofs, &fe, &re);
             if (result == 1) std::exit(1);
             if (result < 0) ++count;
+            if (result == REM_CONVERGED_CAPPED) ++capped_count;
             Sigma2_FE_map[i] = fe;
             Sigma2_RE_map[i] = re;
         }
         print_progress(c0, c1, step, "RE variance");
     }
     *unestimable += count;
+    *capped += capped_count;
     free_states(states);
     return 0;
 }
@@ -210,7 +221,7 @@ int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries,
                 s.errors[k] = values.error(k, i);
             }
             const float re = Sigma2_RE_map[i];
-            const bool skipped = (re == 0.0f);
+            const bool skipped = skip_voxel(i);
             if (skipped) {
                 if (residue_requested)
                     for (int k = 0; k < nfiles; ++k) Residue_series[k * n + i] = 0.0f;

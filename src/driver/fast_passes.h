@@ -23,17 +23,22 @@ int fast_passes_requested(void);
 int fast_passes_usable(int nfiles, int nconditions);
 
 // First pass: REML variances into Sigma2_FE_map and Sigma2_RE_map; adds the
-// voxels that could not be estimated to *unestimable.  entries and dofs list
-// the nfiles signal files in order; progress is printed every step voxels.
-// Returns 0, or 1 when the signal data could not be read.
+// voxels that could not be estimated to *unestimable, and those where the
+// converged estimate reached its iteration cap to *capped.  entries and dofs
+// list the nfiles signal files in order; progress is printed every step
+// voxels.  Returns 0, or 1 when the signal data could not be read.
 int fast_variance_pass(int nvoxels, int step, file_list_entry *const *entries, const int *dofs,
-                       int nfiles, int *unestimable);
+                       int nfiles, int *unestimable, int *capped);
 
 // Second pass: final fit and every condition's test into P_map, T_map,
 // S_map, dS_map (and Residue_series when requested).  Returns 0, or 1 when
 // a test fails or the signal data could not be read.
 int fast_statistics_pass(int nvoxels, int step, file_list_entry *const *entries, int nfiles,
                          int residue_requested, int nconditions, int dof);
+
+// 1 when the second pass skips the voxel (zeros in every map): its random
+// variance is 0 (with the converged estimate: and so is its fixed one).
+int skip_voxel(int voxel);
 
 // Stores one voxel's results for condition c.  The p code is -log10 of the
 // corrected p (when correct is non-zero) or of the raw p, its sign bit
