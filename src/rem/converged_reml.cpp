@@ -19,13 +19,17 @@
 // boundary and the estimate is 0 (a negative maximiser truncated to 0).
 // Otherwise lo = 0 has S > 0 and hi is open (S < 0 for large tau2, where S
 // behaves as (y'Py - (n - p) tau2) / (2 tau2^2)).  Each step is Newton's
-// S/J when J > 0 and it agrees with the scoring step S/I within a factor 2,
-// else the scoring step; a step that leaves the bracket, or (once the
+// S/J when 0 < J < 2 I, else the scoring step S/I (far below the root J is
+// large: Newton would creep where scoring jumps; both steps go the way S
+// points); a step that leaves the bracket, or (once the
 // bracket is closed) one that is not below half the step before the last,
 // is replaced by bisection.  Every evaluation replaces one end of the
-// bracket, and bisection at least every other step halves it, so the
-// iteration converges to a point where S changes sign from + to -, a local
-// maximum of l; near it the Newton steps converge quadratically.
+// bracket.  While hi is open the steps only go up from lo and can come to
+// rest only at a root of S; once it is closed, bisection at least every
+// other step halves it.  So the iteration converges to a point where S
+// changes sign from + to -, a local maximum of l, and near it the Newton
+// steps converge quadratically (on null studies 4 to 6 evaluations a voxel
+// on average, at most 9).
 #include <cmath>
 #include <cstddef>
 #include <cstdlib>
@@ -242,8 +246,7 @@ int rem_converged_reml(int n, int k, const float *design, const float *effect, c
     int status = REM_CONVERGED_CAPPED;
     while (*iterations < REM_CONVERGED_ITERATION_CAP) {
         double step = ev.score / ev.expected;
-        if (ev.observed > 0.0 && ev.observed < 2.0 * ev.expected && 2.0 * ev.observed > ev.expected)
-            step = ev.score / ev.observed;
+        if (ev.observed > 0.0 && ev.observed < 2.0 * ev.expected) step = ev.score / ev.observed;
         double next = t + step;
         const bool outside = !(next > lo && next < hi);
         const bool slow = std::isfinite(hi) && std::fabs(step) > 0.5 * change_before;
