@@ -1,13 +1,13 @@
 # Front door: `make example` analyses the bundled example study,
 # `make check` builds with sanitizers and runs the whole test suite, `make bench`
-# times the voxel passes.
+# times the voxel passes, `make calibrate` measures the p values on null studies.
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 CHECK_BUILD ?= build-check
 PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary fmri-rem-report
 MAKEFLAGS += --no-print-directory
 
-.PHONY: setup build example check bench clean
+.PHONY: setup build example check bench calibrate clean
 
 setup:
 	@bash scripts/setup.sh
@@ -35,6 +35,11 @@ check: setup
 # Timing of the fast and the plain voxel passes on simulated studies.
 bench: build
 	@bash scripts/bench.sh $(BUILD)
+
+# Share of p values below 0.05, 0.01, 0.001 on simulated null studies, for
+# "reml classic" and "reml converged" (a few minutes).
+calibrate: build
+	@bash scripts/calibrate.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(CHECK_BUILD)

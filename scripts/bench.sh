@@ -2,7 +2,9 @@
 # Benchmark of fmri-rem (`make bench`): simulated studies at fixed seeds,
 # analysed by the fast parallel voxel passes (all cores unless
 # OMP_NUM_THREADS says otherwise) and by the plain passes (FMRI_REM_PLAIN=1,
-# one thread).  Prints wall time, CPU time, peak memory and voxels per second.
+# one thread), with the classic REML estimate, and by the fast passes with
+# "reml converged".  Prints wall time, CPU time, peak memory and voxels per
+# second.
 #
 # The plain passes would take many minutes on a whole study, so they are
 # timed on an evenly spread subset of slices (every PLAIN_STEP-th slice), and
@@ -34,14 +36,16 @@ fi
 work=$(mktemp -d "${TMPDIR:-/tmp}/fmri-rem-bench.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
-# run LABEL STUDY-DIR [VAR=VALUE ...]: analyses STUDY-DIR/analysis.rem in the
-# fresh folder STUDY-DIR/LABEL; sets WALL, CPU (user + system, s) and RSS (KB).
+# run LABEL STUDY-DIR [VAR=VALUE ...]: analyses STUDY-DIR/analysis.rem (or
+# $ANALYSIS when set) in the fresh folder STUDY-DIR/LABEL; sets WALL, CPU
+# (user + system, s) and RSS (KB).
 run() {
   local label=$1 dir=$2
   shift 2
   mkdir -p "$dir/$label"
   (cd "$dir/$label" &&
-    env "$@" /usr/bin/time -f '%e %U %S %M' -o time.txt "$bin" ../analysis.rem >stdout.txt)
+    env "$@" /usr/bin/time -f '%e %U %S %M' -o time.txt "$bin" "../${ANALYSIS:-analysis.rem}" \
+      >stdout.txt)
   local user sys
   read -r WALL user sys RSS <"$dir/$label/time.txt"
   CPU=$(awk -v u="$user" -v s="$sys" 'BEGIN { printf "%.2f", u + s }')
@@ -89,6 +93,12 @@ bench() {
   row "fast, ${OMP_NUM_THREADS:-all} threads" "$n" "$WALL" "$CPU" "$RSS"
   run fast1 "$dir" OMP_NUM_THREADS=1
   row "fast, 1 thread" "$n" "$WALL" "$CPU" "$RSS"
+  # The same study with "reml converged" (the default above is classic).
+  sed 's/^smoothing .*/&\nreml converged/' "$dir/analysis.rem" >"$dir/converged.rem"
+  ANALYSIS=converged.rem run converged "$dir"
+  row "converged, ${OMP_NUM_THREADS:-all} threads" "$n" "$WALL" "$CPU" "$RSS"
+  ANALYSIS=converged.rem run converged1 "$dir" OMP_NUM_THREADS=1
+  row "converged, 1 thread" "$n" "$WALL" "$CPU" "$RSS"
 
   # The plain passes on every step-th slice.
   local sub=$work/$name-subset

@@ -122,13 +122,19 @@ int analyze_random_effects_on(const voxel_route &route, int residue_requested, i
     setup.nvoxels = nvoxels;
     // Volumes of fewer than 100 voxels report every voxel.
     setup.step = nvoxels / 100 > 0 ? nvoxels / 100 : 1;
+    setup.zero_estimates_tested = REM_input.reml_method == REM_REML_CONVERGED;
 
-    int unestimable = 0, unsettled = 0;
-    if (variance_pass(setup, &unestimable, &unsettled) != 0) return 1;
+    int unestimable = 0, unsettled = 0, capped = 0;
+    if (variance_pass(setup, &unestimable, &unsettled, &capped) != 0) return 1;
     std::printf("\r 100 percent done computing RE variance\n");
     if (unsettled > 0)
         std::printf("Warning: %d voxels were left out: their variance estimate did not settle.\n",
                     unsettled);
+    if (capped > 0)
+        std::printf(
+            "Warning: the converged REML estimate stopped at its iteration cap (%d) in %d "
+            "voxels; their estimate is the last iterate.\n",
+            REM_CONVERGED_ITERATION_CAP, capped);
 
     FILE *stream = nullptr;
     if (open_output_file(0, 3, dof, "sigma2", &stream) != 0) return 1;

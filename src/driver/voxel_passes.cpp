@@ -99,18 +99,22 @@ int run_pass(const voxel_pass_setup &setup, signal_chunks &values, const char *w
 }  // namespace
 
 voxel_route voxel_route_from_environment(void) {
+    const bool converged = REM_input.reml_method == REM_REML_CONVERGED;
     const char *plain = std::getenv("FMRI_REM_PLAIN");
     if (plain != nullptr && plain[0] != '\0' && std::strcmp(plain, "0") != 0)
-        return voxel_route{&rem_reference_kernel, 1, 0};
+        return voxel_route{converged ? &rem_converged_reference_kernel : &rem_reference_kernel, 1,
+                           0};
 #ifdef _OPENMP
     const int threads = omp_get_max_threads();
 #else
     const int threads = 1;
 #endif
-    return voxel_route{&rem_fast_kernel, threads > 0 ? threads : 1, 1};
+    return voxel_route{converged ? &rem_converged_kernel : &rem_fast_kernel,
+                       threads > 0 ? threads : 1, 1};
 }
 
-int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle) {
+int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle,
+                  int *at_cap) {
     signal_chunks values(setup.entries, setup.nfiles);
     thread_states states(setup);
     states.set_kernel_name(setup.route.kernel->name);
@@ -130,15 +134,17 @@ int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_
         Sigma2_RE_map[i] = re;
         return result;
     };
-    int count = 0, unsettled = 0;
+    int count = 0, unsettled = 0, capped = 0;
     auto report = [&](int, int status) {
         if (status == REM_VOXEL_UNUSABLE) ++count;
         if (status == REM_VOXEL_UNSETTLED) ++unsettled;
+        if (status == REM_VOXEL_CAPPED) ++capped;
         return true;
     };
     const int result = run_pass(setup, values, "RE variance", voxel, report);
     *unestimable += count;
     *did_not_settle += unsettled;
+    *at_cap += capped;
     return result;
 }
 
@@ -161,9 +167,12 @@ int statistics_pass(const voxel_pass_setup &setup, int residue_requested, int nc
             s.errors[k] = values.error(k, i);
         }
         // A voxel whose random variance is exactly 0 is skipped: zeros
-        // throughout.
+        // throughout.  A converged estimate of 0 is an estimate like any
+        // other: then only a voxel without a fixed-effects variance (one that
+        // could not be estimated) is skipped.
         const float re = Sigma2_RE_map[i];
-        const bool skipped = (re == 0.0f);
+        const bool skipped =
+            re == 0.0f && (!setup.zero_estimates_tested || Sigma2_FE_map[i] == 0.0f);
         if (skipped) {
             if (residue_requested)
                 for (int k = 0; k < nfiles; ++k) Residue_series[k * n + i] = 0.0f;

@@ -19,7 +19,8 @@
 // (OMP_NUM_THREADS limits them), with the signal values read from the files
 // as the passes go.  FMRI_REM_PLAIN=1 asks for the reference kernel on one
 // thread with the signal data held in memory, the model's arithmetic one
-// voxel at a time.
+// voxel at a time.  With "reml converged" in the analysis file the first
+// pass takes the converged estimate instead.
 struct voxel_route {
     const rem_kernel *kernel;
     int threads;
@@ -41,13 +42,18 @@ struct voxel_pass_setup {
     int nfiles;
     int nvoxels;
     int step;  // progress is printed every step voxels
+    // 1 when a random-effects variance of exactly 0 is tested all the same
+    // (the converged estimate), unless the fixed-effects variance is 0 too.
+    int zero_estimates_tested;
 };
 
 // First pass: REML variances into Sigma2_FE_map and Sigma2_RE_map; the
 // voxels that could not be estimated are added to *unestimable, those whose
 // estimate did not settle to *did_not_settle (both are left out of the
-// second pass).  0, or 1 when the signal data could not be read.
-int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle);
+// second pass), those whose converged estimate stopped at its iteration cap
+// to *at_cap.  0, or 1 when the signal data could not be read.
+int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle,
+                  int *at_cap);
 
 // Second pass: final fit and every condition's test into P_map, T_map,
 // S_map, dS_map (and Residue_series when requested).  0, or 1 when the

@@ -263,6 +263,7 @@ void reset_records() {
     REM_input.weights_given = 0;
     REM_input.overlapping_events = 0;
     REM_input.conditions[0] = '\0';
+    REM_input.reml_method = REM_REML_CLASSIC;
 
     REM.initialized = 0;
     REM.nfiles = 0;
@@ -317,6 +318,19 @@ int REMInternal_decode_keyword(const char *line) {
             return -1;
         }
         snprintf(REM_input.conditions, REM_NAME_LENGTH, "%s", rest);
+        return 0;
+    }
+    if (strcmp(word, "reml") == 0) {
+        char method[kLineLength];
+        const bool one_word = count_words(rest) == 1 && read_word(rest, method) != nullptr;
+        if (one_word && strcmp(method, "classic") == 0) {
+            REM_input.reml_method = REM_REML_CLASSIC;
+        } else if (one_word && strcmp(method, "converged") == 0) {
+            REM_input.reml_method = REM_REML_CONVERGED;
+        } else {
+            printf("Error: `reml' requires one argument: classic or converged.\n");
+            return -1;
+        }
         return 0;
     }
     if (is_event_word(word)) {

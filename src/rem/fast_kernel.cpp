@@ -261,9 +261,11 @@ int fast_estimate(rem_workspace *ws, const float *effect, const float *error, co
     return rem_reference_estimate(ws, effect, error, dof, sigma2_fe, sigma2_re);
 }
 
+}  // namespace
+
 // Second pass: the fit, likewise.
-int fast_fit(rem_workspace *ws, float sigma2_re, const float *effect, const float *error,
-             float *fitted, float *event_sum) {
+int rem_fast_fit(rem_workspace *ws, float sigma2_re, const float *effect, const float *error,
+                 float *fitted, float *event_sum) {
     const int n = ws->n, k = ws->k;
     rem_fit_matrices &f = ws->fit;
     if (rem_zero_error_fit(n, k, error, fitted, event_sum, f.beta)) {
@@ -287,6 +289,4 @@ int fast_fit(rem_workspace *ws, float sigma2_re, const float *effect, const floa
     return REM_VOXEL_DONE;
 }
 
-}  // namespace
-
-const rem_kernel rem_fast_kernel = {"fast", fast_estimate, fast_fit, rem_kernel_test};
+const rem_kernel rem_fast_kernel = {"fast", fast_estimate, rem_fast_fit, rem_kernel_test};

@@ -4,6 +4,7 @@
 #ifndef FMRI_REM_REM_H
 #define FMRI_REM_REM_H
 
+#include <stddef.h>
 #include <stdio.h>
 
 #ifdef __cplusplus
@@ -28,7 +29,11 @@ typedef struct {
     int weights_given;
     int overlapping_events;
     char conditions[REM_NAME_LENGTH];
+    int reml_method; /* header line "reml": REM_REML_CLASSIC (default) or REM_REML_CONVERGED */
 } rem_input;
+
+#define REM_REML_CLASSIC 0
+#define REM_REML_CONVERGED 1
 
 typedef struct {
     int initialized;
@@ -100,6 +105,24 @@ void REMInternal_compute_residue_matrix(void);
 int REM_REML_iterate(int n, const float *effect, const float *error, const int *dof,
                      float *sigma2_fe, float *sigma2_re);
 
+// ---- converged REML estimate (converged_reml.cpp) ----
+// The restricted maximum likelihood estimate of tau2 >= 0 for
+// y = X beta + e, Cov(e) = diag(s_i^2) + tau2 I, iterated in double precision
+// until a step changes it by less than 1e-10 (1 + tau2), tau2 counted in
+// units of the mean s_i^2; a negative maximiser gives 0.  design holds X
+// (n x k, rows first), effect y, error s (each s_i must be > 0).  scratch
+// holds rem_converged_reml_scratch_size(n, k) doubles; nothing is allocated
+// and no global is touched, so threads may call it at once.  Returns 0 when
+// converged, REM_CONVERGED_CAPPED when it stopped after
+// REM_CONVERGED_ITERATION_CAP evaluations (tau2 is then the last iterate),
+// -1 when an error value is not > 0 or a value is not finite (tau2 = 0).
+// iterations counts the evaluations of the score.
+#define REM_CONVERGED_CAPPED 2
+#define REM_CONVERGED_ITERATION_CAP 100
+size_t rem_converged_reml_scratch_size(int n, int k);
+int rem_converged_reml(int n, int k, const float *design, const float *effect, const float *error,
+                       double *scratch, double *tau2, int *iterations);
+
 // ---- final fit and F test (fit.cpp) ----
 int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,
                   float *event_sum);
@@ -152,7 +175,9 @@ enum {
     // The test's p value is undefined (see rem_workspace_ibeta_domain).
     REM_VOXEL_IBETA_DOMAIN_ERROR = 2,
     // The REML estimate repeats without settling: both variances 0.
-    REM_VOXEL_UNSETTLED = 3
+    REM_VOXEL_UNSETTLED = 3,
+    // The converged estimate stopped at its iteration cap: its last iterate.
+    REM_VOXEL_CAPPED = 4
 };
 
 typedef struct rem_workspace rem_workspace;
@@ -189,6 +214,11 @@ typedef struct {
 
 extern const rem_kernel rem_reference_kernel;
 extern const rem_kernel rem_fast_kernel;
+// With "reml converged": the converged estimate in the first pass
+// (REM_VOXEL_CAPPED when it stopped at its cap), and the fit of the fast or
+// of the reference kernel.
+extern const rem_kernel rem_converged_kernel;
+extern const rem_kernel rem_converged_reference_kernel;
 
 // The arguments a and b of the incomplete beta function whose domain error a
 // test reported last on this workspace.

@@ -132,6 +132,7 @@ void allocate_common(rem_workspace *ws, bool fast) {
     ws->last = array<int>(nn);
     ws->start = array<int>(nn);
     ws->stop = array<int>(nn);
+    ws->converged_scratch = array<double>(rem_converged_reml_scratch_size(n, k));
 }
 
 rem_workspace *new_workspace(const rem_model_view *model) {
@@ -189,9 +190,10 @@ void rem_workspace_free(rem_workspace *ws) {
     free_matrix(ws->pinv);
     free_matrix(ws->M);
     free_double_rows(ws->D);
-    void *blocks[] = {ws->t,      ws->pivot, ws->dwork, ws->contrast, ws->X,   ws->Xt,  ws->N,
-                      ws->N_rows, ws->DtW,   ws->E,     ws->fv2,      ws->w,   ws->row, ws->coef,
-                      ws->Rt,     ws->first, ws->last,  ws->start,    ws->stop};
+    void *blocks[] = {ws->t,     ws->pivot, ws->dwork,  ws->contrast, ws->X,
+                      ws->Xt,    ws->N,     ws->N_rows, ws->DtW,      ws->E,
+                      ws->fv2,   ws->w,     ws->row,    ws->coef,     ws->Rt,
+                      ws->first, ws->last,  ws->start,  ws->stop,     ws->converged_scratch};
     for (void *b : blocks) std::free(b);
     std::free(ws);
 }

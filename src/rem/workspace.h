@@ -64,6 +64,8 @@ struct rem_workspace {
     int *start;      // n: first rounded down to a whole vector (or empty)
     int *stop;       // n: last + 1 rounded up
 
+    double *converged_scratch;  // of the converged estimate
+
     long reference_count;  // estimates and fits handed to the reference kernel
     double domain_a, domain_b;
 };
@@ -92,6 +94,9 @@ int rem_reference_estimate(rem_workspace *ws, const float *effect, const float *
                            const int *dof, float *sigma2_fe, float *sigma2_re);
 int rem_reference_fit(rem_workspace *ws, float sigma2_re, const float *effect, const float *error,
                       float *fitted, float *event_sum);
+// The fast kernel's fit (fast_kernel.cpp).
+int rem_fast_fit(rem_workspace *ws, float sigma2_re, const float *effect, const float *error,
+                 float *fitted, float *event_sum);
 // The test on the workspace's last fit (f_test.cpp), shared by both kernels.
 int rem_kernel_test(rem_workspace *ws, int condition, int resels, int dof, rem_test_result *result);
 

@@ -73,7 +73,7 @@ Outcome read_text(const std::string &text) {
 // of 0 samples.
 TEST(ControlFile, ListedLayout) {
     Outcome o = read_text(
-        "# two groups\nmultiple-comparisons 12\n\nsmooth 0.5 1.5\n"
+        "# two groups\nmultiple-comparisons 12\nreml classic\nreml converged\n\nsmooth 0.5 1.5\n"
         "conditions p c\tp-c # the tests\n"
         "event p ramp\na.bfloat 0.5\nconditions  # not a keyword any more\n   \n"
         "event q\nsubjects c anything\nc.bfloat\n");
@@ -88,6 +88,7 @@ TEST(ControlFile, ListedLayout) {
     EXPECT_EQ(REM_input.ratio_smoothing, 1.5f);
     EXPECT_STREQ(REM_input.conditions, "p c\tp-c ");
     EXPECT_EQ(REM_input.weights_given, 1);
+    EXPECT_EQ(REM_input.reml_method, REM_REML_CONVERGED);
     EXPECT_EQ(REM.initialized, 1);
     EXPECT_EQ(REM.design[0][0], 2.0f / 3.0f);  // weight 0.5 over the mean weight 0.75
 }
@@ -110,7 +111,8 @@ TEST(ControlFile, OverlappingLayout) {
               "file[0] = a.bfloat , magnitude = 2\nfile[1] = event , magnitude = 1\n"
               "file[2] = c.bfloat , magnitude = 1\nfile[3] = d.bfloat , magnitude = 1\n");
     EXPECT_EQ(REM_input.weights_given, 0);
-    EXPECT_EQ(REM.design[0][1], -1.5f);  // weight 2 over the mean weight 4/3
+    EXPECT_EQ(REM_input.reml_method, REM_REML_CLASSIC);  // without the line
+    EXPECT_EQ(REM.design[0][1], -1.5f);                  // weight 2 over the mean weight 4/3
 }
 
 // A file without any event line ends with one event numbered 0, which has no
@@ -141,6 +143,7 @@ TEST(ControlFile, EventsWithoutCharacterEndTheRun) {
 // non-blank line and the example text.  At the capacities themselves the file
 // is read.
 TEST(ControlFile, RefusalsAndCapacities) {
+    const std::string kReml = "Error: `reml' requires one argument: classic or converged.\n";
     const struct {
         std::string text, out;
         int header_line = 0;
@@ -153,6 +156,10 @@ TEST(ControlFile, RefusalsAndCapacities) {
         {"smooth 1 2\n# note\nconditions p\n\nfoo 1\nevent p\n", "", 3},
         {"multiple-comparisons x\n",
          "Error: `multiple-comparisons' requires an integer argument.\n", 1},
+        {"smooth 1 2\nreml fast\n", kReml, 2},
+        {"reml # converged\n", kReml, 1},
+        {"reml Converged\n", kReml, 1},
+        {"reml converged classic\n", kReml, 1},
         {"event 0\na\n", "Error: event 0 is not an allowed event character.\n", 1},
         {"smooth 1 2\nevent # p\n",
          "Error: 'subjects' or 'sessions' or 'events' requires a character argument.\n", 2},
