@@ -165,6 +165,10 @@ void export_results(const export_options &options, std::ostream &out, std::ostre
             << " (codes 2)\n";
     x.n = static_cast<size_t>(x.g.dims[0]) * x.g.dims[1] * x.g.dims[2];
 
+    volume sigma2 = read_volume(dir, "sigma2", x.g.dims, 2);
+    if (sigma2.header.nt < 2)
+        throw failure(join_path(dir, "sigma2.hdr") + " has fewer than 2 frames");
+
     x.an = find_analysis(dir, x.g);
     if (x.an.path.empty()) {
         x.an.conditions = conditions_in_folder(dir);
@@ -173,9 +177,6 @@ void export_results(const export_options &options, std::ostream &out, std::ostre
     }
     if (x.an.conditions.empty()) throw failure("no conditions in " + dir);
 
-    volume sigma2 = read_volume(dir, "sigma2", x.g.dims, 2);
-    if (sigma2.header.nt < 2)
-        throw failure(join_path(dir, "sigma2.hdr") + " has fewer than 2 frames");
     // fmri-rem leaves a voxel out where the random variance that its second
     // pass uses (the smoothed one when there is a third frame) is exactly 0.
     const float *used = sigma2.data.data() + x.n * (sigma2.header.nt >= 3 ? 2 : 1);

@@ -114,22 +114,25 @@ image read_image(const std::string &path, int volume) {
     im.qform_code = h->qform_code;
     im.sform_code = h->sform_code;
 
+    // The voxels are read here: the library's loader would turn NaN and
+    // infinite values into 0, and those mark missing voxels.
     const size_t n = static_cast<size_t>(im.dims[0]) * im.dims[1] * im.dims[2];
-    if (im.frames > 1) {
-        nifti_brick_list bricks;
-        int which = volume;
-        nim_ptr whole(nifti_image_read_bricks(path.c_str(), 1, &which, &bricks));
-        if (!whole || bricks.nbricks != 1 || bricks.bsize != n * whole->nbyper) {
-            if (whole) nifti_free_NBL(&bricks);
-            throw failure("cannot read volume " + std::to_string(volume) + " of " + path);
-        }
-        to_doubles(whole->datatype, bricks.bricks[0], n, path, &im.values);
-        nifti_free_NBL(&bricks);
-    } else {
-        if (nifti_image_load(h) != 0 || h->data == nullptr || h->nvox < n)
-            throw failure("cannot read the data of " + path + " (file cut short?)");
-        to_doubles(h->datatype, h->data, n, path, &im.values);
+    const size_t bytes = n * static_cast<size_t>(h->nbyper);
+    std::vector<unsigned char> raw(bytes);
+    znzFile f = znzopen(h->iname, "rb", nifti_is_gzfile(h->iname));
+    bool ok = !znz_isnull(f);
+    if (ok) {
+        ok = znzseek(f,
+                     static_cast<long>(h->iname_offset) +
+                         static_cast<long>(bytes) * (volume > 0 ? volume : 0),
+                     SEEK_SET) >= 0 &&
+             znzread(raw.data(), 1, bytes, f) == bytes;
+        znzclose(f);
     }
+    if (!ok) throw failure("cannot read the data of " + path + " (file cut short?)");
+    if (h->byteorder != nifti_short_order() && h->swapsize > 1)
+        nifti_swap_Nbytes(bytes / h->swapsize, h->swapsize, raw.data());
+    to_doubles(h->datatype, raw.data(), n, path, &im.values);
     const double slope = h->scl_slope, inter = h->scl_inter;
     if (slope != 0.0 && std::isfinite(slope))
         for (double &v : im.values) v = v * slope + (std::isfinite(inter) ? inter : 0.0);
