@@ -4,7 +4,7 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 CHECK_BUILD ?= build-check
-PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary
+PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary fmri-rem-import fmri-rem-export
 MAKEFLAGS += --no-print-directory
 
 .PHONY: setup build example check bench clean

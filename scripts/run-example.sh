@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Makes the example study with the simulator, analyses it with fmri-rem and
-# prints a short summary of the results.
+# Makes the example study with the simulator, analyses it with fmri-rem,
+# prints a short summary of the results and exports them as NIfTI maps.
 #   scripts/run-example.sh [build folder]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -34,3 +34,7 @@ ls -l "$results"
 echo
 echo "== Summary (the true effects are in example-study/true-effect-*.bfloat)"
 "$build/fmri-rem-summary" "$results"
+
+echo
+echo "== NIfTI maps in results/nifti/ (fmri-rem-export)"
+"$build/fmri-rem-export"

@@ -68,6 +68,15 @@ std::string safe_name(const std::string &id) {
     return s;
 }
 
+// A file's full name for the record in geometry.json.
+std::string full_path(const std::string &path) {
+    char *resolved = realpath(path.c_str(), nullptr);
+    if (resolved == nullptr) return path;
+    std::string s = resolved;
+    std::free(resolved);
+    return s;
+}
+
 std::vector<row> read_rows(const table &t) {
     const std::string dir = parent_dir(t.path);
     auto where = [&](size_t r, int c) {
@@ -342,10 +351,10 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
                                g.first.affine[r][3]});
     j["qform_code"] = g.first.qform_code;
     j["sform_code"] = g.first.sform_code;
-    j["grid_source"] = g.source;
+    j["grid_source"] = full_path(g.source);
     j["analysis"] = "analysis.rem";
-    j["table"] = o.table;
-    j["mask"] = o.mask.empty() ? nlohmann::json() : nlohmann::json(o.mask);
+    j["table"] = full_path(o.table);
+    j["mask"] = o.mask.empty() ? nlohmann::json() : nlohmann::json(full_path(o.mask));
     for (const auto &gr : groups) {
         size_t count = 0;
         for (const row &w : rows) count += w.event == gr.second;
@@ -357,14 +366,15 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
                             {"table_line", w.line},
                             {"group", w.group},
                             {"event", std::string(1, w.event)},
-                            {"effect", w.effect},
-                            {"error", w.error},
+                            {"effect", full_path(w.effect)},
+                            {"error", full_path(w.error)},
                             {"error_kind", kind_name(w.kind)},
                             {"dof", w.dof},
                             {"weight", w.weight}};
         s["participant_id"] = w.id.empty() ? nlohmann::json() : nlohmann::json(w.id);
         s["volume"] = w.volume < 0 ? nlohmann::json() : nlohmann::json(w.volume);
-        s["dof_file"] = w.dof_source.empty() ? nlohmann::json() : nlohmann::json(w.dof_source);
+        s["dof_file"] =
+            w.dof_source.empty() ? nlohmann::json() : nlohmann::json(full_path(w.dof_source));
         j["sources"].push_back(s);
     }
 
