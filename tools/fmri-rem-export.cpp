@@ -20,6 +20,13 @@ int main(int argc, char **argv) {
     app.add_option("-o,--out", o.out_dir, "the folder for the maps (default RESULTS_DIR/nifti)");
     app.add_option("-g,--geometry", o.geometry,
                    "geometry.json written by fmri-rem-import (default: found beside the results)");
+    app.footer(
+        "Per condition: contrast-<label>_stat-<t|F|z|logp|effect|variance>_statmap.nii.gz (F "
+        "for a condition of several rows; in labels - is written Minus and , And). Once: "
+        "desc-<within|between|betweensmoothed>_stat-variance_statmap.nii.gz, "
+        "stat-residuals_statmap.nii.gz (after fmri-rem -r), mask.nii.gz, a JSON sidecar per map "
+        "and dataset_description.json. Values are the result files' values bit for bit, 0 "
+        "where a voxel was not analysed or a value is not finite.");
     app.set_version_flag("-V,--version", std::string("fmri-rem-export ") + bridge::version());
     try {
         app.parse(argc, argv);

@@ -29,6 +29,16 @@ int main(int argc, char **argv) {
     app.add_option("--multiple-comparisons", o.multiple_comparisons,
                    "resolution elements for corrected p values (0 = raw p)")
         ->capture_default_str();
+    app.footer(
+        "Table: tab-separated with a header row. group, effect and dof (an integer, or a file "
+        "holding one, such as FSL's stats/dof) are required; each row gives exactly one of "
+        "variance, stderr and tstat (the error is then |effect / t|); participant_id names the "
+        "signal files; weight and volume (0-based, for 4-D files) are optional; n/a or an empty "
+        "cell means not given.\n\nGroups: a group written as one event character (1-9, a-z, "
+        "A-Z) is that event; other names get their first letter when it is free, else the next "
+        "free character, and the mapping is printed.\n\nA voxel where a value is not finite, "
+        "the standard error is not positive or the mask is 0 is left out for that subject.\n\n"
+        "Then: cd DIR && fmri-rem analysis.rem && fmri-rem-export");
     app.set_version_flag("-V,--version", std::string("fmri-rem-import ") + bridge::version());
     try {
         app.parse(argc, argv);

@@ -89,7 +89,8 @@ void to_doubles(int datatype, const void *data, size_t n, const std::string &pat
 }  // namespace
 
 image read_image(const std::string &path, int volume) {
-    if (!is_file(path)) throw failure("cannot read " + path + ": no such file");
+    if (!is_file(path))
+        throw failure("cannot read " + path + (is_dir(path) ? ": a folder" : ": no such file"));
     reject_nifti2(path);
     nifti_set_debug_level(0);
     nim_ptr head(nifti_image_read(path.c_str(), 0));
