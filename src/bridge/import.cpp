@@ -387,7 +387,9 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     rem += number;
     rem += "conditions " + o.conditions + "\n";
     rem += "multiple-comparisons " + std::to_string(o.multiple_comparisons) + "\n";
-    const bool weights = t.column("weight") >= 0;
+    // Weights only when some row gives one (the others then weigh 1).
+    bool weights = false;
+    for (const row &w : rows) weights = weights || w.weight != 1.0;
     for (const auto &gr : groups) {
         rem += "event " + std::string(1, gr.second) + "  # " + gr.first + "\n";
         for (const row &w : rows) {
