@@ -300,7 +300,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     const std::vector<double> &mask = mask_image.values;
     make_dirs(join_path(o.out_dir, "signal"));
     staging stage;
-    std::vector<uint8_t> missing;
+    std::vector<uint16_t> missing;  // per voxel: the subjects without a value
     for (size_t r = 0; r < rows.size(); ++r) {
         const row &w = rows[r];
         if (o.progress) err << "\rReading row " << r + 1 << " of " << rows.size() << std::flush;
@@ -326,7 +326,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
             if (ok)
                 ++valid;
             else
-                missing[i] = 1;
+                ++missing[i];
         }
         if (valid == 0)
             err << "Warning: " << w.effect << " (line " << w.line
@@ -407,19 +407,22 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     write_text_atomic(join_path(o.out_dir, "geometry.json"), j.dump(2) + "\n");
     write_text_atomic(join_path(o.out_dir, "analysis.rem"), rem);
 
-    size_t outside = 0, lost = 0;
+    size_t outside = 0, lost = 0, empty = 0;
     for (size_t i = 0; i < missing.size(); ++i) {
         if (!mask.empty() && mask[i] == 0.0)
             ++outside;
-        else
-            lost += missing[i];
+        else if (missing[i] == rows.size())
+            ++empty;
+        else if (missing[i] > 0)
+            ++lost;
     }
     bool named = false;
     for (const auto &gr : groups) named = named || gr.first != std::string(1, gr.second);
     if (named) out << "Groups: " << describe_groups(groups) << "\n";
     out << "Read " << rows.size() << " rows: " << g.first.dims[0] << " x " << g.first.dims[1]
-        << " x " << g.first.dims[2] << " voxels; " << missing.size() - lost - outside
-        << " complete in every subject, " << lost << " lost to a missing value";
+        << " x " << g.first.dims[2] << " voxels; " << missing.size() - lost - empty - outside
+        << " complete in every subject, " << lost << " lost to a missing value in some subject, "
+        << empty << " without a value in any";
     if (!mask.empty()) out << ", " << outside << " outside the mask";
     out << ".\n";
     out << "Wrote " << join_path(o.out_dir, "analysis.rem") << ", "
