@@ -4,7 +4,8 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 CHECK_BUILD ?= build-check
-PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary fmri-rem-report
+PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary fmri-rem-import fmri-rem-export \
+           fmri-rem-report
 MAKEFLAGS += --no-print-directory
 
 .PHONY: setup build example check bench calibrate clean

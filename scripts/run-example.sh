@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Makes the example study with the simulator, analyses it with fmri-rem and
-# prints a short summary of the results; last it writes the report page and
-# prints its path.
+# Makes the example study with the simulator, analyses it with fmri-rem,
+# prints a short summary of the results, exports them as NIfTI maps, and
+# last writes the report page and prints its path.
 #   scripts/run-example.sh [build folder]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -35,6 +35,10 @@ ls -l "$results"
 echo
 echo "== Summary (the true effects are in example-study/true-effect-*.bfloat)"
 "$build/fmri-rem-summary" "$results"
+
+echo
+echo "== NIfTI maps in results/nifti/ (fmri-rem-export)"
+"$build/fmri-rem-export"
 
 echo
 echo "== Report page (open it in a browser)"

@@ -1,14 +1,14 @@
 // Condition labels and the geometry of a results folder.
-#include <sys/stat.h>
-
-#include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "bridge.h"
-#include "io.h"
+#include "bridge_internal.h"
 
 namespace bridge {
+
+const char *version() {
+    return FMRI_REM_VERSION;
+}
 
 std::string condition_label(const std::string &condition) {
     std::string label;
@@ -25,11 +25,6 @@ std::string condition_label(const std::string &condition) {
 
 namespace {
 
-bool is_file(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
 bool read_json_geometry(const std::string &path, geometry *out, std::string *error) {
     try {
         std::ifstream in(path);
@@ -40,6 +35,9 @@ bool read_json_geometry(const std::string &path, geometry *out, std::string *err
                 out->affine[r][c] = j.at("affine").at(r).at(c).get<double>();
         out->qform_code = j.value("qform_code", 2);
         out->sform_code = j.value("sform_code", 2);
+        out->analysis = j.value("analysis", std::string());
+        if (out->dims[0] <= 0 || out->dims[1] <= 0 || out->dims[2] <= 0)
+            throw std::runtime_error("the dimensions are not positive");
     } catch (const std::exception &e) {
         *error = "the geometry file " + path + " cannot be read: " + e.what();
         return false;
@@ -69,16 +67,11 @@ bool find_geometry(const std::string &results_dir, const std::string &given, geo
         *error = "no results in " + dir + " (sigma2.hdr is missing) and no geometry.json";
         return false;
     }
-    static volume_header h;
-    std::string data = dir + "/sigma2.bfloat";
-    char name[1024];
-    if (data.size() >= sizeof name) {
-        *error = "the folder name " + dir + " is too long";
-        return false;
-    }
-    std::strcpy(name, data.c_str());
-    if (read_volume_header(name, &h) != 0) {
-        *error = "the result header " + header + " cannot be read";
+    native_header h;
+    try {
+        h = read_native_header(header);
+    } catch (const failure &e) {
+        *error = e.what();
         return false;
     }
     out->dims[0] = h.nx;
@@ -93,6 +86,7 @@ bool find_geometry(const std::string &results_dir, const std::string &given, geo
     out->qform_code = 2;
     out->sform_code = 2;
     out->from_header = true;
+    out->analysis.clear();
     out->source = header;
     return true;
 }

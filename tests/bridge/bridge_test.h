@@ -1,0 +1,100 @@
+// Helpers of the import and export tests: NIfTI files written the way the
+// first-level packages write them, the companion programs, and a normal
+// quantile computed without Boost.
+#ifndef FMRI_REM_BRIDGE_TEST_H
+#define FMRI_REM_BRIDGE_TEST_H
+
+#include <nifti1_io.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace bridge_test {
+
+struct nifti_spec {
+    int dims[4] = {1, 1, 1, 1};  // x, y, z, volumes
+    int datatype = NIFTI_TYPE_FLOAT32;
+    float affine[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
+    int qform_code = 0, sform_code = 0;
+    float slope = 0, inter = 0;
+    bool pair = false;  // .hdr/.img instead of one file
+};
+
+// Writes `stored` (the values as the datatype holds them, x fastest, volume
+// after volume) under `prefix` (".nii", ".nii.gz" or, for a pair, ".hdr").
+inline void write_nifti(const std::string &prefix, const nifti_spec &s,
+                        const std::vector<double> &stored) {
+    int dims[8] = {s.dims[3] > 1 ? 4 : 3, s.dims[0], s.dims[1], s.dims[2], s.dims[3], 1, 1, 1};
+    nifti_image *nim = nifti_make_new_nim(dims, s.datatype, 1);
+    mat44 a;
+    for (int r = 0; r < 4; ++r)
+        for (int c = 0; c < 4; ++c) a.m[r][c] = s.affine[r][c];
+    float dx, dy, dz;
+    nifti_mat44_to_quatern(a, &nim->quatern_b, &nim->quatern_c, &nim->quatern_d, &nim->qoffset_x,
+                           &nim->qoffset_y, &nim->qoffset_z, &dx, &dy, &dz, &nim->qfac);
+    nim->dx = nim->pixdim[1] = dx;
+    nim->dy = nim->pixdim[2] = dy;
+    nim->dz = nim->pixdim[3] = dz;
+    nim->sto_xyz = a;
+    nim->qform_code = s.qform_code;
+    nim->sform_code = s.sform_code;
+    nim->scl_slope = s.slope;
+    nim->scl_inter = s.inter;
+    for (size_t k = 0; k < stored.size(); ++k) {
+        switch (s.datatype) {
+            case NIFTI_TYPE_INT16:
+                static_cast<short *>(nim->data)[k] = stored[k];
+                break;
+            case NIFTI_TYPE_UINT8:
+                static_cast<unsigned char *>(nim->data)[k] = stored[k];
+                break;
+            case NIFTI_TYPE_FLOAT64:
+                static_cast<double *>(nim->data)[k] = stored[k];
+                break;
+            default:
+                static_cast<float *>(nim->data)[k] = static_cast<float>(stored[k]);
+        }
+    }
+    if (s.pair) nim->nifti_type = NIFTI_FTYPE_NIFTI1_2;
+    nifti_set_filenames(nim, prefix.c_str(), 0, 1);
+    nifti_image_write(nim);
+    nifti_image_free(nim);
+}
+
+// The value a reader of the file should see.
+inline double physical(const nifti_spec &s, double stored) {
+    return s.slope != 0 ? stored * s.slope + s.inter : stored;
+}
+
+inline test_support::CommandResult run_tool(const std::string &tool,
+                                            const std::vector<std::string> &args,
+                                            const std::string &dir) {
+    std::string cmd = test_support::shell_quote(std::string(FMRI_REM_BUILD_DIR) + "/" + tool);
+    for (const std::string &a : args) cmd += " " + test_support::shell_quote(a);
+    return test_support::run_command(cmd, dir);
+}
+
+// |z| with two-sided p = 10^-L, i.e. erfc(|z| / sqrt 2) = p, by Newton's
+// method on log erfc in long double.
+inline double z_reference(double L) {
+    if (L == 0) return 0;
+    const long double log_p = -static_cast<long double>(L) * std::log(10.0L);
+    long double x = std::sqrt(-log_p);
+    for (int it = 0; it < 100; ++it) {
+        long double e = std::erfc(x);
+        long double f = std::log(e) - log_p;
+        long double df =
+            -2.0L / std::sqrt(3.14159265358979323846264338327950288L) * std::exp(-x * x) / e;
+        long double step = f / df;
+        x -= step;
+        if (std::fabs(step) < 1e-18L * x) break;
+    }
+    return static_cast<double>(std::sqrt(2.0L) * x);
+}
+
+}  // namespace bridge_test
+
+#endif

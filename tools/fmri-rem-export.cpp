@@ -1,0 +1,43 @@
+// fmri-rem-export: the result volumes that fmri-rem wrote into a folder become
+// NIfTI statistical maps (t or F, z, signed -log10 p, effect, variance), the
+// variance maps, the residuals, a mask and JSON sidecars.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "bridge.h"
+
+int main(int argc, char **argv) {
+    bridge::export_options o;
+    CLI::App app(
+        "Writes the results of fmri-rem in RESULTS_DIR as gzip-compressed NIfTI-1 maps with "
+        "intents and BIDS-style names, on the grid of the imported NIfTI files "
+        "(geometry.json in RESULTS_DIR or its parent).",
+        "fmri-rem-export");
+    app.add_option("RESULTS_DIR", o.results_dir, "the folder where fmri-rem ran")
+        ->capture_default_str();
+    app.add_option("-o,--out", o.out_dir, "the folder for the maps (default RESULTS_DIR/nifti)");
+    app.add_option("-g,--geometry", o.geometry,
+                   "geometry.json written by fmri-rem-import (default: found beside the results)");
+    app.footer(
+        "Per condition: contrast-<label>_stat-<t|F|z|logp|effect|variance>_statmap.nii.gz (F "
+        "for a condition of several rows; in labels - is written Minus and , And). Once: "
+        "desc-<within|between|betweensmoothed>_stat-variance_statmap.nii.gz, "
+        "stat-residuals_statmap.nii.gz (after fmri-rem -r), mask.nii.gz, a JSON sidecar per map "
+        "and dataset_description.json. Values are the result files' values bit for bit, 0 "
+        "where a voxel was not analysed or a value is not finite.");
+    app.set_version_flag("-V,--version", std::string("fmri-rem-export ") + bridge::version());
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion &e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError &e) {
+        std::cerr << "Error: " << e.what() << " (see fmri-rem-export --help)\n";
+        return 1;
+    }
+    o.progress = isatty(2) != 0;
+    return bridge::run_export(o, std::cout, std::cerr);
+}

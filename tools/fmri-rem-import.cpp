@@ -1,0 +1,57 @@
+// fmri-rem-import: first-level NIfTI maps listed in a table become a study
+// folder for fmri-rem (signal files, analysis.rem, geometry.json).
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "bridge.h"
+
+int main(int argc, char **argv) {
+    bridge::import_options o;
+    std::vector<double> smoothing;
+    CLI::App app(
+        "Reads a tab-separated table of first-level NIfTI maps (columns participant_id, group, "
+        "effect, one of stderr/variance/tstat, dof, optional weight and volume; paths relative "
+        "to the table's folder) and writes DIR/signal/*.bfloat, DIR/analysis.rem and "
+        "DIR/geometry.json for fmri-rem.",
+        "fmri-rem-import");
+    app.add_option("TABLE", o.table, "the study table (.tsv)")->required();
+    app.add_option("-o,--out", o.out_dir, "the study folder to write")->capture_default_str();
+    app.add_option("-c,--conditions", o.conditions,
+                   "the conditions to test, in event characters (e.g. \"p c p-c\")")
+        ->required();
+    app.add_option("-s,--smoothing", smoothing,
+                   "FWHM in mm of the first-level smoothing and of the variance-ratio smoothing")
+        ->expected(2)
+        ->required();
+    app.add_option("-m,--mask", o.mask, "a NIfTI mask on the same grid (0 = leave out)");
+    app.add_option("--multiple-comparisons", o.multiple_comparisons,
+                   "resolution elements for corrected p values (0 = raw p)")
+        ->capture_default_str();
+    app.footer(
+        "Table: tab-separated with a header row. group, effect and dof (an integer, or a file "
+        "holding one, such as FSL's stats/dof) are required; each row gives exactly one of "
+        "variance, stderr and tstat (the error is then |effect / t|); participant_id names the "
+        "signal files; weight and volume (0-based, for 4-D files) are optional; n/a or an empty "
+        "cell means not given.\n\nGroups: a group written as one event character (1-9, a-z, "
+        "A-Z) is that event; other names get their first letter when it is free, else the next "
+        "free character, and the mapping is printed.\n\nA voxel where a value is not finite, "
+        "the standard error is not positive or the mask is 0 is left out for that subject.\n\n"
+        "Then: cd DIR && fmri-rem analysis.rem && fmri-rem-export");
+    app.set_version_flag("-V,--version", std::string("fmri-rem-import ") + bridge::version());
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion &e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError &e) {
+        std::cerr << "Error: " << e.what() << " (see fmri-rem-import --help)\n";
+        return 1;
+    }
+    o.prior_smoothing = smoothing[0];
+    o.ratio_smoothing = smoothing[1];
+    o.progress = isatty(2) != 0;
+    return bridge::run_import(o, std::cout, std::cerr);
+}
