@@ -1,13 +1,15 @@
 # Front door: `make example` analyses the bundled example study,
 # `make check` builds with sanitizers and runs the whole test suite, `make bench`
-# times the voxel passes.
+# times the voxel passes, `make fuzz` runs each fuzzing harness for FUZZ_SECONDS.
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 CHECK_BUILD ?= build-check
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
 PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary
 MAKEFLAGS += --no-print-directory
 
-.PHONY: setup build example check bench clean
+.PHONY: setup build example check bench fuzz clean
 
 setup:
 	@bash scripts/setup.sh
@@ -29,5 +31,9 @@ check: setup
 bench: build
 	@bash scripts/bench.sh $(BUILD)
 
+# Each libFuzzer harness of fuzz/ for FUZZ_SECONDS seconds (clang, ASan, UBSan).
+fuzz: setup
+	@FUZZ_BUILD=$(FUZZ_BUILD) FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) bash scripts/fuzz.sh
+
 clean:
-	rm -rf $(BUILD) $(CHECK_BUILD)
+	rm -rf $(BUILD) $(CHECK_BUILD) $(FUZZ_BUILD)

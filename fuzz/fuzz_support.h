@@ -12,8 +12,9 @@
 
 namespace fuzz {
 
-// The scratch folder of this process (created on first use, removed when the
-// process ends normally).
+// The scratch folder of this process, under $FUZZ_SCRATCH, else /dev/shm,
+// else $TMPDIR or /tmp (created on first use, removed when the process ends
+// normally).
 const std::string &scratch_dir();
 
 // Writes size bytes to path, replacing the file.
