@@ -1,14 +1,17 @@
 # Front door: `make example` analyses the bundled example study,
 # `make check` builds with sanitizers and runs the whole test suite, `make bench`
-# times the voxel passes, `make calibrate` measures the p values on null studies.
+# times the voxel passes, `make calibrate` measures the p values on null studies,
+# `make fuzz` runs each fuzzing harness for FUZZ_SECONDS.
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 CHECK_BUILD ?= build-check
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
 PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary fmri-rem-import fmri-rem-export \
            fmri-rem-report
 MAKEFLAGS += --no-print-directory
 
-.PHONY: setup build example check bench calibrate clean
+.PHONY: setup build example check bench calibrate fuzz clean
 
 setup:
 	@bash scripts/setup.sh
@@ -42,5 +45,9 @@ bench: build
 calibrate: build
 	@bash scripts/calibrate.sh $(BUILD)
 
+# Each libFuzzer harness of fuzz/ for FUZZ_SECONDS seconds (clang, ASan, UBSan).
+fuzz: setup
+	@FUZZ_BUILD=$(FUZZ_BUILD) FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) bash scripts/fuzz.sh
+
 clean:
-	rm -rf $(BUILD) $(CHECK_BUILD)
+	rm -rf $(BUILD) $(CHECK_BUILD) $(FUZZ_BUILD)

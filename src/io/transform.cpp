@@ -40,6 +40,7 @@ mat44 invert_mat44(mat44 m) {
 
     int row = -1;
     if (rInvertSquareMatrix(4, work, &row) != 0) {
+        free_float_matrix(work, 4);
         printf("failed on row %d\n", row);
         exit(1);
     }

@@ -2,8 +2,11 @@
 // layouts, either files listed under their event or events given as ranges
 // of file indices followed by a "measurements" list of files.
 #include <ctype.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
+
+#include <cmath>
 
 #include "rem.h"
 #include "util.h"
@@ -165,6 +168,7 @@ bool add_file(const char *word, const char *rest, bool record_weight_given) {
 int read_index_lines(FILE *file, int e) {
     char line[kLineLength];
     int nranges = 0;
+    long long nfiles = REM.event_nfiles[e];
     int status;
     while ((status = read_line(file, line)) != 0) {
         if (status < 0) return 1;
@@ -190,7 +194,10 @@ int read_index_lines(FILE *file, int e) {
         }
         REM.range_start[e][nranges] = start;
         REM.range_stop[e][nranges] = stop;
-        REM.event_nfiles[e] += stop - start + 1;
+        // Counted in 64 bits: a range may reach far beyond any file count
+        // until the ranges are checked against the files, which refuses it.
+        nfiles += static_cast<long long>(stop) - start + 1;
+        REM.event_nfiles[e] = nfiles > INT_MAX ? INT_MAX : static_cast<int>(nfiles);
         ++nranges;
     }
     REM.event_nranges[e] = nranges;
@@ -304,6 +311,11 @@ int REMInternal_decode_keyword(const char *line) {
             printf("Error: `smoothing' requires 2 arguments (mm).\n");
             printf("1) width of smoothing kernel in prior analysis,\n");
             printf("2) width of smoothing kernel used to boost random-effects DOF\n");
+            return -1;
+        }
+        if (!std::isfinite(prior) || !std::isfinite(ratio)) {
+            printf("Error: the `smoothing' widths must be finite numbers (mm), not %g and %g.\n",
+                   static_cast<double>(prior), static_cast<double>(ratio));
             return -1;
         }
         REM_input.prior_smoothing = prior;

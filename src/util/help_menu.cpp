@@ -113,9 +113,17 @@ void bad_option(int upper) {
     printf("Bad option. Choose '0', 'b', 'q', or a number from 1 to %d\n", upper);
 }
 
-}  // namespace
+// Where the dialogue goes when one help file is done with.
+enum class Next {
+    end,        // the menu is left (or failed): help_menu returns
+    link,       // an item's link names the next file
+    top_level,  // a linked file was left: back to the top-level file
+};
 
-extern "C" int help_menu(int linked, const char *file_name) {
+// Shows one help file and runs its dialogue.  Returns 0, or 1 on an error;
+// next tells what follows, and link_name holds the linked file's name.
+int show_help_file(int linked, const char *file_name, Next &next, std::string &link_name) {
+    next = Next::end;
     const char *home = getenv("TOV_HOME");
     if (home == nullptr) {
         printf("For help, quit and define the environment variable TOV_HOME, and then re-start.\n");
@@ -137,8 +145,7 @@ extern "C" int help_menu(int linked, const char *file_name) {
         printf("If this is incorrect, quit, define this environment variable, and re-start.\n");
         return 1;
     }
-    if (linked == 0 && file_name != saved_help_file_name)
-        snprintf(saved_help_file_name, sizeof saved_help_file_name, "%s", file_name);
+    if (linked == 0) snprintf(saved_help_file_name, sizeof saved_help_file_name, "%s", file_name);
     printf("Help from file %s\n", path.c_str());
 
     // The markers must follow one another: the next item of the same menu
@@ -164,9 +171,9 @@ extern "C" int help_menu(int linked, const char *file_name) {
 
     // Where each entry's text lies, and how many items each menu has.
     for (size_t j = 0; j < markers.size(); ++j) {
-        const long next = j + 1 < markers.size() ? markers[j + 1].line : nlines;
+        const long end = j + 1 < markers.size() ? markers[j + 1].line : nlines;
         help.entries[std::make_pair(markers[j].menu, markers[j].item)] =
-            EntryText{markers[j].line, next - markers[j].line - 1};
+            EntryText{markers[j].line, end - markers[j].line - 1};
         help.item_count[markers[j].menu] = markers[j].item;
     }
     if (!markers.empty()) {
@@ -235,13 +242,34 @@ extern "C" int help_menu(int linked, const char *file_name) {
         if (i == 0 && help.items(m) > 0) continue;
         char link[line_size];
         if (show_entry(help, m, i, m != 0, link)) {
-            help.close();
-            help_menu(1, link);
+            link_name = link;
+            next = Next::link;
             return 0;
         }
     }
 
-    help.close();
-    if (linked == 1 && saved_help_file_name[0] != '\0') help_menu(0, saved_help_file_name);
+    if (linked == 1 && saved_help_file_name[0] != '\0') next = Next::top_level;
     return 0;
+}
+
+}  // namespace
+
+// Links are followed one file after the other, however long the chain:
+// a file that follows a link or returns to the top-level file gives way to
+// the next, and only the first call's own failure is reported.
+extern "C" int help_menu(int linked, const char *file_name) {
+    std::string name = file_name;
+    for (bool first = true;; first = false) {
+        Next next = Next::end;
+        std::string link;
+        const int result = show_help_file(linked, name.c_str(), next, link);
+        if (next == Next::end) return first ? result : 0;
+        if (next == Next::link) {
+            linked = 1;
+            name = link;
+        } else {
+            linked = 0;
+            name = saved_help_file_name;
+        }
+    }
 }

@@ -154,6 +154,12 @@ TEST(ControlFile, RefusalsAndCapacities) {
          "2) width of smoothing kernel used to boost random-effects DOF\n",
          1},
         {"smooth 1 2\n# note\nconditions p\n\nfoo 1\nevent p\n", "", 3},
+        {"conditions p\nsmoothing nan 4\nevent p\na\n",
+         "Error: the `smoothing' widths must be finite numbers (mm), not nan and 4.\n", 2},
+        {"smooth 0 inf\nevent p\na\n",
+         "Error: the `smoothing' widths must be finite numbers (mm), not 0 and inf.\n", 1},
+        {"smooth -INF 1e39\nevent p\na\n",
+         "Error: the `smoothing' widths must be finite numbers (mm), not -inf and inf.\n", 1},
         {"multiple-comparisons x\n",
          "Error: `multiple-comparisons' requires an integer argument.\n", 1},
         {"smooth 1 2\nreml fast\n", kReml, 2},
@@ -180,6 +186,13 @@ TEST(ControlFile, RefusalsAndCapacities) {
          "Error: event \n is not an allowed event character.\n"},
         {"event p\n0 2\n\nmeasurements\na\nb\n",
          "Error: the file range 0 2 of event p reaches beyond the last of the 2 files.\n"},
+        // File counts beyond the int range are refused like any range too far.
+        {"event p\n0 2147483647\n1 2147483647\n\nmeasurements\na\n",
+         "Error: the file range 0 2147483647 of event p reaches beyond the last of the 1 "
+         "files.\n"},
+        {"event p\n0 0\n0 2147483647\n\nmeasurements\na\n",
+         "Error: the file range 0 2147483647 of event p reaches beyond the last of the 1 "
+         "files.\n"},
         {"event p\n0 0\n3 2\n\nmeasurements\na\n",
          "Error: the file range 3 2 of event p (line 3 of file '@') must have 0 <= start <= "
          "stop.\n"},
@@ -212,6 +225,10 @@ TEST(ControlFile, RefusalsAndCapacities) {
     EXPECT_EQ(std::string(REM_input.file_name[0]), name);
     EXPECT_EQ(REM.nevents, 100);
     EXPECT_EQ(REM.nfiles, 200);
+    // Negative widths are read as they stand.
+    EXPECT_EQ(read_text("smoothing -1.5 -3\nevent p\na\n").result, 0);
+    EXPECT_EQ(REM_input.prior_smoothing, -1.5f);
+    EXPECT_EQ(REM_input.ratio_smoothing, -3.0f);
 }
 
 // The example analysis files of the help pages (indented blocks of

@@ -60,7 +60,9 @@ TEST(HelpMenu, DialogueSteps) {
     const std::string menu =
         "!0 0\nMAIN\n!1 0\nSUB1\n!1 1\nITEM 1.1\n!1 2\nITEM 1.2\nline two\n!2 0\nSUB2 ALONE\n"
         "!3 0\nSUB3\n!3 1\nbefore link\n>linked.txt more words\nafter\n";
-    HelpHome home({{"main.txt", menu}, {"linked.txt", "!0 0\nLINKED MAIN\n!1 0\nLSUB\n"}});
+    // The linked file's item links to the file itself.
+    HelpHome home(
+        {{"main.txt", menu}, {"linked.txt", "!0 0\nLINKED MAIN\n!1 0\nLSUB\n!1 1\n>linked.txt\n"}});
     const std::string bad = "Bad option. Choose '0', 'b', 'q', or a number from 1 to ";
     // The expected output, one letter per screen.
     const std::map<char, std::string> screen = {
@@ -68,6 +70,7 @@ TEST(HelpMenu, DialogueSteps) {
         {'L', "Help from file " + home.path("linked.txt") + "\nLINKED MAIN\n" + main_prompt},
         {'M', "MAIN\n" + main_prompt},
         {'S', "SUB1\n" + sub_prompt},
+        {'T', "LSUB\n" + sub_prompt},
         {'1', "ITEM 1.1\n"},
         {'2', "ITEM 1.2\nline two\n"},
         {'A', "SUB2 ALONE\n"},
@@ -75,7 +78,12 @@ TEST(HelpMenu, DialogueSteps) {
         {'b', bad + "3\n"},  // main menu
         {'B', bad + "0\n"},  // sub-menu: "1 to 0" as it stands
     };
-    const std::pair<const char *, const char *> cases[] = {
+    auto repeat = [](const std::string &s, int n) {
+        std::string r;
+        while (n-- > 0) r += s;
+        return r;
+    };
+    const std::pair<std::string, std::string> cases[] = {
         {"3\n1\n\n\n", "HMCLHM"},  // a link, and back to the top-level file's main menu
         {"\n", "HM"},              // return alone leaves the main menu
         {"1\n3\n\n\n", "HMSBSM"},  // item number beyond the sub-menu's items
@@ -86,13 +94,20 @@ TEST(HelpMenu, DialogueSteps) {
         {"4\n-1\n\n", "HMbMbM"},        // main-menu numbers out of range
         {"q\n1\nx\n\n\n", "HMbMS1SM"},  // letters: refused first, then the last number
         {"1\n", "HMS"},                 // end of input leaves at once
+        // A file linking to itself, followed 20000 times, then back to the top.
+        {"3\n1\n" + repeat("1\n1\n", 20000) + "\n\n", "HMCL" + repeat("TL", 20000) + "HM"},
     };
     for (const auto &c : cases) {
         std::string expected;
-        for (const char *code = c.second; *code; ++code) expected += screen.at(*code);
+        for (char code : c.second) expected += screen.at(code);
         const HelpRun run = run_help(home.dir.path(), c.first);
-        EXPECT_EQ(run.result, 0) << c.first;
-        EXPECT_EQ(run.out, expected) << "answers: " << c.first;
+        EXPECT_EQ(run.result, 0) << c.first.substr(0, 40);
+        const auto differ =
+            std::mismatch(run.out.begin(), run.out.end(), expected.begin(), expected.end());
+        EXPECT_TRUE(run.out == expected)
+            << "answers: " << c.first.substr(0, 40) << "\nfirst difference at "
+            << (differ.first - run.out.begin()) << ": "
+            << std::string(differ.first, std::min(differ.first + 200, run.out.end()));
     }
 }
 
