@@ -40,26 +40,6 @@ double f_tail(double F, int m, int nu) {
     return 1.0 - std::pow(1.0 - x, b) * sum;
 }
 
-// The estimation in double precision: OLS start, EM steps, stop at a relative
-// change of at most 5 %.  NaN when a change comes within 1e-3 of 0.05, where
-// float rounding could decide the number of steps.
-double reml_reference(const Mat &X, const Vec &y, const Vec &s) {
-    const int n = static_cast<int>(X.size()), k = static_cast<int>(X[0].size());
-    const Wls start = wls(X, Vec(n, 0.0), 1.0);  // W = I
-    double sigma2 = dot(y, mat_vec(start.R, y)) / (n - k);
-    for (double change = 1.0; change > 0.05;) {
-        const Wls w = wls(X, s, sigma2);
-        double trace = 0.0;
-        for (int i = 0; i < n; ++i) trace += s[i] * s[i] * w.R[i][i];
-        const Vec Ry = mat_vec(w.R, y);
-        const double next = ((trace + k) * sigma2 + sigma2 * sigma2 * dot(Ry, Ry)) / n;
-        change = std::fabs(1.0 - next / sigma2);
-        if (std::fabs(change - 0.05) < 1e-3) return NAN;
-        sigma2 = next;
-    }
-    return sigma2;
-}
-
 }  // namespace
 
 // A square event and a ramp (-1, 0, 1) over three files, y = (1, 2, 4).  With
@@ -199,7 +179,7 @@ TEST(EstimateAndFit, RandomDesignsAgreeWithDoublePrecision) {
                 for (int j = 0; j < k; ++j) mu += X[i][j] * (1.0 + j);
                 y[i] = static_cast<float>(mu + rng.normal() * std::sqrt(s[i] * s[i] + v));
             }
-            const double sigma2_ref = reml_reference(X, to_double(y), to_double(s));
+            const double sigma2_ref = reml(X, to_double(y), to_double(s));
             if (std::isnan(sigma2_ref)) continue;  // the step count is in doubt
             float fe = 0.0f, sigma2 = 0.0f;
             const std::vector<int> dof(n, 10);

@@ -1,6 +1,6 @@
 // Test helpers for the model's statistics: building a small model in the
 // global records, setting conditions directly, a portable random source, and
-// an independent double-precision weighted least-squares computation.
+// independent double-precision weighted least squares and REML.
 #ifndef FMRI_REM_TEST_MODEL_H
 #define FMRI_REM_TEST_MODEL_H
 
@@ -159,6 +159,27 @@ inline Wls wls(const Mat &X, const Vec &s, double sigma2) {
 
 inline Vec to_double(const std::vector<float> &v) {
     return Vec(v.begin(), v.end());
+}
+
+// Restricted maximum likelihood in double precision: the ordinary
+// least-squares residual variance (no errors, unit variance: W = I) as the
+// start, then EM steps until one changes the estimate by at most 5 %.  NaN
+// when a change comes within 1e-3 of 0.05, where float rounding could decide
+// the number of steps.
+inline double reml(const Mat &X, const Vec &y, const Vec &s) {
+    const size_t n = X.size(), k = X[0].size();
+    double sigma2 = dot(y, mat_vec(wls(X, Vec(n, 0.0), 1.0).R, y)) / (n - k);
+    for (double change = 1.0; change > 0.05;) {
+        const Wls w = wls(X, s, sigma2);
+        double trace = 0.0;
+        for (size_t i = 0; i < n; ++i) trace += s[i] * s[i] * w.R[i][i];
+        const Vec Ry = mat_vec(w.R, y);
+        const double next = ((trace + k) * sigma2 + sigma2 * sigma2 * dot(Ry, Ry)) / n;
+        change = std::fabs(1.0 - next / sigma2);
+        if (std::fabs(change - 0.05) < 1e-3) return NAN;
+        sigma2 = next;
+    }
+    return sigma2;
 }
 
 }  // namespace rem_test
