@@ -1,5 +1,5 @@
 // Test helpers for the model's statistics: building a small model in the
-// global records, setting conditions directly, a portable random source, and
+// global records, a portable random source, and
 // independent double-precision weighted least squares and REML.
 #ifndef FMRI_REM_TEST_MODEL_H
 #define FMRI_REM_TEST_MODEL_H
@@ -42,21 +42,6 @@ inline void build_model(int nfiles, const std::vector<Event> &events,
     }
     REMInternal_define_design_matrix();
     REM.initialized = 1;
-}
-
-// Sets condition `index` to the given contrast rows (k columns each).
-inline void set_condition(int index, const std::vector<std::vector<int>> &rows) {
-    const int m = static_cast<int>(rows.size());
-    const int k = REM.nbasis;
-    if (REM.condition_contrast[index] != nullptr)
-        free_int_matrix(REM.condition_contrast[index],
-                        static_cast<uint32_t>(REM.condition_nrows[index]));
-    REM.condition_contrast[index] = int_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(k));
-    for (int r = 0; r < m; ++r) {
-        for (int j = 0; j < k; ++j) REM.condition_contrast[index][r][j] = rows[r][j];
-    }
-    REM.condition_nrows[index] = m;
-    if (REM.nconditions < index + 1) REM.nconditions = index + 1;
 }
 
 // Deterministic, platform-independent random numbers (64-bit LCG).
@@ -155,10 +140,6 @@ inline Wls wls(const Mat &X, const Vec &s, double sigma2) {
             for (size_t a = 0; a < k; ++a) out.R[i][j] -= w[i] * X[i][a] * out.estimator[a][j];
     }
     return out;
-}
-
-inline Vec to_double(const std::vector<float> &v) {
-    return Vec(v.begin(), v.end());
 }
 
 // Restricted maximum likelihood in double precision: the ordinary

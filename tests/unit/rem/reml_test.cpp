@@ -33,8 +33,8 @@ TEST(ModelCheckDeathTest, OperationsRefuse) {
     for (float v : {fe, re, out[0], out[3]}) EXPECT_EQ(v, 7.0f);
 
     build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
-    set_condition(0, {{1, 0}});
-    set_condition(1, {{0, 1}});
+    int count = 0;
+    ASSERT_EQ(REM_define_conditions("1 2", &count), 0);
     const struct {
         int n, condition;
         const char *message;
