@@ -24,9 +24,8 @@ struct Event {
 // the model initialised.
 inline void build_model(int nfiles, const std::vector<Event> &events,
                         const std::vector<float> &weights = {}) {
-    for (int i = 0; i < REM_MAX_FILES; ++i) {
+    for (int i = 0; i < REM_MAX_FILES; ++i)
         REM_input.file_weight[i] = i < static_cast<int>(weights.size()) ? weights[i] : 1.0f;
-    }
     REM.nfiles = nfiles;
     REM.nevents = static_cast<int>(events.size());
     for (int e = 0; e < REM.nevents; ++e) {
@@ -35,9 +34,10 @@ inline void build_model(int nfiles, const std::vector<Event> &events,
         REM.event_nranges[e] = static_cast<int>(events[e].ranges.size());
         REM.event_nfiles[e] = 0;
         for (size_t r = 0; r < events[e].ranges.size(); ++r) {
-            REM.range_start[e][r] = events[e].ranges[r].first;
-            REM.range_stop[e][r] = events[e].ranges[r].second;
-            REM.event_nfiles[e] += events[e].ranges[r].second - events[e].ranges[r].first + 1;
+            const auto [start, stop] = events[e].ranges[r];
+            REM.range_start[e][r] = start;
+            REM.range_stop[e][r] = stop;
+            REM.event_nfiles[e] += stop - start + 1;
         }
     }
     REMInternal_define_design_matrix();
@@ -66,10 +66,6 @@ class Random {
 using Vec = std::vector<double>;
 using Mat = std::vector<Vec>;
 
-inline Mat zeros(size_t r, size_t c) {
-    return Mat(r, Vec(c, 0.0));
-}
-
 inline Vec mat_vec(const Mat &A, const Vec &y) {
     Vec t(A.size(), 0.0);
     for (size_t i = 0; i < A.size(); ++i)
@@ -83,34 +79,10 @@ inline double dot(const Vec &a, const Vec &b) {
     return s;
 }
 
-// Gauss-Jordan inversion of a small, well-conditioned symmetric positive
-// definite matrix (no pivoting needed).
-inline Mat inverse(Mat A) {
-    const size_t n = A.size();
-    Mat I = zeros(n, n);
-    for (size_t i = 0; i < n; ++i) I[i][i] = 1.0;
-    for (size_t c = 0; c < n; ++c) {
-        const double d = A[c][c];
-        for (size_t j = 0; j < n; ++j) {
-            A[c][j] /= d;
-            I[c][j] /= d;
-        }
-        for (size_t r = 0; r < n; ++r) {
-            const double f = r == c ? 0.0 : A[r][c];
-            for (size_t j = 0; j < n; ++j) {
-                A[r][j] -= f * A[c][j];
-                I[r][j] -= f * I[c][j];
-            }
-        }
-    }
-    return I;
-}
-
 // The design the model built, in double.
 inline Mat design() {
-    Mat X = zeros(REM.nfiles, REM.nbasis);
-    for (int i = 0; i < REM.nfiles; ++i)
-        for (int j = 0; j < REM.nbasis; ++j) X[i][j] = REM.design[i][j];
+    Mat X(REM.nfiles);
+    for (int i = 0; i < REM.nfiles; ++i) X[i].assign(REM.design[i], REM.design[i] + REM.nbasis);
     return X;
 }
 
@@ -125,15 +97,26 @@ inline Wls wls(const Mat &X, const Vec &s, double sigma2) {
     const size_t n = X.size(), k = X[0].size();
     Vec w(n);
     for (size_t i = 0; i < n; ++i) w[i] = 1.0 / (s[i] * s[i] + sigma2);
-    Mat N = zeros(k, k);
-    for (size_t a = 0; a < k; ++a)
+    // Gauss-Jordan inversion of N = X'WX (symmetric positive definite, small:
+    // no pivoting needed), I turning into N^-1.
+    Mat N(k, Vec(k, 0.0)), I(k, Vec(k, 0.0));
+    for (size_t a = 0; a < k; ++a) {
+        I[a][a] = 1.0;
         for (size_t b = 0; b < k; ++b)
             for (size_t i = 0; i < n; ++i) N[a][b] += X[i][a] * w[i] * X[i][b];
-    Wls out{inverse(N), zeros(k, n), zeros(n, n)};
+    }
+    for (size_t c = 0; c < k; ++c) {
+        const double d = N[c][c];
+        for (size_t j = 0; j < k; ++j) N[c][j] /= d, I[c][j] /= d;
+        for (size_t r = 0; r < k; ++r) {
+            const double f = r == c ? 0.0 : N[r][c];
+            for (size_t j = 0; j < k; ++j) N[r][j] -= f * N[c][j], I[r][j] -= f * I[c][j];
+        }
+    }
+    Wls out{I, Mat(k, Vec(n, 0.0)), Mat(n, Vec(n, 0.0))};
     for (size_t a = 0; a < k; ++a)
         for (size_t i = 0; i < n; ++i)
-            for (size_t b = 0; b < k; ++b)
-                out.estimator[a][i] += out.normal_inverse[a][b] * X[i][b] * w[i];
+            for (size_t b = 0; b < k; ++b) out.estimator[a][i] += I[a][b] * X[i][b] * w[i];
     for (size_t i = 0; i < n; ++i) {
         out.R[i][i] = w[i];
         for (size_t j = 0; j < n; ++j)
