@@ -52,9 +52,10 @@ TEST(ReadDegreesOfFreedom, HeaderTable) {
     }
 }
 
-// Two signal files of 12 voxels read on demand: a file one value short is
-// refused; one longer than needed is fine until it changes under the run,
-// and a read past the end of a file cut short fails.
+// Two signal files of 12 voxels read on demand (a file too short to begin
+// with is a bad-input row of the whole runs): one longer than needed is fine
+// until it changes under the run, and a read past the end of a file cut
+// short fails.
 TEST(SignalData, ShortAndChangedFiles) {
     test_support::TempDir dir;
     file_list_entry second{};
@@ -82,12 +83,6 @@ TEST(SignalData, ShortAndChangedFiles) {
         }
     };
     int result = -1;
-    ASSERT_EQ(truncate(b.c_str(), 4 * 23), 0);
-    const std::string out = quietly([&] { result = load_signal_files(1); });
-    EXPECT_EQ(result, 1);
-    EXPECT_EQ(out.substr(out.size() - std::min(out.size(), error.size())), error);
-    forget();
-
     ASSERT_EQ(truncate(b.c_str(), 4 * 25), 0);
     quietly([&] { result = load_signal_files(1); });
     ASSERT_EQ(result, 0);
