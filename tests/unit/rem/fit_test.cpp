@@ -4,7 +4,6 @@
 // double-precision computation.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -43,21 +42,25 @@ double f_tail(double F, int m, int nu) {
 
 }  // namespace
 
-// Only an exact zero error value (of either sign) gives the all-zero fit,
-// beta and normal_inverse included; a NaN goes into the fit.  (The fit itself
-// is compared with double precision below.)
-TEST(FitFinal, ZeroErrorShortcut) {
+// A negative error value weighs like its magnitude, a NaN goes into the fit,
+// and only an exact zero (of either sign) gives the all-zero fit, beta and
+// normal_inverse included.  (The fit itself is compared with double precision
+// below.)
+TEST(FitFinal, ErrorSignsAndTheZeroErrorShortcut) {
     build_model(3, {{0, {{0, 2}}}, {1, {{0, 2}}}});
+    using V = std::vector<float>;
     const float y[3] = {1.0f, 2.0f, 4.0f};
-    for (const std::vector<float> &s :
-         {std::vector<float>{1, 0, 2}, {1, 1, -0.0f}, {kNaN, 0, -2}, {1, kNaN, 1}}) {
-        std::vector<float> out(6, 7.0f);  // fitted values, then event sums
-        REM.beta[1] = REM.normal_inverse[1][0] = 5.0f;
+    auto fit = [&](const V &s) {  // fitted values, then event sums
+        V out(6, 7.0f);
         EXPECT_EQ(REM_fit_final(0.3f, 3, y, s.data(), out.data(), out.data() + 3), 0);
-        const bool zero = std::count(s.begin(), s.end(), 0.0f) > 0;
-        EXPECT_EQ(out == std::vector<float>(6, 0.0f), zero);
-        EXPECT_EQ(REM.beta[1] == 0.0f && REM.normal_inverse[1][0] == 0.0f, zero);
-        EXPECT_EQ(std::isnan(out[0]), !zero);
+        return out;
+    };
+    EXPECT_EQ(fit({-1, 1, -1}), fit({1, 1, 1}));
+    EXPECT_TRUE(std::isnan(fit({1, kNaN, 1})[0]));
+    for (const V &s : {V{1, 0, 2}, V{1, 1, -0.0f}, V{kNaN, 0, -2}}) {
+        REM.beta[1] = REM.normal_inverse[1][0] = 5.0f;
+        EXPECT_EQ(fit(s), V(6, 0.0f));
+        EXPECT_EQ(REM.beta[1] + REM.normal_inverse[1][0], 0.0f);
     }
 }
 
