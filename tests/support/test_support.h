@@ -3,6 +3,7 @@
 #ifndef FMRI_REM_TEST_SUPPORT_H
 #define FMRI_REM_TEST_SUPPORT_H
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -24,15 +25,11 @@ class TempDir {
 };
 
 // Changes the working directory for the life of the object.
-class ScopedChdir {
-  public:
-    explicit ScopedChdir(const std::string &dir);
-    ~ScopedChdir();
-    ScopedChdir(const ScopedChdir &) = delete;
-    ScopedChdir &operator=(const ScopedChdir &) = delete;
-
-  private:
-    std::string old_;
+struct ScopedChdir {
+    explicit ScopedChdir(const std::string &dir) { std::filesystem::current_path(dir); }
+    ~ScopedChdir() { std::filesystem::current_path(old, ignored); }
+    std::filesystem::path old = std::filesystem::current_path();
+    std::error_code ignored;
 };
 
 struct CommandResult {
@@ -52,7 +49,9 @@ CommandResult run_fmri_rem(const std::vector<std::string> &args, const std::stri
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text);
-bool file_exists(const std::string &path);
+inline bool file_exists(const std::string &path) {
+    return std::filesystem::exists(path);
+}
 std::vector<float> read_floats(const std::string &path);
 void write_floats(const std::string &path, const std::vector<float> &values);
 std::string shell_quote(const std::string &word);

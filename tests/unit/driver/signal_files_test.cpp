@@ -1,15 +1,14 @@
 // Reading the degrees of freedom from a signal file's text header, and the
-// signal data read on demand from the files kept open.
+// failures of the signal data read on demand from the files kept open (the
+// values themselves are compared with those held in memory by the whole-run
+// tests of the fast passes).
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 #include "driver.h"
 #include "signal_data.h"
@@ -24,21 +23,17 @@ TEST(ReadDegreesOfFreedom, HeaderTable) {
     };
     const Case cases[] = {
         {"x 4\ny 4\nz 2\nt 2\ndegrees-of-freedom 17\n", 0, 17},
-        {"\n\n   \ndegrees-of-freedom 9 # comment\n", 0, 9},
-        {"degrees-of-freedom\t42\n", 0, 42},
+        {"\n\n   \ndegrees-of-freedom\t9 # comment\n", 0, 9},
         // An indented keyword matches, but its value is looked for inside
         // the keyword and is not found.
         {"   degrees-of-freedom 12\n", 0, 0},
         {"degrees-of-freedom 5\ndegrees-of-freedom 6\n", 0, 5},
         {"degrees-of-freedomX 5\n", 1, 0},
-        {"# degrees-of-freedom 5\nx 4\n", 1, 0},
-        {"DEGREES-OF-FREEDOM 5\n", 1, 0},
-        {"", 1, 0},
+        {"# degrees-of-freedom 5\nDEGREES-OF-FREEDOM 5\n", 1, 0},
         {nullptr, 1, 0},
     };
     test_support::TempDir dir;
-    file_list_entry entry;
-    std::memset(&entry, 0, sizeof entry);
+    file_list_entry entry{};
     std::strcpy(entry.name, dir.file("subject.bfloat").c_str());
     const std::string header = dir.file("subject.hdr");
     for (const Case &c : cases) {
@@ -48,133 +43,64 @@ TEST(ReadDegreesOfFreedom, HeaderTable) {
         int dof = -7;
         testing::internal::CaptureStdout();
         EXPECT_EQ(read_degrees_of_freedom(&entry, &dof), c.result);
-        std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  c.result == 0 ? ""
+                  : c.header
+                      ? "Error: the keyword 'degrees-of-freedom' was not found in " + header + "\n"
+                      : "Error: cannot open file " + header + ".\n");
         EXPECT_EQ(dof, c.dof);
-        EXPECT_EQ(out, c.result == 0 ? ""
-                       : c.header    ? "Error: the keyword 'degrees-of-freedom' was not found in " +
-                                        header + "\n"
-                                  : "Error: cannot open file " + header + ".\n");
     }
 }
 
-// Two signal files of 3 x 2 x 2 voxels linked as the signal file list, with
-// effect v and error 100 + v at voxel v of file a, and their negatives in b.
-class StreamedSignalData : public testing::Test {
-  protected:
-    static const int kVoxels = 12;
-
-    void SetUp() override {
-        for (const char *stem : {"a", "b"}) {
-            test_support::write_file(dir_.file(std::string(stem) + ".hdr"),
-                                     "x 3\ny 2\nz 2\nt 2\nbyte-order 1\n"
-                                     "resolution 2 2 2\ndegrees-of-freedom 10\n");
-            std::vector<float> data;
-            for (int v = 0; v < 2 * kVoxels; ++v)
-                data.push_back((stem[0] == 'a' ? 1.0f : -1.0f) *
-                               static_cast<float>(v < kVoxels ? v : 100 + v - kVoxels));
-            test_support::write_floats(data_name(stem), data);
-        }
-        std::memset(&file_list_root, 0, sizeof file_list_root);
-        std::memset(&second_, 0, sizeof second_);
-        std::strcpy(file_list_root.name, data_name("a").c_str());
-        std::strcpy(second_.name, data_name("b").c_str());
-        file_list_root.next = &second_;
+// Two signal files of 12 voxels read on demand (a file too short to begin
+// with is a bad-input row of the whole runs): one longer than needed is fine
+// until it changes under the run, and a read past the end of a file cut
+// short fails.
+TEST(SignalData, ShortAndChangedFiles) {
+    test_support::TempDir dir;
+    file_list_entry second{};
+    file_list_root = file_list_entry{};
+    file_list_root.next = &second;
+    for (file_list_entry *e : {&file_list_root, &second}) {
+        const std::string stem = dir.file(e == &second ? "b" : "a");
+        std::strcpy(e->name, (stem + ".bfloat").c_str());
+        test_support::write_file(stem + ".hdr", "x 3\ny 2\nz 2\nt 2\ndegrees-of-freedom 10\n");
+        test_support::write_floats(e->name, std::vector<float>(24, 1.0f));
     }
-
-    void TearDown() override {
-        forget_data();
-        std::memset(&file_list_root, 0, sizeof file_list_root);
-    }
-
-    // Closes the files and frees the data read so far.
-    void forget_data() {
+    const std::string b = second.name;
+    const std::string error = "Error reading the floating point data from file " + b + "\n";
+    auto quietly = [](auto f) {  // the output of f
+        testing::internal::CaptureStdout();
+        f();
+        return testing::internal::GetCapturedStdout();
+    };
+    auto forget = [&] {  // closes the files and frees the values read so far
         hold_signal_data_in_memory();
-        for (file_list_entry *e : {&file_list_root, &second_}) {
+        for (file_list_entry *e : {&file_list_root, &second}) {
             free_float_vector(e->effect);
             free_float_vector(e->effect_stderr);
             e->effect = e->effect_stderr = nullptr;
         }
-    }
-
-    std::string data_name(const char *stem) const {
-        return dir_.file(std::string(stem) + ".bfloat");
-    }
-
-    // Runs f with standard output captured; returns the output.
-    template <class F>
-    std::string quietly(F f) {
-        testing::internal::CaptureStdout();
-        f();
-        return testing::internal::GetCapturedStdout();
-    }
-
-    test_support::TempDir dir_;
-    file_list_entry second_;
-};
-
-TEST_F(StreamedSignalData, ValuesReadOnDemandOrInMemory) {
+    };
     int result = -1;
-    EXPECT_EQ(quietly([&] { result = load_signal_files(1); }),
-              "Input files: 2 samples of dimension (x,y,z) = (3,2,2).\n");
+    ASSERT_EQ(truncate(b.c_str(), 4 * 25), 0);
+    quietly([&] { result = load_signal_files(1); });
     ASSERT_EQ(result, 0);
-    EXPECT_EQ(file_list_root.effect, nullptr);
-    EXPECT_EQ(second_.dof, 10);
-
-    file_list_entry *const entries[] = {&file_list_root, &second_};
-    signal_chunks chunks(entries, 2);
-    ASSERT_TRUE(chunks.fetch(7, 4));
-    for (int v = 7; v < 11; ++v) {
-        EXPECT_EQ(chunks.error(1, v), -100.0f - v);
-        EXPECT_EQ(chunks.effect(0, v), static_cast<float>(v));
-    }
+    EXPECT_EQ(file_list_root.effect, nullptr);  // read on demand
     EXPECT_EQ(check_signal_files_unchanged(), 0);
-    forget_data();
-
-    // A file that "sigma2.bfloat" in the working folder links to would be
-    // overwritten by the first pass's result: it is read into memory.
-    const std::string here = std::filesystem::current_path();
-    std::filesystem::current_path(dir_.path());
-    std::filesystem::create_hard_link(data_name("b"), "sigma2.bfloat");
-    quietly([&] { result = load_signal_files(1); });
-    std::filesystem::current_path(here);
-    ASSERT_EQ(result, 0);
-    EXPECT_EQ(file_list_root.effect, nullptr);
-    ASSERT_NE(second_.effect_stderr, nullptr);
-    EXPECT_EQ(second_.effect[11], -11.0f);
-    EXPECT_EQ(second_.effect_stderr[0], -100.0f);
-    signal_chunks again(entries, 2);
-    ASSERT_TRUE(again.fetch(0, 12));
-    EXPECT_EQ(again.effect(1, 11), -11.0f);
-    EXPECT_EQ(again.error(0, 3), 103.0f);
-}
-
-TEST_F(StreamedSignalData, ShortAndChangedFiles) {
-    const std::string b = data_name("b");
-    const std::string error = "Error reading the floating point data from file " + b + "\n";
-    // One value short.
-    ASSERT_EQ(truncate(b.c_str(), 4 * (2 * kVoxels - 1)), 0);
-    int result = -1;
-    std::string out = quietly([&] { result = load_signal_files(1); });
-    EXPECT_EQ(result, 1);
-    EXPECT_EQ(out.substr(out.size() - std::min(out.size(), error.size())), error);
-    forget_data();
-
-    // Longer than needed is fine, until the file changes under the run.
-    ASSERT_EQ(truncate(b.c_str(), 4 * (2 * kVoxels + 1)), 0);
-    quietly([&] { result = load_signal_files(1); });
-    ASSERT_EQ(result, 0);
-    ASSERT_EQ(truncate(b.c_str(), 4 * (2 * kVoxels + 2)), 0);
+    ASSERT_EQ(truncate(b.c_str(), 4 * 26), 0);
     EXPECT_EQ(quietly([&] { result = check_signal_files_unchanged(); }),
               "Error: the signal file " + b + " changed during the analysis.\n");
     EXPECT_EQ(result, 1);
 
-    // Cut short under the run: a read past its end fails.
-    ASSERT_EQ(truncate(b.c_str(), 4 * kVoxels), 0);
-    file_list_entry *const entries[] = {&file_list_root, &second_};
+    ASSERT_EQ(truncate(b.c_str(), 4 * 12), 0);
+    file_list_entry *const entries[] = {&file_list_root, &second};
     signal_chunks chunks(entries, 2);
     bool fetched = true;
     EXPECT_EQ(quietly([&] { fetched = chunks.fetch(0, 2); }), error);
     EXPECT_FALSE(fetched);
+    forget();
+    file_list_root = file_list_entry{};
 }
 
 }  // namespace

@@ -19,24 +19,18 @@ TEST(DecodeVistraKeyword, EveryKeywordAndItsMessages) {
         const char *message;
     } cases[] = {
         {"  y\t48 extra", 0, &volume_header::ny, 48, ""},
-        {"t two", 1, &volume_header::nt, 0, ""},
-        {"byte-order 0", 0, &volume_header::byte_order, 0, ""},
         {"degrees-of-freedom 12", 0, &volume_header::degrees_of_freedom, 12, ""},
         {"matrix 32 32 10 2", 0, &volume_header::nt, 2, ""},
-        {"matrix 32 32 10", 0, &volume_header::nz, 10, ""},
         {"matrix 32 32", 1, &volume_header::ny, 32, ""},
-        {"data-type magnitude", 0, &volume_header::data_type, 0, ""},
         {"data-type real-imaginary", 0, &volume_header::data_type, 1, ""},
         {"data-type magnitude-phase", 0, &volume_header::data_type, 2, ""},
         {"data-type phase", 1, &volume_header::data_type, 0,
          "Error: arguments for data-type are\n1) magnitude (this is the default),\n"
          "2) complex (or real-imaginary),\n3) magnitude-phase\n"},
         {"storage-type short", 0, &volume_header::header_storage_type, 1, ""},
-        {"storage-type unsigned-char", 0, &volume_header::header_storage_type, 5, ""},
         {"storage-type", 1, &volume_header::header_storage_type, 0, storage},
         {"storage-type double", 1, &volume_header::header_storage_type, 0, storage},
         {"registration paxinos-rat", 0, &volume_header::registration, -1, ""},
-        {"registration PW-rat", 0, &volume_header::data_type, 0, ""},
         {"registration human", 1, &volume_header::data_type, 0,
          "Error: arguments for registration are\n1) paxinos-rat, and\n"
          "2) nothing else (paxinos-monkey later?)\n"},
@@ -55,13 +49,9 @@ TEST(DecodeVistraKeyword, EveryKeywordAndItsMessages) {
     }
 
     volume_header h = {};
-    EXPECT_EQ(decode_vistra_header_keyword("resolution 3.75 3.75 5 2", &h), 0);
-    EXPECT_EQ(h.time_resolution, 2.0f);
-    EXPECT_EQ(decode_vistra_header_keyword("resolution 3.75 3.75 5e-1", &h), 0);
-    EXPECT_EQ(h.resolution[2] * 10 + h.time_resolution, 5.0f);  // without a time value: 0
+    EXPECT_EQ(decode_vistra_header_keyword("resolution 3.75 3.75 5e-1 2", &h), 0);
+    EXPECT_EQ(h.resolution[2] * 10 + h.time_resolution, 7.0f);
     EXPECT_EQ(decode_vistra_header_keyword("origin -90 126", &h), 1);
-    EXPECT_EQ(decode_vistra_header_keyword("direction 1 -1 1", &h), 0);
-    EXPECT_EQ(h.direction[1], -1.0f);
 }
 
 class ReadVistraHeader : public io_test::ScratchDirTest {};

@@ -21,17 +21,6 @@ std::string build(const std::vector<float> &weights, const std::vector<Event> &e
 
 }  // namespace
 
-TEST(DesignMatrix, RampOverEightFilesAndIdentity) {
-    EXPECT_EQ(build(std::vector<float>(8, 1.0f), {{1, {{0, 7}}}}), "");
-    ASSERT_EQ(REM.nbasis, 1);
-    for (int i = 0; i < 8; ++i) {
-        EXPECT_FLOAT_EQ(REM.design[i][0], -1.0 + 2.0 * i / 7.0) << i;
-        for (int j = 0; j < 8; ++j) EXPECT_EQ(REM.identity[i][j], i == j ? 1.0f : 0.0f);
-    }
-    EXPECT_EQ(REM.design[0][0], -1.0f);
-    EXPECT_EQ(REM.design[7][0], 1.0f);
-}
-
 TEST(DesignMatrix, ColumnsScaledByMeanWeightOfLastRange) {
     const struct {
         const char *what;

@@ -23,11 +23,6 @@ TEST(EventCharacters, NumbersAndCharactersMatch) {
         EXPECT_EQ(c, 'x') << bad;
     }
     // The message goes to standard output; send it to standard error to match it.
-    EXPECT_EXIT(
-        {
-            dup2(2, 1);
-            REM_EventChar(62);
-        },
-        testing::ExitedWithCode(1),
-        "Programming error: event number 62 apparently is not defined!");
+    EXPECT_EXIT((dup2(2, 1), REM_EventChar(62)), testing::ExitedWithCode(1),
+                "Programming error: event number 62 apparently is not defined!");
 }

@@ -1,6 +1,6 @@
 // Test helpers for the model's statistics: building a small model in the
-// global records, setting conditions directly, a portable random source, and
-// an independent double-precision weighted least-squares computation.
+// global records, a portable random source, and
+// independent double-precision weighted least squares and REML.
 #ifndef FMRI_REM_TEST_MODEL_H
 #define FMRI_REM_TEST_MODEL_H
 
@@ -24,9 +24,8 @@ struct Event {
 // the model initialised.
 inline void build_model(int nfiles, const std::vector<Event> &events,
                         const std::vector<float> &weights = {}) {
-    for (int i = 0; i < REM_MAX_FILES; ++i) {
+    for (int i = 0; i < REM_MAX_FILES; ++i)
         REM_input.file_weight[i] = i < static_cast<int>(weights.size()) ? weights[i] : 1.0f;
-    }
     REM.nfiles = nfiles;
     REM.nevents = static_cast<int>(events.size());
     for (int e = 0; e < REM.nevents; ++e) {
@@ -35,28 +34,14 @@ inline void build_model(int nfiles, const std::vector<Event> &events,
         REM.event_nranges[e] = static_cast<int>(events[e].ranges.size());
         REM.event_nfiles[e] = 0;
         for (size_t r = 0; r < events[e].ranges.size(); ++r) {
-            REM.range_start[e][r] = events[e].ranges[r].first;
-            REM.range_stop[e][r] = events[e].ranges[r].second;
-            REM.event_nfiles[e] += events[e].ranges[r].second - events[e].ranges[r].first + 1;
+            const auto [start, stop] = events[e].ranges[r];
+            REM.range_start[e][r] = start;
+            REM.range_stop[e][r] = stop;
+            REM.event_nfiles[e] += stop - start + 1;
         }
     }
     REMInternal_define_design_matrix();
     REM.initialized = 1;
-}
-
-// Sets condition `index` to the given contrast rows (k columns each).
-inline void set_condition(int index, const std::vector<std::vector<int>> &rows) {
-    const int m = static_cast<int>(rows.size());
-    const int k = REM.nbasis;
-    if (REM.condition_contrast[index] != nullptr)
-        free_int_matrix(REM.condition_contrast[index],
-                        static_cast<uint32_t>(REM.condition_nrows[index]));
-    REM.condition_contrast[index] = int_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(k));
-    for (int r = 0; r < m; ++r) {
-        for (int j = 0; j < k; ++j) REM.condition_contrast[index][r][j] = rows[r][j];
-    }
-    REM.condition_nrows[index] = m;
-    if (REM.nconditions < index + 1) REM.nconditions = index + 1;
 }
 
 // Deterministic, platform-independent random numbers (64-bit LCG).
@@ -81,10 +66,6 @@ class Random {
 using Vec = std::vector<double>;
 using Mat = std::vector<Vec>;
 
-inline Mat zeros(size_t r, size_t c) {
-    return Mat(r, Vec(c, 0.0));
-}
-
 inline Vec mat_vec(const Mat &A, const Vec &y) {
     Vec t(A.size(), 0.0);
     for (size_t i = 0; i < A.size(); ++i)
@@ -98,34 +79,10 @@ inline double dot(const Vec &a, const Vec &b) {
     return s;
 }
 
-// Gauss-Jordan inversion of a small, well-conditioned symmetric positive
-// definite matrix (no pivoting needed).
-inline Mat inverse(Mat A) {
-    const size_t n = A.size();
-    Mat I = zeros(n, n);
-    for (size_t i = 0; i < n; ++i) I[i][i] = 1.0;
-    for (size_t c = 0; c < n; ++c) {
-        const double d = A[c][c];
-        for (size_t j = 0; j < n; ++j) {
-            A[c][j] /= d;
-            I[c][j] /= d;
-        }
-        for (size_t r = 0; r < n; ++r) {
-            const double f = r == c ? 0.0 : A[r][c];
-            for (size_t j = 0; j < n; ++j) {
-                A[r][j] -= f * A[c][j];
-                I[r][j] -= f * I[c][j];
-            }
-        }
-    }
-    return I;
-}
-
 // The design the model built, in double.
 inline Mat design() {
-    Mat X = zeros(REM.nfiles, REM.nbasis);
-    for (int i = 0; i < REM.nfiles; ++i)
-        for (int j = 0; j < REM.nbasis; ++j) X[i][j] = REM.design[i][j];
+    Mat X(REM.nfiles);
+    for (int i = 0; i < REM.nfiles; ++i) X[i].assign(REM.design[i], REM.design[i] + REM.nbasis);
     return X;
 }
 
@@ -140,15 +97,26 @@ inline Wls wls(const Mat &X, const Vec &s, double sigma2) {
     const size_t n = X.size(), k = X[0].size();
     Vec w(n);
     for (size_t i = 0; i < n; ++i) w[i] = 1.0 / (s[i] * s[i] + sigma2);
-    Mat N = zeros(k, k);
-    for (size_t a = 0; a < k; ++a)
+    // Gauss-Jordan inversion of N = X'WX (symmetric positive definite, small:
+    // no pivoting needed), I turning into N^-1.
+    Mat N(k, Vec(k, 0.0)), I(k, Vec(k, 0.0));
+    for (size_t a = 0; a < k; ++a) {
+        I[a][a] = 1.0;
         for (size_t b = 0; b < k; ++b)
             for (size_t i = 0; i < n; ++i) N[a][b] += X[i][a] * w[i] * X[i][b];
-    Wls out{inverse(N), zeros(k, n), zeros(n, n)};
+    }
+    for (size_t c = 0; c < k; ++c) {
+        const double d = N[c][c];
+        for (size_t j = 0; j < k; ++j) N[c][j] /= d, I[c][j] /= d;
+        for (size_t r = 0; r < k; ++r) {
+            const double f = r == c ? 0.0 : N[r][c];
+            for (size_t j = 0; j < k; ++j) N[r][j] -= f * N[c][j], I[r][j] -= f * I[c][j];
+        }
+    }
+    Wls out{I, Mat(k, Vec(n, 0.0)), Mat(n, Vec(n, 0.0))};
     for (size_t a = 0; a < k; ++a)
         for (size_t i = 0; i < n; ++i)
-            for (size_t b = 0; b < k; ++b)
-                out.estimator[a][i] += out.normal_inverse[a][b] * X[i][b] * w[i];
+            for (size_t b = 0; b < k; ++b) out.estimator[a][i] += I[a][b] * X[i][b] * w[i];
     for (size_t i = 0; i < n; ++i) {
         out.R[i][i] = w[i];
         for (size_t j = 0; j < n; ++j)
@@ -157,8 +125,25 @@ inline Wls wls(const Mat &X, const Vec &s, double sigma2) {
     return out;
 }
 
-inline Vec to_double(const std::vector<float> &v) {
-    return Vec(v.begin(), v.end());
+// Restricted maximum likelihood in double precision: the ordinary
+// least-squares residual variance (no errors, unit variance: W = I) as the
+// start, then EM steps until one changes the estimate by at most 5 %.  NaN
+// when a change comes within 1e-3 of 0.05, where float rounding could decide
+// the number of steps.
+inline double reml(const Mat &X, const Vec &y, const Vec &s) {
+    const size_t n = X.size(), k = X[0].size();
+    double sigma2 = dot(y, mat_vec(wls(X, Vec(n, 0.0), 1.0).R, y)) / (n - k);
+    for (double change = 1.0; change > 0.05;) {
+        const Wls w = wls(X, s, sigma2);
+        double trace = 0.0;
+        for (size_t i = 0; i < n; ++i) trace += s[i] * s[i] * w.R[i][i];
+        const Vec Ry = mat_vec(w.R, y);
+        const double next = ((trace + k) * sigma2 + sigma2 * sigma2 * dot(Ry, Ry)) / n;
+        change = std::fabs(1.0 - next / sigma2);
+        if (std::fabs(change - 0.05) < 1e-3) return NAN;
+        sigma2 = next;
+    }
+    return sigma2;
 }
 
 }  // namespace rem_test
