@@ -32,8 +32,9 @@ struct reader {
 };
 
 // The designs: two groups, one group, two groups and a ramp over all files,
-// and overlapping events with a single-file ramp (a design value that is not
-// a number).
+// overlapping events with a single-file ramp (a design value that is not a
+// number), and one event over all files with another over the first half
+// (with four files and some data, its float estimate cycles for ever).
 std::string analysis_text(int design, int n) {
     const int half = n / 2;
     std::string files = "measurements\n";
@@ -48,9 +49,12 @@ std::string analysis_text(int design, int n) {
         case 2:
             return "conditions p c r p-c\nevent p\n" + range(0, half - 1) + "event c\n" +
                    range(half, n - 1) + "event r ramp\n" + range(0, n - 1) + files;
-        default:
+        case 3:
             return "conditions p r\nevent p\n" + range(0, n - 1) + "event r ramp\n" +
                    range(half, half) + files;
+        default:
+            return "conditions p c p,c\nevent p\n" + range(0, n - 1) + "event c\n" +
+                   range(0, half - 1) + files;
     }
 }
 
@@ -86,7 +90,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     reader in{data, size};
-    const int design = in.byte() % 4;
+    const int design = in.byte() % 5;
     const int n = 2 + in.byte() % 11;
     if (!build_model(design, n)) return 0;
     std::vector<float> y(n), s(n), abs_s(n);

@@ -25,7 +25,7 @@ struct Voxel {
 Mat groups(const std::vector<int> &sizes) {
     int n = 0;
     for (int g : sizes) n += g;
-    Mat X = zeros(n, sizes.size());
+    Mat X = Mat(n, Vec(sizes.size(), 0.0));
     int i = 0;
     for (size_t g = 0; g < sizes.size(); ++g)
         for (int j = 0; j < sizes[g]; ++j) X[i++][g] = 1.0;
@@ -80,7 +80,7 @@ double rss(const Mat &X, const Vec &y) {
 // With equal errors s: tau2 = RSS / (n - k) - s^2 (or 0).  A repeated column
 // changes nothing (the likelihood above is not defined for it).
 TEST(ConvergedReml, AgainstTheLikelihoodAndClosedForms) {
-    Mat ramp = zeros(40, 3);
+    Mat ramp(40, Vec(3, 0.0));
     for (int i = 0; i < 40; ++i) {
         ramp[i][i < 20 ? 0 : 1] = 1.0;
         ramp[i][2] = -1.0 + 2.0 * (i % 20) / 19.0;
@@ -158,7 +158,8 @@ TEST(ConvergedReml, RefusalsAndTheFirstPass) {
     }
 
     build_model(6, {{0, {{0, 2}}}, {0, {{3, 5}}}});
-    set_condition(0, {{1, 0}});
+    int count = 0;
+    ASSERT_EQ(REM_define_conditions("1", &count), 0);
     const rem_model_view model = rem_current_model();
     rem_workspace *ws = rem_workspace_create(&model);
     const float y[6] = {1, 3.5f, -2, 4, 0.5f, 7}, s[6] = {1, 0.5f, 1.5f, 1, 2, 0.75f};
