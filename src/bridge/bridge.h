@@ -37,6 +37,20 @@ struct geometry {
 bool find_geometry(const std::string &results_dir, const std::string &given, geometry *out,
                    std::string *error);
 
+// Whether fmri-rem analysed a voxel, from its fixed-effects variance (frame 1
+// of sigma2) and the random-effects variance that the second pass used (the
+// smoothed one, frame 3, when the ratio is smoothed, else frame 2): a voxel
+// whose random variance is exactly 0 is left out, except that with
+// "reml converged" (converged true) an estimate of 0 is analysed unless the
+// fixed-effects variance is 0 too.
+inline bool voxel_analysed(float fixed, float random, bool converged) {
+    return random != 0.0f || (converged && fixed != 0.0f);
+}
+
+// True when the text of an analysis file selects the converged estimate (a
+// header line "reml converged").
+bool analysis_uses_converged_reml(const std::string &text);
+
 // Voxel (i, j, k) in millimetres through the affine.
 void voxel_to_mm(const geometry &g, double i, double j, double k, double mm[3]);
 

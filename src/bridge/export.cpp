@@ -20,12 +20,15 @@ struct analysis {
     std::vector<std::string> conditions;
     double prior = NAN, ratio = NAN;
     int multiple_comparisons = 0;
+    bool converged = false;  // "reml converged"
 };
 
 analysis read_analysis(const std::string &path) {
     analysis a;
     a.path = path;
-    std::istringstream in(read_text(path));
+    const std::string text = read_text(path);
+    a.converged = analysis_uses_converged_reml(text);
+    std::istringstream in(text);
     std::string line;
     while (std::getline(in, line)) {
         size_t hash = line.find('#');
@@ -177,12 +180,13 @@ void export_results(const export_options &options, std::ostream &out, std::ostre
     }
     if (x.an.conditions.empty()) throw failure("no conditions in " + dir);
 
-    // fmri-rem leaves a voxel out where the random variance that its second
-    // pass uses (the smoothed one when there is a third frame) is exactly 0.
+    // The random variance that fmri-rem's second pass used: the smoothed one
+    // when there is a third frame.
     const float *used = sigma2.data.data() + x.n * (sigma2.header.nt >= 3 ? 2 : 1);
     x.analysed.resize(x.n);
     size_t count = 0;
-    for (size_t i = 0; i < x.n; ++i) count += x.analysed[i] = used[i] != 0.0f;
+    for (size_t i = 0; i < x.n; ++i)
+        count += x.analysed[i] = voxel_analysed(sigma2.data[i], used[i], x.an.converged);
 
     x.common = {{"GeneratedBy", {{"Name", "fmri-rem-export"}, {"Version", version()}}},
                 {"Results", dir},

@@ -435,6 +435,12 @@ bool load_results(const options &o, results *r, std::vector<std::string> *warnin
     if (!analysis.empty()) {
         f.analysis_path = analysis;
         parse_analysis(f.analysis_text, &f, &names);
+        // With the converged estimate an estimate of 0 is analysed too.
+        if (bridge::analysis_uses_converged_reml(f.analysis_text)) {
+            for (size_t i = 0; i < r->size(); ++i)
+                r->analysed[i] = bridge::voxel_analysed(r->within[i], r->smoothed[i], true);
+            f.analysed = static_cast<long>(std::count(r->analysed.begin(), r->analysed.end(), 1));
+        }
         if (f.smoothing_known && f.ratio_smoothing != 0.0 && !r->has_smoothed) {
             *error = "the volume " + join(dir, "sigma2.bfloat") +
                      " is truncated (the smoothed variance, its third frame, is missing)";
