@@ -100,6 +100,21 @@ bench() {
   ANALYSIS=converged.rem run converged1 "$dir" OMP_NUM_THREADS=1
   row "converged, 1 thread" "$n" "$WALL" "$CPU" "$RSS"
 
+  # The same study in the overlapping layout with one more event, a ramp
+  # over a single file: its design value is not a number, so every voxel
+  # takes the reference kernel (on every thread).
+  awk '$1 == "smoothing" || $1 == "conditions" { print; next }
+       $1 == "event" { if (ev != "") { print "event " ev; print first " " k - 1; print "" }
+                       ev = $2; first = k + 0; next }
+       $1 ~ /\.bfloat$/ { files[k++] = $1 }
+       END { print "event " ev; print first " " k - 1; print ""
+             print "event Z ramp"; print "0 0"; print ""; print "measurements"
+             for (i = 0; i < k; ++i) print files[i] }' "$dir/analysis.rem" >"$dir/ramp.rem"
+  ANALYSIS=ramp.rem run ramp "$dir"
+  row "single-file ramp, ${OMP_NUM_THREADS:-all} threads" "$n" "$WALL" "$CPU" "$RSS"
+  ANALYSIS=ramp.rem run ramp1 "$dir" OMP_NUM_THREADS=1
+  row "single-file ramp, 1 thread" "$n" "$WALL" "$CPU" "$RSS"
+
   # The plain passes on every step-th slice.
   local sub=$work/$name-subset
   python3 "$root/scripts/bench_subset.py" "$dir" "$sub" "$step" $((step / 2))
