@@ -12,8 +12,7 @@ using bridge_test::nifti_spec;
 namespace {
 
 nifti_spec grid(float voxel, int volumes = 1) {
-    nifti_spec s;
-    s.dims[0] = 5, s.dims[1] = 5, s.dims[2] = 4, s.dims[3] = volumes;
+    nifti_spec s{{5, 5, 4, volumes}};
     s.affine[0][0] = s.affine[1][1] = s.affine[2][2] = voxel;
     s.sform_code = 4;
     return s;

@@ -22,12 +22,8 @@ const float kAffine[4][4] = {
     {-2.3492f, 0.8551f, 0, 30.5f}, {0.8551f, 2.3492f, 0, -40.25f}, {0, 0, 3, -20}, {0, 0, 0, 1}};
 
 nifti_spec spec(int datatype, int volumes = 1) {
-    nifti_spec s;
-    s.dims[0] = NX, s.dims[1] = NY, s.dims[2] = NZ, s.dims[3] = volumes;
-    s.datatype = datatype;
+    nifti_spec s{{NX, NY, NZ, volumes}, datatype, {}, 1, 4};
     std::memcpy(s.affine, kAffine, sizeof kAffine);
-    s.qform_code = 1;
-    s.sform_code = 4;
     return s;
 }
 
