@@ -12,8 +12,7 @@ using bridge_test::nifti_spec;
 namespace {
 
 nifti_spec grid(float voxel, int volumes = 1) {
-    nifti_spec s;
-    s.dims[0] = 5, s.dims[1] = 5, s.dims[2] = 4, s.dims[3] = volumes;
+    nifti_spec s{{5, 5, 4, volumes}};
     s.affine[0][0] = s.affine[1][1] = s.affine[2][2] = voxel;
     s.sform_code = 4;
     return s;
@@ -68,7 +67,6 @@ TEST(Bridge, BadInputEndsWithOneErrorLine) {
          head + "a\te.nii\tv.nii\t\t9\nb\te.nii\tv.nii\t\t9\n",
          {"t.tsv", "-o", "study", "-c", "a-q", "-s", "6", "8"},
          "the condition a-q uses q"},
-        {"no smoothing", head + "a\te.nii\tv.nii\t\t9\n", {"t.tsv", "-c", "a"}, "--smoothing"},
         {"folder without results", "", {"export", "empty"}, "no results in empty"},
         {"geometry of another grid", "", {"export", "results"}, "does not have the dimensions"},
         {"missing geometry file",
@@ -78,15 +76,11 @@ TEST(Bridge, BadInputEndsWithOneErrorLine) {
     };
     for (const bad_case &c : cases) {
         SCOPED_TRACE(c.what);
-        std::string tool = "fmri-rem-import";
-        std::vector<std::string> args = c.args;
-        if (args[0] == "export") {
-            tool = "fmri-rem-export";
-            args.erase(args.begin());
-        } else if (!c.table.empty()) {
-            write_file(tmp.file("t.tsv"), c.table);
-        }
-        CommandResult r = bridge_test::run_tool(tool, args, tmp.path());
+        const bool to_export = c.args[0] == "export";
+        if (!c.table.empty()) write_file(tmp.file("t.tsv"), c.table);
+        CommandResult r =
+            bridge_test::run_tool(to_export ? "fmri-rem-export" : "fmri-rem-import",
+                                  {c.args.begin() + to_export, c.args.end()}, tmp.path());
         EXPECT_EQ(r.status, 1);
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(r.err.compare(0, 7, "Error: "), 0) << r.err;

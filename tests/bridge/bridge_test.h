@@ -7,7 +7,9 @@
 #include <nifti1_io.h>
 
 #include <cmath>
+#include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "test_support.h"
@@ -43,30 +45,24 @@ inline void write_nifti(const std::string &prefix, const nifti_spec &s,
     nim->sform_code = s.sform_code;
     nim->scl_slope = s.slope;
     nim->scl_inter = s.inter;
-    for (size_t k = 0; k < stored.size(); ++k) {
-        switch (s.datatype) {
-            case NIFTI_TYPE_INT16:
-                static_cast<short *>(nim->data)[k] = stored[k];
-                break;
-            case NIFTI_TYPE_UINT8:
-                static_cast<unsigned char *>(nim->data)[k] = stored[k];
-                break;
-            case NIFTI_TYPE_FLOAT64:
-                static_cast<double *>(nim->data)[k] = stored[k];
-                break;
-            default:
-                static_cast<float *>(nim->data)[k] = static_cast<float>(stored[k]);
-        }
-    }
+    auto put = [&](auto *data) {
+        for (size_t k = 0; k < stored.size(); ++k)
+            data[k] = static_cast<std::remove_pointer_t<decltype(data)>>(stored[k]);
+    };
+    if (s.datatype == NIFTI_TYPE_INT16) put(static_cast<short *>(nim->data));
+    if (s.datatype == NIFTI_TYPE_UINT8) put(static_cast<unsigned char *>(nim->data));
+    if (s.datatype == NIFTI_TYPE_FLOAT64) put(static_cast<double *>(nim->data));
+    if (s.datatype == NIFTI_TYPE_FLOAT32) put(static_cast<float *>(nim->data));
     if (s.pair) nim->nifti_type = NIFTI_FTYPE_NIFTI1_2;
     nifti_set_filenames(nim, prefix.c_str(), 0, 1);
     nifti_image_write(nim);
     nifti_image_free(nim);
 }
 
-// The value a reader of the file should see.
-inline double physical(const nifti_spec &s, double stored) {
-    return s.slope != 0 ? stored * s.slope + s.inter : stored;
+// A map read back with its data; freed when it goes.
+using nifti_ptr = std::unique_ptr<nifti_image, void (*)(nifti_image *)>;
+inline nifti_ptr read_nifti(const std::string &path) {
+    return nifti_ptr(nifti_image_read(path.c_str(), 1), nifti_image_free);
 }
 
 inline test_support::CommandResult run_tool(const std::string &tool,
