@@ -10,8 +10,6 @@
 
 namespace report {
 
-namespace {
-
 std::string format(const char *f, ...) {
     char text[512];
     va_list args;
@@ -20,6 +18,8 @@ std::string format(const char *f, ...) {
     va_end(args);
     return text;
 }
+
+namespace {
 
 std::string number(double x) {
     return format("%g", x);

@@ -132,6 +132,9 @@ std::string html_escape(const std::string &text);
 std::string condition_section(const options &o, const results &r, const condition_maps &c);
 std::string diagnostics_section(const options &o, const results &r);
 
+// printf-style text of at most 511 characters (page.cpp).
+std::string format(const char *f, ...);
+
 }  // namespace report
 
 #endif

@@ -11,15 +11,6 @@ namespace report {
 
 namespace {
 
-std::string format(const char *f, ...) {
-    char text[512];
-    va_list args;
-    va_start(args, f);
-    std::vsnprintf(text, sizeof text, f, args);
-    va_end(args);
-    return text;
-}
-
 // At most this many axial slices in a mosaic, and clusters in a page table.
 constexpr int kMostSlices = 24;
 constexpr size_t kMostClusters = 25;
