@@ -7,12 +7,12 @@
 #include "bridge_test.h"
 
 using namespace test_support;
-using bridge_test::nifti_spec;
+using bridge_test::nifti_layout;
 
 namespace {
 
-nifti_spec grid(float voxel, int volumes = 1) {
-    nifti_spec s{{5, 5, 4, volumes}};
+nifti_layout grid(float voxel, int volumes = 1) {
+    nifti_layout s{{5, 5, 4, volumes}};
     s.affine[0][0] = s.affine[1][1] = s.affine[2][2] = voxel;
     s.sform_code = 4;
     return s;

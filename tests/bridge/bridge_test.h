@@ -16,7 +16,7 @@
 
 namespace bridge_test {
 
-struct nifti_spec {
+struct nifti_layout {
     int dims[4] = {1, 1, 1, 1};  // x, y, z, volumes
     int datatype = NIFTI_TYPE_FLOAT32;
     float affine[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
@@ -27,7 +27,7 @@ struct nifti_spec {
 
 // Writes `stored` (the values as the datatype holds them, x fastest, volume
 // after volume) under `prefix` (".nii", ".nii.gz" or, for a pair, ".hdr").
-inline void write_nifti(const std::string &prefix, const nifti_spec &s,
+inline void write_nifti(const std::string &prefix, const nifti_layout &s,
                         const std::vector<double> &stored) {
     int dims[8] = {s.dims[3] > 1 ? 4 : 3, s.dims[0], s.dims[1], s.dims[2], s.dims[3], 1, 1, 1};
     nifti_image *nim = nifti_make_new_nim(dims, s.datatype, 1);

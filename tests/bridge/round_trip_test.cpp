@@ -13,7 +13,7 @@
 #include "bridge_test.h"
 
 using namespace test_support;
-using bridge_test::nifti_spec;
+using bridge_test::nifti_layout;
 
 namespace {
 
@@ -21,8 +21,8 @@ const int NX = 10, NY = 9, NZ = 8, N = NX * NY * NZ;
 const float kAffine[4][4] = {
     {-2.3492f, 0.8551f, 0, 30.5f}, {0.8551f, 2.3492f, 0, -40.25f}, {0, 0, 3, -20}, {0, 0, 0, 1}};
 
-nifti_spec spec(int datatype, int volumes = 1) {
-    nifti_spec s{{NX, NY, NZ, volumes}, datatype, {}, 1, 4};
+nifti_layout layout(int datatype, int volumes = 1) {
+    nifti_layout s{{NX, NY, NZ, volumes}, datatype, {}, 1, 4};
     std::memcpy(s.affine, kAffine, sizeof kAffine);
     return s;
 }
@@ -60,8 +60,8 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
         table += id + (s % 4 < 2 ? "\tpatients\t" : "\tcontrols\t");
         if (s < 4) {  // FSL
             if (s == 0) e[v_nan] = NAN;
-            bridge_test::write_nifti(dir + "/stats/cope1.nii.gz", spec(NIFTI_TYPE_FLOAT32), e);
-            bridge_test::write_nifti(dir + "/stats/varcope1.nii.gz", spec(NIFTI_TYPE_FLOAT32), v);
+            bridge_test::write_nifti(dir + "/stats/cope1.nii.gz", layout(NIFTI_TYPE_FLOAT32), e);
+            bridge_test::write_nifti(dir + "/stats/varcope1.nii.gz", layout(NIFTI_TYPE_FLOAT32), v);
             write_file(dir + "/stats/dof", "41\n");
             table += id + "/stats/cope1.nii.gz\t" + id + "/stats/varcope1.nii.gz\tn/a\t\t" + id +
                      "/stats/dof\tn/a\n";
@@ -72,7 +72,7 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
             table += "nilearn/effect_size.nii.gz\tnilearn/effect_variance.nii.gz\t\t\t30\t" +
                      std::to_string(s - 4) + "\n";
         } else if (s < 10) {  // SPM: scaled int16 con in a pair, float t
-            nifti_spec con = spec(NIFTI_TYPE_INT16);
+            nifti_layout con = layout(NIFTI_TYPE_INT16);
             con.pair = true;
             con.slope = 0.001f;
             std::vector<double> raw(N), t(N);
@@ -84,24 +84,24 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
                 se[s][i] = std::fabs(e[i] / t[i]);
             }
             bridge_test::write_nifti(dir + "/con_0001.hdr", con, raw);
-            bridge_test::write_nifti(dir + "/spmT_0001.nii", spec(NIFTI_TYPE_FLOAT32), t);
+            bridge_test::write_nifti(dir + "/spmT_0001.nii", layout(NIFTI_TYPE_FLOAT32), t);
             table += id + "/con_0001.img\t\t" + id + "/spmT_0001.nii\t\t25\t\n";
         } else {  // AFNI: beta and its standard error
             for (double &x : se[s]) x = static_cast<float>(x);
-            bridge_test::write_nifti(dir + "/beta.nii", spec(NIFTI_TYPE_FLOAT32), e);
-            bridge_test::write_nifti(dir + "/se.nii", spec(NIFTI_TYPE_FLOAT32), se[s]);
+            bridge_test::write_nifti(dir + "/beta.nii", layout(NIFTI_TYPE_FLOAT32), e);
+            bridge_test::write_nifti(dir + "/se.nii", layout(NIFTI_TYPE_FLOAT32), se[s]);
             table += id + "/beta.nii\tn/a\tn/a\t" + id + "/se.nii\t35\tn/a\n";
         }
     }
     const std::string data = tmp.file("data");
     run_command("mkdir -p " + shell_quote(data + "/nilearn"));
-    bridge_test::write_nifti(data + "/nilearn/effect_size.nii.gz", spec(NIFTI_TYPE_FLOAT64, 4),
+    bridge_test::write_nifti(data + "/nilearn/effect_size.nii.gz", layout(NIFTI_TYPE_FLOAT64, 4),
                              merged_effect);
-    bridge_test::write_nifti(data + "/nilearn/effect_variance.nii.gz", spec(NIFTI_TYPE_FLOAT64, 4),
-                             merged_variance);
+    bridge_test::write_nifti(data + "/nilearn/effect_variance.nii.gz",
+                             layout(NIFTI_TYPE_FLOAT64, 4), merged_variance);
     std::vector<double> mask(N, 1);
     for (int i = 0; i < NX * NY; ++i) mask[i] = 0;  // the lowest slice left out
-    bridge_test::write_nifti(data + "/mask.nii.gz", spec(NIFTI_TYPE_UINT8), mask);
+    bridge_test::write_nifti(data + "/mask.nii.gz", layout(NIFTI_TYPE_UINT8), mask);
     write_file(data + "/table.tsv", table);
 
     CommandResult r =
