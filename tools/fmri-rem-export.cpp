@@ -3,10 +3,10 @@
 // variance maps, the residuals, a mask and JSON sidecars.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <iostream>
 
 #include "bridge.h"
+#include "companion_cli.h"
 
 int main(int argc, char **argv) {
     bridge::export_options o;
@@ -28,16 +28,8 @@ int main(int argc, char **argv) {
         "and dataset_description.json. Values are the result files' values bit for bit, 0 "
         "where a voxel was not analysed or a value is not finite.");
     app.set_version_flag("-V,--version", std::string("fmri-rem-export ") + bridge::version());
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp &e) {
-        return app.exit(e);
-    } catch (const CLI::CallForVersion &e) {
-        return app.exit(e);
-    } catch (const CLI::ParseError &e) {
-        std::cerr << "Error: " << e.what() << " (see fmri-rem-export --help)\n";
-        return 1;
-    }
+    if (const int status = parse_companion_command_line(app, argc, argv); status >= 0)
+        return status;
     o.progress = isatty(2) != 0;
     return bridge::run_export(o, std::cout, std::cerr);
 }

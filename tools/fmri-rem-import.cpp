@@ -2,10 +2,10 @@
 // folder for fmri-rem (signal files, analysis.rem, geometry.json).
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <iostream>
 
 #include "bridge.h"
+#include "companion_cli.h"
 
 int main(int argc, char **argv) {
     bridge::import_options o;
@@ -40,16 +40,8 @@ int main(int argc, char **argv) {
         "the standard error is not positive or the mask is 0 is left out for that subject.\n\n"
         "Then: cd DIR && fmri-rem analysis.rem && fmri-rem-export");
     app.set_version_flag("-V,--version", std::string("fmri-rem-import ") + bridge::version());
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp &e) {
-        return app.exit(e);
-    } catch (const CLI::CallForVersion &e) {
-        return app.exit(e);
-    } catch (const CLI::ParseError &e) {
-        std::cerr << "Error: " << e.what() << " (see fmri-rem-import --help)\n";
-        return 1;
-    }
+    if (const int status = parse_companion_command_line(app, argc, argv); status >= 0)
+        return status;
     o.prior_smoothing = smoothing[0];
     o.ratio_smoothing = smoothing[1];
     o.progress = isatty(2) != 0;

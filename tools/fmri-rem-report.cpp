@@ -1,5 +1,4 @@
 // fmri-rem-report: the report page of a results folder (see report.h).
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -7,6 +6,7 @@
 #include <string>
 
 #include "report.h"
+#include "companion_cli.h"
 
 namespace {
 
@@ -51,13 +51,8 @@ int main(int argc, char **argv) {
                    "also write a PNG of every condition's three projections (for slides or a "
                    "README)")
         ->type_name("PICTURE.png");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &e) {
-        if (e.get_exit_code() == 0) return app.exit(e);
-        std::fprintf(stderr, "Error: %s (see fmri-rem-report --help)\n", e.what());
-        return 1;
-    }
+    if (const int status = parse_companion_command_line(app, argc, argv); status >= 0)
+        return status;
     double value = 0.0;
     if (!to_number(threshold, &value)) {
         std::fprintf(stderr, "Error: the threshold '%s' is not a number\n", threshold.c_str());
