@@ -56,9 +56,10 @@ int read_coefficient(const char *word, size_t length, size_t j, float *value) {
         return -1;
     }
     if (end + 1 >= length || REM_EventNumberFromChar(word[end + 1]) <= 0) {
-        printf("Error: the coefficient %s* in condition %s must be followed by an event "
-               "character.\n",
-               number.c_str(), condition.c_str());
+        printf(
+            "Error: the coefficient %s* in condition %s must be followed by an event "
+            "character.\n",
+            number.c_str(), condition.c_str());
         return -1;
     }
     return static_cast<int>(end - j + 1);
@@ -78,7 +79,7 @@ int REM_define_conditions(const char *text, int *count) {
     for (int c = 0; c < REM_MAX_CONDITIONS; ++c) {
         if (REM.condition_contrast[c] != nullptr)
             free_float_matrix(REM.condition_contrast[c],
-                            static_cast<uint32_t>(REM.condition_nrows[c]));
+                              static_cast<uint32_t>(REM.condition_nrows[c]));
         REM.condition_contrast[c] = nullptr;
         REM.condition_nrows[c] = 0;
     }
@@ -152,8 +153,7 @@ int REM_define_conditions(const char *text, int *count) {
                 }
             }
             if (!found) {
-                printf("Error: one of the events in the conditions (%d) is not defined.\n",
-                       number);
+                printf("Error: one of the events in the conditions (%d) is not defined.\n", number);
                 return 1;
             }
         }

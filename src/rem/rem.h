@@ -29,7 +29,7 @@ typedef struct {
     int weights_given;
     int overlapping_events;
     char conditions[REM_NAME_LENGTH];
-    int reml_method; /* header line "reml": REM_REML_CLASSIC (default) or REM_REML_CONVERGED */
+    int reml_method;   /* header line "reml": REM_REML_CLASSIC (default) or REM_REML_CONVERGED */
     int design_layout; /* 1 after a "design" header line: the files carry the design's values */
 } rem_input;
 
@@ -157,7 +157,7 @@ typedef struct {
     float *const *design;   /* n x k */
     float *const *identity; /* n x n */
     int nconditions;
-    const int *condition_nrows;      /* per condition: rows m */
+    const int *condition_nrows;        /* per condition: rows m */
     float **const *condition_contrast; /* per condition: m x k */
 } rem_model_view;
 
