@@ -140,3 +140,33 @@ TEST(DesignLayout, CovariateAgainstDoublePrecision) {
 }
 
 }  // namespace
+
+namespace {
+
+// Indicator columns are the listed layout's design: the same files, bit for
+// bit, in both kernels.
+TEST(DesignLayout, IndicatorColumnsGiveTheListedLayoutsFiles) {
+    for (const char *env : {"", "FMRI_REM_PLAIN=1"}) {
+        SCOPED_TRACE(env);
+        test_support::TempDir dir;
+        e2e::study s = e2e::small_study();
+        s.conditions = "conditions a b a-b a,b";
+        s.write(dir.path());
+        std::string text = s.smoothing + "\n" + s.conditions + "\ndesign a b\nmeasurements\n";
+        for (const e2e::signal_file &f : s.files)
+            text += f.name + (f.event == 'a' ? " 1 0\n" : " 0 1\n");
+        test_support::write_file(dir.file("design.rem"), text);
+        const char *names[] = {"sigma2.bfloat", "basis.dat",    "P-a.bfloat",  "T-a-b.bfloat",
+                               "S-a-b.bfloat",  "T-a,b.bfloat", "S-a,b.bfloat"};
+        std::vector<std::string> listed;
+        ASSERT_EQ(test_support::run_fmri_rem({"study.rem"}, dir.path(), "", env).status, 0);
+        for (const char *name : names) listed.push_back(test_support::read_file(dir.file(name)));
+        ASSERT_EQ(test_support::run_fmri_rem({"design.rem"}, dir.path(), "", env).status, 0);
+        for (size_t k = 0; k < listed.size(); ++k) {
+            EXPECT_FALSE(listed[k].empty()) << names[k];
+            EXPECT_EQ(test_support::read_file(dir.file(names[k])), listed[k]) << names[k];
+        }
+    }
+}
+
+}  // namespace
