@@ -1,6 +1,7 @@
-// The control file ("analysis file") reader: header keywords, then one of two
-// layouts, either files listed under their event or events given as ranges
-// of file indices followed by a "measurements" list of files.
+// The control file ("analysis file") reader: header keywords, then one of
+// three layouts: files listed under their event, events given as ranges of
+// file indices followed by a "measurements" list of files, or a "design"
+// header line whose columns the files give values for (design_layout.cpp).
 #include <ctype.h>
 #include <limits.h>
 #include <stdio.h>
@@ -8,6 +9,7 @@
 
 #include <cmath>
 
+#include "design_layout.h"
 #include "rem.h"
 #include "util.h"
 
@@ -219,49 +221,6 @@ void close_listed_event() {
     REM.nevents++;
 }
 
-const struct {
-    const char *text;
-    bool line_end;
-} kExample[] = {
-    {"\nExample input file:\n", true},
-    {"smoothing 0.5 1.5  # [prior smoothing (mm)] [smoothing for var. ratio]", true},
-    {"conditions p c p-c # mandatory; Statistical tests MUST be included", true},
-    {"event p # pre-treated group", true},
-    {"../group1/subject1/S-1.bfloat # any previous output file", true},
-    {"../group1/subject2/S-1.bfloat # same output file, but diffent analysis", true},
-    {"../group1/subjectn/S-1.bfloat", true},
-    {"event c # control group", false},
-    {"../group2/subject1/S-1.bfloat", true},
-    {"../group2/subject2/S-1.bfloat", true},
-    {"../group2/subjectn/S-1.bfloat", true},
-    {"...", true},
-    {"\nOR\n", true},
-    {"\nExample input file:\n", true},
-    {"smoothing 0.5 1.5  # [prior smoothing (mm)] [smoothing for var. ratio]", true},
-    {"conditions p c p-c # mandatory; Statistical tests MUST be included", true},
-    {"event p square # pre-treated group, DC level", true},
-    {"0 7            # start, stop files; there could be more entries below", true},
-    {"event P ramp   # pre-treated group, linear change over time", false},
-    {"0 7            # start, stop files", true},
-    {"event c square # pre-treated group, DC level", true},
-    {"8 15           # start, stop files", true},
-    {"event C ramp   # pre-treated group, linear change over time", false},
-    {"8 15           # start, stop files", true},
-    {"measurements:", false},
-    {"../group1/subject1/S-1.bfloat", true},
-    {"../group1/subject2/S-1.bfloat", true},
-    {"../group1/subject3/S-1.bfloat", true},
-    {"...", true},
-    {"../group1/subjectn/S-1.bfloat", true},
-    {"../group1/subjectn/S-1.bfloat", true},
-    {"../group2/subject1/S-1.bfloat", true},
-    {"../group2/subject2/S-1.bfloat", true},
-    {"../group2/subject3/S-1.bfloat", true},
-    {"...", true},
-    {"../group2/subjectn/S-1.bfloat", true},
-    {"...", true},
-};
-
 void reset_records() {
     REM_input.nfiles = 0;
     REM_input.multiple_comparisons = 0;
@@ -271,6 +230,7 @@ void reset_records() {
     REM_input.overlapping_events = 0;
     REM_input.conditions[0] = '\0';
     REM_input.reml_method = REM_REML_CLASSIC;
+    REM_input.design_layout = 0;
 
     REM.initialized = 0;
     REM.nfiles = 0;
@@ -286,10 +246,6 @@ void reset_records() {
 }
 
 }  // namespace
-
-void REMInternal_describe_rem_format(void) {
-    for (const auto &line : kExample) printf(line.line_end ? "%s\n" : "%s", line.text);
-}
 
 int REMInternal_decode_keyword(const char *line) {
     char word[kLineLength];
@@ -345,6 +301,7 @@ int REMInternal_decode_keyword(const char *line) {
         }
         return 0;
     }
+    if (strcmp(word, "design") == 0) return REMInternal_decode_design_line(rest);
     if (is_event_word(word)) {
         if (!read_event_character(
                 rest,
@@ -475,7 +432,21 @@ int REM_read_control_file(const char *path) {
             return 1;
         }
         if (is_blank(line)) continue;
+        if (REM_input.design_layout) {
+            const int header = REMInternal_design_header_line(line);
+            if (header != 0) {
+                if (header < 0) {
+                    fclose(file);
+                    return 1;
+                }
+                break;
+            }
+        }
         int result = REMInternal_decode_keyword(line);
+        if (result == -2) {
+            fclose(file);
+            return 1;
+        }
         if (result == -1) {
             printf("Error reading line %d of file '%s':\n", line_number, path);
             REMInternal_describe_rem_format();
@@ -486,14 +457,35 @@ int REM_read_control_file(const char *path) {
         ++line_number;
     }
 
-    int result = REM_input.overlapping_events
+    int result;
+    if (REM_input.design_layout)
+        result = REMInternal_read_control_file_design_layout(status > 0 ? file : nullptr);
+    else
+        result = REM_input.overlapping_events
                      ? REMInternal_read_control_file_overlapping_events(file)
                      : REMInternal_read_control_file_no_overlapping_events(file);
     fclose(file);
     if (result != 0) return 1;
 
     REMInternal_define_design_matrix();
+    if (REM_input.design_layout && REM_check_design() != 0) return 1;
     REM_describe_input();
     REM.initialized = 1;
     return 0;
+}
+
+int rem_control_read_word_line(FILE *file, char *line, char *word, const char **rest) {
+    return read_word_line(file, line, word, rest);
+}
+
+int rem_control_add_file(const char *path) {
+    return add_file(path, "", false) ? 0 : 1;
+}
+
+int rem_control_line_number(void) {
+    return g_line;
+}
+
+const char *rem_control_path(void) {
+    return g_path;
 }
