@@ -1,0 +1,182 @@
+// The cells of the import's table that name first-level inputs: a map with
+// the volume chosen for it, and the degrees of freedom.
+#include <nifti1_io.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "first_level.h"
+
+namespace bridge {
+
+namespace {
+
+std::string where(const table &t, size_t r, int c) {
+    return t.path + " line " + std::to_string(t.lines[r]) + ", column " + std::to_string(c + 1) +
+           " (" + t.columns[c] + ")";
+}
+
+// A volume number: digits only, 0 to a million.
+bool parse_volume(const std::string &s, int *v) {
+    if (s.empty() || s.size() > 7 || s.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    *v = std::atoi(s.c_str());
+    return *v <= 1000000;
+}
+
+bool parse_number(const std::string &s, double *v) {
+    char *end = nullptr;
+    errno = 0;
+    *v = std::strtod(s.c_str(), &end);
+    return !s.empty() && *end == '\0' && errno == 0 && std::isfinite(*v);
+}
+
+bool ends_with(const std::string &s, const char *end) {
+    const size_t n = std::strlen(end);
+    return s.size() >= n && s.compare(s.size() - n, n, end) == 0;
+}
+
+std::string real_name(const std::string &path) {
+    char *resolved = realpath(path.c_str(), nullptr);
+    if (resolved == nullptr) return path;
+    std::string s = resolved;
+    std::free(resolved);
+    return s;
+}
+
+// The degrees of freedom in the description of an SPM t map, "SPM{T_[187.0]} ...".
+double spm_t_dof(const std::string &path, const std::string &at) {
+    nifti_set_debug_level(0);
+    std::unique_ptr<nifti_image, void (*)(nifti_image *)> h(nifti_image_read(path.c_str(), 0),
+                                                            nifti_image_free);
+    if (!h) throw failure(at + ": cannot read " + path + " as a NIfTI-1 or Analyze image");
+    const std::string descrip(h->descrip, strnlen(h->descrip, sizeof h->descrip));
+    const size_t t = descrip.find("SPM{T_[");
+    if (t == std::string::npos) {
+        const bool f_map = descrip.find("SPM{F_[") != std::string::npos;
+        throw failure(at + ": " + path +
+                      (f_map ? " is an SPM F map; name the contrast's spmT file"
+                             : " is an image whose description does not give SPM{T_[df]}") +
+                      " (it reads \"" + descrip + "\")");
+    }
+    const char *start = descrip.c_str() + t + 7;
+    char *end = nullptr;
+    const double df = std::strtod(start, &end);
+    if (end == start || *end != ']' || !std::isfinite(df))
+        throw failure(at + ": the description of " + path + " (\"" + descrip +
+                      "\") has no number in SPM{T_[df]}");
+    return df;
+}
+
+}  // namespace
+
+map_cell read_map_cell(const table &t, size_t r, int col) {
+    const std::vector<std::string> &cells = t.rows[r];
+    const std::string dir = parent_dir(t.path);
+    std::string name = cells[col];
+    map_cell m;
+    // AFNI's sub-brick selector, unless the whole cell names a file.
+    const size_t open = name.rfind('[');
+    if (!name.empty() && name.back() == ']' && open != std::string::npos && open > 0 &&
+        !is_file(join_path(dir, name))) {
+        const std::string inner = name.substr(open + 1, name.size() - open - 2);
+        if (!parse_volume(inner, &m.volume))
+            throw failure(where(t, r, col) + ": the selector [" + inner +
+                          "] is not one volume number; give one 0-based volume, e.g. [1] "
+                          "(sub-brick labels and ranges are not read)");
+        name.erase(open);
+    }
+    m.path = join_path(dir, name);
+    const int own = t.column(t.columns[col] + "_volume"), shared = t.column("volume");
+    for (int c : {own, shared}) {
+        if (c < 0 || !given(cells[c])) continue;
+        int v = 0;
+        if (!parse_volume(cells[c], &v))
+            throw failure(where(t, r, c) + ": the volume must be an integer from 0");
+        if (c == own && m.volume >= 0 && v != m.volume)
+            throw failure(where(t, r, c) + ": volume " + cells[c] + " where the cell " +
+                          cells[col] + " selects volume " + std::to_string(m.volume));
+        if (m.volume < 0) m.volume = v;
+    }
+    return m;
+}
+
+void check_error_is_not_effect(const table &t, size_t r, const map_cell &effect,
+                               const map_cell &error, const std::string &kind) {
+    if (std::max(effect.volume, 0) != std::max(error.volume, 0)) return;
+    if (effect.path != error.path && real_name(effect.path) != real_name(error.path)) return;
+    throw failure(t.path + " line " + std::to_string(t.lines[r]) + ": the effect and the " + kind +
+                  " are the same map (" + effect.path +
+                  (effect.volume >= 0 ? " volume " + std::to_string(effect.volume) : "") +
+                  "); give each its own volume, e.g. stats.nii.gz[1] and stats.nii.gz[2] for "
+                  "an AFNI bucket's coefficient and t, or the columns effect_volume and " +
+                  kind + "_volume");
+}
+
+dof_cell read_dof_cell(const table &t, size_t r, int col) {
+    const std::string &d = t.rows[r][col];
+    const std::string at = where(t, r, col);
+    if (!given(d)) throw failure(at + ": no degrees of freedom given");
+    dof_cell c;
+    if (!parse_number(d, &c.value)) {
+        c.source = join_path(parent_dir(t.path), d);
+        if (!is_file(c.source))
+            throw failure(at + ": " + d + " is neither a number nor a file (" + c.source + ")");
+        if (ends_with(c.source, ".nii") || ends_with(c.source, ".nii.gz") ||
+            ends_with(c.source, ".hdr") || ends_with(c.source, ".img") ||
+            ends_with(c.source, ".hdr.gz") || ends_with(c.source, ".img.gz")) {
+            c.value = spm_t_dof(c.source, at);
+        } else {
+            std::string text = read_text(c.source);
+            const size_t b = text.find_first_not_of(" \t\r\n");
+            const size_t e = text.find_last_not_of(" \t\r\n");
+            text = b == std::string::npos ? "" : text.substr(b, e - b + 1);
+            if (!parse_number(text, &c.value))
+                throw failure(at + ": the file " + c.source + " does not hold a number");
+        }
+    }
+    if (!(c.value >= 1) || c.value > 1e9)
+        throw failure(at + ": the degrees of freedom must be at least 1 (" +
+                      (c.source.empty() ? d : c.source + " gives " + std::to_string(c.value)) +
+                      ")");
+    c.dof = static_cast<int>(std::floor(c.value));
+    return c;
+}
+
+std::string rounded_dof_note(const std::vector<std::pair<int, double>> &rounded) {
+    if (rounded.empty()) return "";
+    char text[200];
+    std::snprintf(text, sizeof text,
+                  "Degrees of freedom that are not integers enter fmri-rem rounded down: %.9g "
+                  "-> %.0f (line %d)",
+                  rounded[0].second, std::floor(rounded[0].second), rounded[0].first);
+    std::string s = text;
+    if (rounded.size() > 1)
+        s += " and " + std::to_string(rounded.size() - 1) + " more row" +
+             (rounded.size() > 2 ? "s" : "");
+    return s + ".\n";
+}
+
+std::string unit_error_warning(const std::vector<int> &lines, size_t rows) {
+    if (lines.empty()) return "";
+    std::string s = "Warning: ";
+    if (lines.size() == rows) {
+        s += "every standard error of the study is 1";
+    } else {
+        s += "the standard errors of table line";
+        s += lines.size() > 1 ? "s " : " ";
+        for (size_t k = 0; k < lines.size() && k < 10; ++k)
+            s += (k ? ", " : "") + std::to_string(lines[k]);
+        if (lines.size() > 10) s += " and " + std::to_string(lines.size() - 10) + " more";
+        s += " are 1 at every voxel";
+    }
+    return s +
+           " (|effect / t| = 1 where a t map is given): is the error map the effect itself, "
+           "or a map of ones? Check the volume chosen for each file.\n";
+}
+
+}  // namespace bridge
