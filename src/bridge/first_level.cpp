@@ -161,6 +161,13 @@ std::string rounded_dof_note(const std::vector<std::pair<int, double>> &rounded)
     return s + ".\n";
 }
 
+std::string analyze_note(const std::vector<std::string> &files) {
+    if (files.empty()) return "";
+    return "Analyze 7.5 files (" + std::to_string(files.size()) + ", e.g. " + files[0] +
+           ") placed as SPM2 and nibabel place them: x flipped (stored right to left), the "
+           "origin from the originator field (the centre where it is 0).\n";
+}
+
 std::string unit_error_warning(const std::vector<int> &lines, size_t rows) {
     if (lines.empty()) return "";
     std::string s = "Warning: ";

@@ -46,6 +46,10 @@ dof_cell read_dof_cell(const table &t, size_t r, int col);
 // down; "" when all were integers.  `rounded` holds (table line, value) pairs.
 std::string rounded_dof_note(const std::vector<std::pair<int, double>> &rounded);
 
+// One line (with its newline) saying how the Analyze 7.5 files among the
+// inputs were placed; "" when there were none.
+std::string analyze_note(const std::vector<std::string> &files);
+
 // One "Warning: ..." line (with its newline) when the standard errors of
 // some rows are 1 at every voxel (the error map is then likely the effect,
 // or a map of ones); "" when `lines` (their table lines) is empty.

@@ -272,6 +272,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     staging stage;
     std::vector<uint16_t> missing;      // per voxel: the subjects without a value
     std::vector<int> unit_error_lines;  // rows whose standard errors are all 1
+    std::vector<std::string> analyze_files;
     for (size_t r = 0; r < rows.size(); ++r) {
         const row &w = rows[r];
         if (o.progress) err << "\rReading row " << r + 1 << " of " << rows.size() << std::flush;
@@ -280,6 +281,8 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         if (r == 0 && !o.mask.empty()) check_grid(&g, mask_image, o.mask);
         image error = read_image(w.error, w.error_volume);
         check_grid(&g, error, w.error);
+        if (effect.analyze) analyze_files.push_back(w.effect);
+        if (error.analyze) analyze_files.push_back(w.error);
         const size_t n = effect.values.size();
         if (missing.empty()) missing.assign(n, 0);
         std::vector<float> data(2 * n);
@@ -407,7 +410,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     std::vector<std::pair<int, double>> rounded;
     for (const row &w : rows)
         if (w.dof_value != w.dof) rounded.emplace_back(w.line, w.dof_value);
-    out << rounded_dof_note(rounded);
+    out << rounded_dof_note(rounded) << analyze_note(analyze_files);
     out << "Wrote " << join_path(o.out_dir, "analysis.rem") << ", "
         << join_path(o.out_dir, "geometry.json") << " and " << rows.size() << " signal files in "
         << join_path(o.out_dir, "signal/") << ".\n";

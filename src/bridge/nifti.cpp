@@ -124,6 +124,7 @@ image read_image(const std::string &path, int volume) {
         std::memcpy(im.affine, a.affine, sizeof im.affine);
         slope = a.slope;
         inter = a.inter;
+        im.analyze = true;
     }
 
     // The voxels are read here: the library's loader would turn NaN and
