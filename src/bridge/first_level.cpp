@@ -72,6 +72,39 @@ double spm_t_dof(const std::string &path, const std::string &at) {
     return df;
 }
 
+// The sub-brick labels that AFNI writes into its NIfTI extension, the
+// attribute BRICK_LABS: one quoted string, the labels separated by "~".
+std::vector<std::string> afni_labels(const std::string &path, const std::string &at) {
+    if (!is_file(path)) throw failure("cannot read " + path + ": no such file");
+    nifti_set_debug_level(0);
+    std::unique_ptr<nifti_image, void (*)(nifti_image *)> h(nifti_image_read(path.c_str(), 0),
+                                                            nifti_image_free);
+    if (!h) throw failure("cannot read " + path + " as a NIfTI-1 image");
+    std::vector<std::string> labels;
+    for (int k = 0; k < h->num_ext && labels.empty(); ++k) {
+        const nifti1_extension &e = h->ext_list[k];
+        if (e.ecode != NIFTI_ECODE_AFNI || e.edata == nullptr || e.esize <= 8) continue;
+        const std::string xml(e.edata, strnlen(e.edata, static_cast<size_t>(e.esize - 8)));
+        size_t b = xml.find("atr_name=\"BRICK_LABS\"");
+        if (b == std::string::npos || (b = xml.find('>', b)) == std::string::npos) continue;
+        const size_t end = xml.find("</AFNI_atr>", b);
+        if (end == std::string::npos) continue;
+        std::string text = xml.substr(b + 1, end - b - 1);
+        const size_t first = text.find('"'), last = text.rfind('"');
+        if (first == std::string::npos || last <= first) continue;
+        text = text.substr(first + 1, last - first - 1);
+        for (size_t s = 0;;) {
+            const size_t tilde = text.find('~', s);
+            labels.push_back(text.substr(s, tilde == std::string::npos ? tilde : tilde - s));
+            if (tilde == std::string::npos) break;
+            s = tilde + 1;
+        }
+    }
+    if (labels.empty())
+        throw failure(at + ": " + path + " has no AFNI sub-brick labels; give the volume number");
+    return labels;
+}
+
 }  // namespace
 
 map_cell read_map_cell(const table &t, size_t r, int col) {
@@ -84,11 +117,23 @@ map_cell read_map_cell(const table &t, size_t r, int col) {
     if (!name.empty() && name.back() == ']' && open != std::string::npos && open > 0 &&
         !is_file(join_path(dir, name))) {
         const std::string inner = name.substr(open + 1, name.size() - open - 2);
-        if (!parse_volume(inner, &m.volume))
-            throw failure(where(t, r, col) + ": the selector [" + inner +
-                          "] is not one volume number; give one 0-based volume, e.g. [1] "
-                          "(sub-brick labels and ranges are not read)");
         name.erase(open);
+        if (!parse_volume(inner, &m.volume)) {
+            if (inner.empty() || inner.find_first_not_of("0123456789.,$()- ") == std::string::npos)
+                throw failure(where(t, r, col) + ": the selector [" + inner +
+                              "] is not one volume; give one 0-based volume number or one "
+                              "sub-brick label");
+            const std::vector<std::string> labels =
+                afni_labels(join_path(dir, name), where(t, r, col));
+            for (size_t k = 0; k < labels.size() && m.volume < 0; ++k)
+                if (labels[k] == inner) m.volume = static_cast<int>(k);
+            if (m.volume < 0) {
+                std::string known;
+                for (const std::string &l : labels) known += (known.empty() ? "" : ", ") + l;
+                throw failure(where(t, r, col) + ": " + name + " has no sub-brick labelled " +
+                              inner + " (its labels: " + known + ")");
+            }
+        }
     }
     m.path = join_path(dir, name);
     const int own = t.column(t.columns[col] + "_volume"), shared = t.column("volume");

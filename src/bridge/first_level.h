@@ -21,7 +21,8 @@ struct map_cell {
 };
 
 // The map of column `col` in row `r`: the cell's file (relative to the
-// table's folder), with AFNI's selector "file.nii.gz[1]" (0-based), else the
+// table's folder), with AFNI's selector "file.nii.gz[1]" (0-based) or
+// "file.nii.gz[Coef]" (a sub-brick label of AFNI's NIfTI extension), else the
 // row's column `<name>_volume` (effect_volume, tstat_volume, ...), else its
 // column `volume`.  Throws naming the row and column.
 map_cell read_map_cell(const table &t, size_t r, int col);

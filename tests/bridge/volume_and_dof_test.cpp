@@ -42,6 +42,16 @@ void write_inputs(const TempDir &tmp) {
     bucket.insert(bucket.end(), kB.begin(), kB.end());
     bucket.insert(bucket.end(), kT.begin(), kT.end());
     bridge_test::write_nifti(tmp.file("bucket.nii.gz"), grid(3), bucket);
+    // The same bucket with AFNI's sub-brick labels in its NIfTI extension.
+    bridge_test::nifti_ptr labelled = bridge_test::read_nifti(tmp.file("bucket.nii.gz"));
+    const std::string xml =
+        "<?xml version='1.0' ?>\n<AFNI_attributes ni_form=\"ni_group\" >\n<AFNI_atr\n"
+        "  ni_type=\"String\"\n  ni_dimen=\"1\"\n  atr_name=\"BRICK_LABS\" >\n"
+        " \"Full_Fstat~condA#0_Coef~condA#0_Tstat\"\n</AFNI_atr>\n</AFNI_attributes>\n";
+    nifti_add_extension(labelled.get(), xml.c_str(), static_cast<int>(xml.size()) + 1,
+                        NIFTI_ECODE_AFNI);
+    nifti_set_filenames(labelled.get(), tmp.file("labelled.nii.gz").c_str(), 0, 1);
+    nifti_image_write(labelled.get());
     bridge_test::write_nifti(tmp.file("coef.nii"), grid(), kB);
     bridge_test::write_nifti(tmp.file("ones.nii"), grid(), std::vector<double>(4, 1.0));
     write_described(tmp.file("spmT_0001.nii"), kT, "SPM{T_[23.4]} - contrast 1: p");
@@ -66,6 +76,13 @@ TEST(Bridge, VolumesAndDegreesOfFreedomOfEachRow) {
         const char *out, *err;  // part of standard output; start of standard error
     } cases[] = {
         {"AFNI selector", "", "s1\ta\tbucket.nii.gz[1]\tbucket.nii.gz[2]\t\t20\n", {20}, 9, "", ""},
+        {"AFNI sub-brick labels",
+         "",
+         "s1\ta\tlabelled.nii.gz[condA#0_Coef]\tlabelled.nii.gz[condA#0_Tstat]\t\t20\n",
+         {20},
+         9,
+         "",
+         ""},
         {"own volume columns",
          "\teffect_volume\ttstat_volume",
          "s1\ta\tbucket.nii.gz\tbucket.nii.gz\t\t20\t1\t2\n",
@@ -153,8 +170,14 @@ TEST(Bridge, VolumeAndDofCellsThatAreRefused) {
          "t.tsv line 2: the effect and the tstat are the same map ("},
         {"same 3-D file", "s1\ta\tcoef.nii\t\tcoef.nii\t20\t\t\n",
          "the effect and the stderr are the same map"},
-        {"a sub-brick label", "s1\ta\tbucket.nii.gz[Coef]\tbucket.nii.gz[2]\t\t20\t\t\n",
-         "line 2, column 3 (effect): the selector [Coef] is not one volume number"},
+        {"a range", "s1\ta\tbucket.nii.gz[1..2]\tbucket.nii.gz[2]\t\t20\t\t\n",
+         "line 2, column 3 (effect): the selector [1..2] is not one volume"},
+        {"a label without AFNI's extension",
+         "s1\ta\tbucket.nii.gz[Coef]\tbucket.nii.gz[2]\t\t20\t\t\n",
+         "column 3 (effect): bucket.nii.gz has no AFNI sub-brick labels"},
+        {"an unknown label", "s1\ta\tlabelled.nii.gz[Coef]\tbucket.nii.gz[2]\t\t20\t\t\n",
+         "labelled.nii.gz has no sub-brick labelled Coef (its labels: Full_Fstat, condA#0_Coef, "
+         "condA#0_Tstat)"},
         {"selector and column disagree", "s1\ta\tbucket.nii.gz[1]\tbucket.nii.gz[2]\t\t20\t\t2\n",
          "column 8 (effect_volume): volume 2 where the cell bucket.nii.gz[1] selects volume 1"},
         {"no such volume", "s1\ta\tbucket.nii.gz[5]\tbucket.nii.gz[2]\t\t20\t\t\n",
