@@ -2,6 +2,7 @@
 // the volume chosen for it, and the degrees of freedom.
 #include <nifti1_io.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>

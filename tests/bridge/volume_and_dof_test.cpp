@@ -180,8 +180,6 @@ TEST(Bridge, VolumeAndDofCellsThatAreRefused) {
          "condA#0_Tstat)"},
         {"selector and column disagree", "s1\ta\tbucket.nii.gz[1]\tbucket.nii.gz[2]\t\t20\t\t2\n",
          "column 8 (effect_volume): volume 2 where the cell bucket.nii.gz[1] selects volume 1"},
-        {"no such volume", "s1\ta\tbucket.nii.gz[5]\tbucket.nii.gz[2]\t\t20\t\t\n",
-         "bucket.nii.gz has 3 volume(s); volume 5 does not exist"},
         {"dof from an F map", "s1\ta\tcoef.nii\tspmT_0001.nii\t\tspmF_0003.nii\t\t\n",
          "spmF_0003.nii is an SPM F map; name the contrast's spmT file"},
         {"dof from an image without SPM's description",
