@@ -112,7 +112,11 @@ image read_image(const std::string &path, int volume) {
                       "[n] or in a column `volume'");
     if (volume >= im.frames)
         throw failure(path + " has " + std::to_string(im.frames) + " volume(s); volume " +
-                      std::to_string(volume) + " does not exist");
+                      std::to_string(volume) + " does not exist" +
+                      (im.frames == 1 ? " (a 3-D file: give a volume only to 4-D maps, e.g. in "
+                                        "effect_volume rather than in volume, which applies "
+                                        "to every map of its row)"
+                                      : ""));
     const mat44 &m = h->sform_code > 0 ? h->sto_xyz : h->qto_xyz;
     for (int r = 0; r < 4; ++r)
         for (int c = 0; c < 4; ++c) im.affine[r][c] = m.m[r][c];
