@@ -37,7 +37,7 @@ struct row {
     std::string id, group, effect, error, dof_source;
     error_kind kind = error_kind::stderr_;
     int dof = 0, effect_volume = -1, error_volume = -1;
-    double dof_value = 0;  // as given (dof is it rounded down)
+    double dof_value = 0;  // as given; dof is this rounded down
     double weight = 1;
     char event = 0;
     std::string signal;  // signal/<id>.bfloat
