@@ -214,6 +214,14 @@ std::string analyze_note(const std::vector<std::string> &files) {
            "origin from the originator field (the centre where it is 0).\n";
 }
 
+std::string unoriented_warning(const std::vector<std::string> &files) {
+    if (files.empty()) return "";
+    return "Warning: " + std::to_string(files.size()) + " NIfTI file" +
+           (files.size() > 1 ? "s have" : " has") + " neither qform nor sform (e.g. " + files[0] +
+           "): placed by voxel size alone, as the NIfTI standard says (no origin, x not "
+           "flipped), where nibabel would flip x about the centre; check the results' position.\n";
+}
+
 std::string unit_error_warning(const std::vector<int> &lines, size_t rows) {
     if (lines.empty()) return "";
     std::string s = "Warning: ";

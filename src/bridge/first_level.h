@@ -51,6 +51,10 @@ std::string rounded_dof_note(const std::vector<std::pair<int, double>> &rounded)
 // inputs were placed; "" when there were none.
 std::string analyze_note(const std::vector<std::string> &files);
 
+// One "Warning: ..." line (with its newline) when NIfTI files without
+// qform and sform were read; "" when there were none.
+std::string unoriented_warning(const std::vector<std::string> &files);
+
 // One "Warning: ..." line (with its newline) when the standard errors of
 // some rows are 1 at every voxel (the error map is then likely the effect,
 // or a map of ones); "" when `lines` (their table lines) is empty.

@@ -272,7 +272,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     staging stage;
     std::vector<uint16_t> missing;      // per voxel: the subjects without a value
     std::vector<int> unit_error_lines;  // rows whose standard errors are all 1
-    std::vector<std::string> analyze_files;
+    std::vector<std::string> analyze_files, unoriented_files;
     for (size_t r = 0; r < rows.size(); ++r) {
         const row &w = rows[r];
         if (o.progress) err << "\rReading row " << r + 1 << " of " << rows.size() << std::flush;
@@ -281,8 +281,11 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         if (r == 0 && !o.mask.empty()) check_grid(&g, mask_image, o.mask);
         image error = read_image(w.error, w.error_volume);
         check_grid(&g, error, w.error);
-        if (effect.analyze) analyze_files.push_back(w.effect);
-        if (error.analyze) analyze_files.push_back(w.error);
+        for (const auto &[im, path] : {std::pair(&effect, &w.effect), {&error, &w.error}}) {
+            if (im->analyze) analyze_files.push_back(*path);
+            if (!im->analyze && im->qform_code <= 0 && im->sform_code <= 0)
+                unoriented_files.push_back(*path);
+        }
         const size_t n = effect.values.size();
         if (missing.empty()) missing.assign(n, 0);
         std::vector<float> data(2 * n);
@@ -318,7 +321,8 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         write_bytes(stage.files.back().first, text.data(), text.size());
     }
     if (o.progress) err << "\r" << std::string(40, ' ') << "\r" << std::flush;
-    err << unit_error_warning(unit_error_lines, rows.size());
+    err << unit_error_warning(unit_error_lines, rows.size())
+        << unoriented_warning(unoriented_files);
 
     // geometry.json: the exact grid, where everything came from.
     nlohmann::json j;

@@ -54,6 +54,9 @@ void write_inputs(const TempDir &tmp) {
     nifti_image_write(labelled.get());
     bridge_test::write_nifti(tmp.file("coef.nii"), grid(), kB);
     bridge_test::write_nifti(tmp.file("ones.nii"), grid(), std::vector<double>(4, 1.0));
+    nifti_layout unoriented = grid();
+    unoriented.sform_code = 0;
+    bridge_test::write_nifti(tmp.file("unoriented.nii"), unoriented, kB);
     write_described(tmp.file("spmT_0001.nii"), kT, "SPM{T_[23.4]} - contrast 1: p");
     write_described(tmp.file("spmT_0002.nii"), kT, "SPM{T_[187.0]} - contrast 2: c");
     write_described(tmp.file("spmF_0003.nii"), kT, "SPM{F_[1.0,187.0]} - contrast 3");
@@ -129,6 +132,14 @@ TEST(Bridge, VolumesAndDegreesOfFreedomOfEachRow) {
          1,
          "",
          "Warning: the standard errors of table line 3 are 1 at every voxel"},
+        {"no qform and no sform",
+         "",
+         "s1\ta\tunoriented.nii\tspmT_0002.nii\t\t20\n",
+         {20},
+         9,
+         "",
+         "Warning: 1 NIfTI file has neither qform nor sform (e.g. unoriented.nii): placed by voxel "
+         "size alone"},
     };
     int k = 0;
     for (const good_case &c : cases) {
