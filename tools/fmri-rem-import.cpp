@@ -31,8 +31,9 @@ int main(int argc, char **argv) {
         ->capture_default_str();
     app.footer(
         "Table: tab-separated with a header row. group, effect and dof (a number, a file "
-        "holding one, such as FSL's stats/dof, or an SPM spmT file whose description gives "
-        "SPM{T_[df]}; a value that is not an integer enters rounded down) are required; each "
+        "holding one, such as FSL's stats/dof, or a t map: SPM's spmT (its description gives "
+        "SPM{T_[df]}), an AFNI bucket's t sub-brick, a t map with a t-test intent; a value that is "
+        "not an integer enters rounded down) are required; each "
         "row gives exactly one of variance, stderr and tstat (the error is then |effect / t|); "
         "participant_id names the signal files; weight is optional; n/a or an empty cell means "
         "not given.\n\nVolumes of 4-D files (0-based): AFNI's selector in the cell "

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <sstream>
 
 #include "first_level.h"
 
@@ -49,20 +50,81 @@ std::string real_name(const std::string &path) {
     return s;
 }
 
-// The degrees of freedom in the description of an SPM t map, "SPM{T_[187.0]} ...".
-double spm_t_dof(const std::string &path, const std::string &at) {
+using header_ptr = std::unique_ptr<nifti_image, void (*)(nifti_image *)>;
+
+header_ptr read_header(const std::string &path, const std::string &at) {
+    if (!is_file(path)) throw failure("cannot read " + path + ": no such file");
     nifti_set_debug_level(0);
-    std::unique_ptr<nifti_image, void (*)(nifti_image *)> h(nifti_image_read(path.c_str(), 0),
-                                                            nifti_image_free);
+    header_ptr h(nifti_image_read(path.c_str(), 0), nifti_image_free);
     if (!h) throw failure(at + ": cannot read " + path + " as a NIfTI-1 or Analyze image");
+    return h;
+}
+
+// The text of an attribute that AFNI writes into its NIfTI extension
+// (<AFNI_atr ... atr_name="NAME" > text </AFNI_atr>); false when absent.
+bool afni_attribute(const nifti_image &h, const char *name, std::string *text) {
+    const std::string key = std::string("atr_name=\"") + name + "\"";
+    for (int k = 0; k < h.num_ext; ++k) {
+        const nifti1_extension &e = h.ext_list[k];
+        if (e.ecode != NIFTI_ECODE_AFNI || e.edata == nullptr || e.esize <= 8) continue;
+        const std::string xml(e.edata, strnlen(e.edata, static_cast<size_t>(e.esize - 8)));
+        size_t b = xml.find(key);
+        if (b == std::string::npos || (b = xml.find('>', b)) == std::string::npos) continue;
+        const size_t end = xml.find("</AFNI_atr>", b);
+        if (end == std::string::npos) continue;
+        *text = xml.substr(b + 1, end - b - 1);
+        return true;
+    }
+    return false;
+}
+
+// The sub-brick labels of AFNI's attribute BRICK_LABS: one quoted string,
+// the labels separated by "~".
+std::vector<std::string> afni_labels(const std::string &path, const std::string &at) {
+    header_ptr h = read_header(path, at);
+    std::string text;
+    std::vector<std::string> labels;
+    const size_t first = afni_attribute(*h, "BRICK_LABS", &text) ? text.find('"') : 0;
+    const size_t last = text.rfind('"');
+    if (text.empty() || first == std::string::npos || last <= first)
+        throw failure(at + ": " + path + " has no AFNI sub-brick labels; give the volume number");
+    text = text.substr(first + 1, last - first - 1);
+    for (size_t s = 0;;) {
+        const size_t tilde = text.find('~', s);
+        labels.push_back(text.substr(s, tilde == std::string::npos ? tilde : tilde - s));
+        if (tilde == std::string::npos) break;
+        s = tilde + 1;
+    }
+    return labels;
+}
+
+// The degrees of freedom of a t map: its NIfTI intent (t test, p1 the
+// degrees of freedom, as AFNI and fmri-rem-export write it), else the
+// parameter of volume `volume` in AFNI's attribute BRICK_STATAUX (index,
+// statistic code, number of parameters, the parameters; 3 is a t statistic),
+// else SPM's description "SPM{T_[187.0]} ...".
+double image_t_dof(const std::string &path, int volume, const std::string &at) {
+    header_ptr h = read_header(path, at);
+    if (h->intent_code == NIFTI_INTENT_TTEST && h->intent_p1 > 0 && std::isfinite(h->intent_p1))
+        return h->intent_p1;
+    std::string text;
+    if (afni_attribute(*h, "BRICK_STATAUX", &text)) {
+        std::vector<double> a;
+        std::istringstream in(text);
+        for (double v; in >> v;) a.push_back(v);
+        for (size_t k = 0; k + 2 < a.size(); k += 3 + static_cast<size_t>(std::max(a[k + 2], 0.0)))
+            if (a[k] == std::max(volume, 0) && a[k + 1] == 3 && a[k + 2] >= 1 && k + 3 < a.size())
+                return a[k + 3];
+    }
     const std::string descrip(h->descrip, strnlen(h->descrip, sizeof h->descrip));
     const size_t t = descrip.find("SPM{T_[");
     if (t == std::string::npos) {
         const bool f_map = descrip.find("SPM{F_[") != std::string::npos;
         throw failure(at + ": " + path +
                       (f_map ? " is an SPM F map; name the contrast's spmT file"
-                             : " is an image whose description does not give SPM{T_[df]}") +
-                      " (it reads \"" + descrip + "\")");
+                             : " gives no degrees of freedom (no t-test intent, no AFNI t "
+                               "statistic, no SPM{T_[df]} in its description)") +
+                      " (its description reads \"" + descrip + "\")");
     }
     const char *start = descrip.c_str() + t + 7;
     char *end = nullptr;
@@ -71,39 +133,6 @@ double spm_t_dof(const std::string &path, const std::string &at) {
         throw failure(at + ": the description of " + path + " (\"" + descrip +
                       "\") has no number in SPM{T_[df]}");
     return df;
-}
-
-// The sub-brick labels that AFNI writes into its NIfTI extension, the
-// attribute BRICK_LABS: one quoted string, the labels separated by "~".
-std::vector<std::string> afni_labels(const std::string &path, const std::string &at) {
-    if (!is_file(path)) throw failure("cannot read " + path + ": no such file");
-    nifti_set_debug_level(0);
-    std::unique_ptr<nifti_image, void (*)(nifti_image *)> h(nifti_image_read(path.c_str(), 0),
-                                                            nifti_image_free);
-    if (!h) throw failure("cannot read " + path + " as a NIfTI-1 image");
-    std::vector<std::string> labels;
-    for (int k = 0; k < h->num_ext && labels.empty(); ++k) {
-        const nifti1_extension &e = h->ext_list[k];
-        if (e.ecode != NIFTI_ECODE_AFNI || e.edata == nullptr || e.esize <= 8) continue;
-        const std::string xml(e.edata, strnlen(e.edata, static_cast<size_t>(e.esize - 8)));
-        size_t b = xml.find("atr_name=\"BRICK_LABS\"");
-        if (b == std::string::npos || (b = xml.find('>', b)) == std::string::npos) continue;
-        const size_t end = xml.find("</AFNI_atr>", b);
-        if (end == std::string::npos) continue;
-        std::string text = xml.substr(b + 1, end - b - 1);
-        const size_t first = text.find('"'), last = text.rfind('"');
-        if (first == std::string::npos || last <= first) continue;
-        text = text.substr(first + 1, last - first - 1);
-        for (size_t s = 0;;) {
-            const size_t tilde = text.find('~', s);
-            labels.push_back(text.substr(s, tilde == std::string::npos ? tilde : tilde - s));
-            if (tilde == std::string::npos) break;
-            s = tilde + 1;
-        }
-    }
-    if (labels.empty())
-        throw failure(at + ": " + path + " has no AFNI sub-brick labels; give the volume number");
-    return labels;
 }
 
 }  // namespace
@@ -169,13 +198,14 @@ dof_cell read_dof_cell(const table &t, size_t r, int col) {
     if (!given(d)) throw failure(at + ": no degrees of freedom given");
     dof_cell c;
     if (!parse_number(d, &c.value)) {
-        c.source = join_path(parent_dir(t.path), d);
+        const map_cell m = read_map_cell(t, r, col);  // an AFNI bucket's t: file[label]
+        c.source = m.path;
         if (!is_file(c.source))
             throw failure(at + ": " + d + " is neither a number nor a file (" + c.source + ")");
         if (ends_with(c.source, ".nii") || ends_with(c.source, ".nii.gz") ||
             ends_with(c.source, ".hdr") || ends_with(c.source, ".img") ||
             ends_with(c.source, ".hdr.gz") || ends_with(c.source, ".img.gz")) {
-            c.value = spm_t_dof(c.source, at);
+            c.value = image_t_dof(c.source, m.volume, at);
         } else {
             std::string text = read_text(c.source);
             const size_t b = text.find_first_not_of(" \t\r\n");

@@ -42,17 +42,26 @@ void write_inputs(const TempDir &tmp) {
     bucket.insert(bucket.end(), kB.begin(), kB.end());
     bucket.insert(bucket.end(), kT.begin(), kT.end());
     bridge_test::write_nifti(tmp.file("bucket.nii.gz"), grid(3), bucket);
-    // The same bucket with AFNI's sub-brick labels in its NIfTI extension.
+    // The same bucket with AFNI's sub-brick labels and statistics (F(2, 412),
+    // t(412)) in its NIfTI extension.
     bridge_test::nifti_ptr labelled = bridge_test::read_nifti(tmp.file("bucket.nii.gz"));
     const std::string xml =
         "<?xml version='1.0' ?>\n<AFNI_attributes ni_form=\"ni_group\" >\n<AFNI_atr\n"
         "  ni_type=\"String\"\n  ni_dimen=\"1\"\n  atr_name=\"BRICK_LABS\" >\n"
-        " \"Full_Fstat~condA#0_Coef~condA#0_Tstat\"\n</AFNI_atr>\n</AFNI_attributes>\n";
+        " \"Full_Fstat~condA#0_Coef~condA#0_Tstat\"\n</AFNI_atr>\n<AFNI_atr\n"
+        "  ni_type=\"float\"\n  ni_dimen=\"9\"\n  atr_name=\"BRICK_STATAUX\" >\n"
+        " 0 4 2 2 412 2 3 1 412\n</AFNI_atr>\n</AFNI_attributes>\n";
     nifti_add_extension(labelled.get(), xml.c_str(), static_cast<int>(xml.size()) + 1,
                         NIFTI_ECODE_AFNI);
     nifti_set_filenames(labelled.get(), tmp.file("labelled.nii.gz").c_str(), 0, 1);
     nifti_image_write(labelled.get());
     bridge_test::write_nifti(tmp.file("coef.nii"), grid(), kB);
+    // A t map whose intent gives its degrees of freedom.
+    bridge_test::nifti_ptr tmap = bridge_test::read_nifti(tmp.file("coef.nii"));
+    tmap->intent_code = NIFTI_INTENT_TTEST;
+    tmap->intent_p1 = 33;
+    nifti_set_filenames(tmap.get(), tmp.file("tmap.nii").c_str(), 0, 1);
+    nifti_image_write(tmap.get());
     bridge_test::write_nifti(tmp.file("ones.nii"), grid(), std::vector<double>(4, 1.0));
     nifti_layout unoriented = grid();
     unoriented.sform_code = 0;
@@ -107,13 +116,15 @@ TEST(Bridge, VolumesAndDegreesOfFreedomOfEachRow) {
          9,
          "rounded down: 23.4 -> 23 (line 2).\n",
          ""},
-        {"dof as number, SPM t map and file",
+        {"dof as number, SPM t map, file, AFNI t and t intent",
          "",
          "s1\ta\tcoef.nii\tspmT_0002.nii\t\t12.7\n"
          "s2\ta\tcoef.nii\tspmT_0002.nii\t\tspmT_0002.nii\n"
          "s3\ta\tcoef.nii\tspmT_0002.nii\t\tdof.txt\n"
-         "s4\ta\tcoef.nii\tspmT_0002.nii\t\t30\n",
-         {12, 187, 41, 30},
+         "s4\ta\tcoef.nii\tspmT_0002.nii\t\t30\n"
+         "s5\ta\tcoef.nii\tspmT_0002.nii\t\tlabelled.nii.gz[condA#0_Tstat]\n"
+         "s6\ta\tcoef.nii\tspmT_0002.nii\t\ttmap.nii\n",
+         {12, 187, 41, 30, 412, 33},
          9,
          "rounded down: 12.7 -> 12 (line 2) and 1 more row.\n",
          ""},
@@ -194,7 +205,11 @@ TEST(Bridge, VolumeAndDofCellsThatAreRefused) {
         {"dof from an F map", "s1\ta\tcoef.nii\tspmT_0001.nii\t\tspmF_0003.nii\t\t\n",
          "spmF_0003.nii is an SPM F map; name the contrast's spmT file"},
         {"dof from an image without SPM's description",
-         "s1\ta\tcoef.nii\tspmT_0001.nii\t\tones.nii\t\t\n", "does not give SPM{T_[df]}"},
+         "s1\ta\tcoef.nii\tspmT_0001.nii\t\tones.nii\t\t\n",
+         "ones.nii gives no degrees of freedom"},
+        {"dof from an AFNI sub-brick that is no t",
+         "s1\ta\tcoef.nii\tspmT_0001.nii\t\tlabelled.nii.gz[condA#0_Coef]\t\t\n",
+         "labelled.nii.gz gives no degrees of freedom"},
         {"an AFNI dataset", "s1\ta\tstats+tlrc.HEAD\tspmT_0001.nii\t\t20\t\t\n",
          "stats+tlrc.HEAD is an AFNI dataset; convert it with 3dAFNItoNIFTI"},
     };
