@@ -33,9 +33,10 @@ void check_error_is_not_effect(const table &t, size_t r, const map_cell &effect,
                                const map_cell &error, const std::string &kind);
 
 // The degrees of freedom of column `col` in row `r`: a number, a text file
-// holding one (FSL's stats/dof), or an SPM t map whose description reads
-// "SPM{T_[df]} ...".  A value that is not an integer enters fmri-rem rounded
-// down.  Throws naming the row and column.
+// holding one (FSL's stats/dof), or a t map that gives them (a t-test
+// intent, an AFNI bucket's t sub-brick, SPM's description "SPM{T_[df]} ...").
+// A value that is not an integer enters fmri-rem rounded down.  Throws
+// naming the row and column.
 struct dof_cell {
     double value = 0;    // as given
     int dof = 0;         // what fmri-rem uses: the value rounded down
