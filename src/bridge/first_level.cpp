@@ -112,9 +112,14 @@ double image_t_dof(const std::string &path, int volume, const std::string &at) {
         std::vector<double> a;
         std::istringstream in(text);
         for (double v; in >> v;) a.push_back(v);
-        for (size_t k = 0; k + 2 < a.size(); k += 3 + static_cast<size_t>(std::max(a[k + 2], 0.0)))
-            if (a[k] == std::max(volume, 0) && a[k + 1] == 3 && a[k + 2] >= 1 && k + 3 < a.size())
+        for (size_t k = 0; k + 2 < a.size();) {
+            double count = a[k + 2];  // of parameters, kept in range
+            if (!(count >= 0)) count = 0;
+            if (count > static_cast<double>(a.size())) count = static_cast<double>(a.size());
+            if (a[k] == std::max(volume, 0) && a[k + 1] == 3 && count >= 1 && k + 3 < a.size())
                 return a[k + 3];
+            k += 3 + static_cast<size_t>(count);
+        }
     }
     const std::string descrip(h->descrip, strnlen(h->descrip, sizeof h->descrip));
     const size_t t = descrip.find("SPM{T_[");
