@@ -30,11 +30,18 @@ int main(int argc, char **argv) {
                    "resolution elements for corrected p values (0 = raw p)")
         ->capture_default_str();
     app.footer(
-        "Table: tab-separated with a header row. group, effect and dof (an integer, or a file "
-        "holding one, such as FSL's stats/dof) are required; each row gives exactly one of "
-        "variance, stderr and tstat (the error is then |effect / t|); participant_id names the "
-        "signal files; weight and volume (0-based, for 4-D files) are optional; n/a or an empty "
-        "cell means not given.\n\nGroups: a group written as one event character (1-9, a-z, "
+        "Table: tab-separated with a header row. group, effect and dof (a number, a file "
+        "holding one, such as FSL's stats/dof, or a t map: SPM's spmT (its description gives "
+        "SPM{T_[df]}), an AFNI bucket's t sub-brick, a t map with a t-test intent; a value that is "
+        "not an integer enters rounded down) are required; each "
+        "row gives exactly one of variance, stderr and tstat (the error is then |effect / t|); "
+        "participant_id names the signal files; weight is optional; n/a or an empty cell means "
+        "not given.\n\nVolumes of 4-D files (0-based): AFNI's selector in the cell "
+        "(stats.nii.gz[1], or a sub-brick label: stats.nii.gz[condA#0_Coef]), else the columns "
+        "effect_volume, stderr_volume, variance_volume, "
+        "tstat_volume, else the column volume for all of them. Analyze 7.5 files are placed "
+        "as SPM2 and nibabel place them (x flipped, origin from the originator field).\n\n"
+        "Groups: a group written as one event character (1-9, a-z, "
         "A-Z) is that event; other names get their first letter when it is free, else the next "
         "free character, and the mapping is printed.\n\nA voxel where a value is not finite, "
         "the standard error is not positive or the mask is 0 is left out for that subject.\n\n"

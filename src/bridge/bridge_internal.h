@@ -84,6 +84,7 @@ struct image {
     double affine[4][4] = {};
     int qform_code = 0;
     int sform_code = 0;
+    bool analyze = false;        // an Analyze 7.5 file, placed as SPM2 places it
     std::vector<double> values;  // one volume, scaling applied
 };
 // Reads one 3-D volume of a NIfTI file (volume < 0: the image must be 3-D).

@@ -14,6 +14,7 @@
 #include <set>
 
 #include "bridge_internal.h"
+#include "first_level.h"
 
 namespace bridge {
 
@@ -35,29 +36,17 @@ struct row {
     int line = 0;
     std::string id, group, effect, error, dof_source;
     error_kind kind = error_kind::stderr_;
-    int dof = 0, volume = -1;
+    int dof = 0, effect_volume = -1, error_volume = -1;
+    double dof_value = 0;  // as given; dof is this rounded down
     double weight = 1;
     char event = 0;
     std::string signal;  // signal/<id>.bfloat
 };
 
-bool parse_long(const std::string &s, long *v) {
-    char *end = nullptr;
-    errno = 0;
-    *v = std::strtol(s.c_str(), &end, 10);
-    return !s.empty() && errno == 0 && *end == '\0';
-}
-
 bool parse_double(const std::string &s, double *v) {
     char *end = nullptr;
     *v = std::strtod(s.c_str(), &end);
     return !s.empty() && *end == '\0';
-}
-
-std::string trim(const std::string &s) {
-    size_t b = s.find_first_not_of(" \t\r\n");
-    size_t e = s.find_last_not_of(" \t\r\n");
-    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
 }
 
 std::string safe_name(const std::string &id) {
@@ -91,8 +80,7 @@ std::vector<row> read_rows(const table &t) {
     if (t.rows.size() > static_cast<size_t>(kMaxFiles))
         throw failure(t.path + " has " + std::to_string(t.rows.size()) +
                       " rows; fmri-rem analyses at most " + std::to_string(kMaxFiles) + " files");
-    const int id_col = t.column("participant_id"), weight_col = t.column("weight"),
-              volume_col = t.column("volume");
+    const int id_col = t.column("participant_id"), weight_col = t.column("weight");
     const int group_col = t.column("group"), effect_col = t.column("effect"),
               dof_col = t.column("dof");
 
@@ -105,7 +93,9 @@ std::vector<row> read_rows(const table &t) {
         w.group = cells[group_col];
         if (!given(w.group)) throw failure(where(r, group_col) + ": no group given");
         if (!given(cells[effect_col])) throw failure(where(r, effect_col) + ": no file given");
-        w.effect = join_path(dir, cells[effect_col]);
+        const map_cell effect = read_map_cell(t, r, effect_col);
+        w.effect = effect.path;
+        w.effect_volume = effect.volume;
         int chosen = -1;
         for (int k = 0; k < 3; ++k) {
             if (kinds[k] < 0 || !given(cells[kinds[k]])) continue;
@@ -119,40 +109,20 @@ std::vector<row> read_rows(const table &t) {
             throw failure(t.path + " line " + std::to_string(w.line) +
                           ": give one of stderr, variance and tstat");
         w.kind = static_cast<error_kind>(chosen);
-        w.error = join_path(dir, cells[kinds[chosen]]);
+        const map_cell error = read_map_cell(t, r, kinds[chosen]);
+        check_error_is_not_effect(t, r, effect, error, kind_name(w.kind));
+        w.error = error.path;
+        w.error_volume = error.volume;
 
-        const std::string &d = cells[dof_col];
-        long v = 0;
-        double x = 0;
-        if (!given(d)) throw failure(where(r, dof_col) + ": no degrees of freedom given");
-        if (parse_long(d, &v)) {
-            w.dof = static_cast<int>(v);
-        } else if (parse_double(d, &x)) {
-            throw failure(where(r, dof_col) + ": " + d + " is not an integer");
-        } else {
-            w.dof_source = join_path(dir, d);
-            if (!is_file(w.dof_source))
-                throw failure(where(r, dof_col) + ": " + d + " is neither an integer nor a file (" +
-                              w.dof_source + ")");
-            std::string text = trim(read_text(w.dof_source));
-            if (!parse_long(text, &v)) {
-                throw failure(where(r, dof_col) + ": the file " + w.dof_source +
-                              " does not hold an integer");
-            }
-            w.dof = static_cast<int>(v);
-        }
-        if (v < 1 || v > 1000000000)
-            throw failure(where(r, dof_col) + ": the degrees of freedom must be positive");
+        const dof_cell dof = read_dof_cell(t, r, dof_col);
+        w.dof = dof.dof;
+        w.dof_value = dof.value;
+        w.dof_source = dof.source;
 
         if (weight_col >= 0 && given(cells[weight_col])) {
             if (!parse_double(cells[weight_col], &w.weight) || !(w.weight > 0) ||
                 !std::isfinite(w.weight))
                 throw failure(where(r, weight_col) + ": the weight must be a positive number");
-        }
-        if (volume_col >= 0 && given(cells[volume_col])) {
-            if (!parse_long(cells[volume_col], &v) || v < 0 || v > 1000000)
-                throw failure(where(r, volume_col) + ": the volume must be an integer from 0");
-            w.volume = static_cast<int>(v);
         }
         w.id = id_col >= 0 && given(cells[id_col]) ? cells[id_col] : "";
         std::string base = safe_name(w.id.empty() ? "row-" + std::to_string(r + 1) : w.id);
@@ -300,19 +270,27 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     const std::vector<double> &mask = mask_image.values;
     make_dirs(join_path(o.out_dir, "signal"));
     staging stage;
-    std::vector<uint16_t> missing;  // per voxel: the subjects without a value
+    std::vector<uint16_t> missing;      // per voxel: the subjects without a value
+    std::vector<int> unit_error_lines;  // rows whose standard errors are all 1
+    std::vector<std::string> analyze_files, unoriented_files;
     for (size_t r = 0; r < rows.size(); ++r) {
         const row &w = rows[r];
         if (o.progress) err << "\rReading row " << r + 1 << " of " << rows.size() << std::flush;
-        image effect = read_image(w.effect, w.volume);
+        image effect = read_image(w.effect, w.effect_volume);
         check_grid(&g, effect, w.effect);
         if (r == 0 && !o.mask.empty()) check_grid(&g, mask_image, o.mask);
-        image error = read_image(w.error, w.volume);
+        image error = read_image(w.error, w.error_volume);
         check_grid(&g, error, w.error);
+        for (const auto &[im, path] : {std::pair(&effect, &w.effect), {&error, &w.error}}) {
+            if (im->analyze) analyze_files.push_back(*path);
+            if (!im->analyze && im->qform_code <= 0 && im->sform_code <= 0)
+                unoriented_files.push_back(*path);
+        }
         const size_t n = effect.values.size();
         if (missing.empty()) missing.assign(n, 0);
         std::vector<float> data(2 * n);
         size_t valid = 0;
+        bool all_one = true;  // every usable standard error is 1
         for (size_t i = 0; i < n; ++i) {
             const double e = effect.values[i], x = error.values[i];
             double se = w.kind == error_kind::stderr_    ? x
@@ -327,10 +305,13 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
                 ++valid;
             else
                 ++missing[i];
+            if (ok && std::fabs(sf - 1.0f) > 1e-6f) all_one = false;
         }
         if (valid == 0)
             err << "Warning: " << w.effect << " (line " << w.line
                 << ") has no voxel with a usable effect and error\n";
+        else if (all_one)
+            unit_error_lines.push_back(w.line);
         const std::string data_path = join_path(o.out_dir, w.signal);
         const std::string header_path = data_path.substr(0, data_path.size() - 6) + "hdr";
         stage.files.emplace_back(temporary_name(data_path, ""), data_path);
@@ -340,6 +321,8 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         write_bytes(stage.files.back().first, text.data(), text.size());
     }
     if (o.progress) err << "\r" << std::string(40, ' ') << "\r" << std::flush;
+    err << unit_error_warning(unit_error_lines, rows.size())
+        << unoriented_warning(unoriented_files);
 
     // geometry.json: the exact grid, where everything came from.
     nlohmann::json j;
@@ -372,7 +355,10 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
                             {"dof", w.dof},
                             {"weight", w.weight}};
         s["participant_id"] = w.id.empty() ? nlohmann::json() : nlohmann::json(w.id);
-        s["volume"] = w.volume < 0 ? nlohmann::json() : nlohmann::json(w.volume);
+        s["effect_volume"] =
+            w.effect_volume < 0 ? nlohmann::json() : nlohmann::json(w.effect_volume);
+        s["error_volume"] = w.error_volume < 0 ? nlohmann::json() : nlohmann::json(w.error_volume);
+        if (w.dof_value != w.dof) s["dof_given"] = w.dof_value;
         s["dof_file"] =
             w.dof_source.empty() ? nlohmann::json() : nlohmann::json(full_path(w.dof_source));
         j["sources"].push_back(s);
@@ -425,6 +411,10 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         << empty << " without a value in any";
     if (!mask.empty()) out << ", " << outside << " outside the mask";
     out << ".\n";
+    std::vector<std::pair<int, double>> rounded;
+    for (const row &w : rows)
+        if (w.dof_value != w.dof) rounded.emplace_back(w.line, w.dof_value);
+    out << rounded_dof_note(rounded) << analyze_note(analyze_files);
     out << "Wrote " << join_path(o.out_dir, "analysis.rem") << ", "
         << join_path(o.out_dir, "geometry.json") << " and " << rows.size() << " signal files in "
         << join_path(o.out_dir, "signal/") << ".\n";

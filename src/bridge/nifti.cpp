@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "bridge_internal.h"
+#include "first_level.h"
 
 namespace bridge {
 
@@ -91,6 +92,8 @@ void to_doubles(int datatype, const void *data, size_t n, const std::string &pat
 image read_image(const std::string &path, int volume) {
     if (!is_file(path))
         throw failure("cannot read " + path + (is_dir(path) ? ": a folder" : ": no such file"));
+    if (ends_with(path, ".HEAD") || ends_with(path, ".BRIK") || ends_with(path, ".BRIK.gz"))
+        throw failure(path + " is an AFNI dataset; convert it with 3dAFNItoNIFTI");
     reject_nifti2(path);
     nifti_set_debug_level(0);
     nim_ptr head(nifti_image_read(path.c_str(), 0));
@@ -105,15 +108,28 @@ image read_image(const std::string &path, int volume) {
     im.frames = h->ndim >= 4 && h->nt > 1 ? h->nt : 1;
     if (volume < 0 && im.frames > 1)
         throw failure(path + " is 4-D (" + std::to_string(im.frames) +
-                      " volumes): give the volume (0-based) in a column `volume`");
+                      " volumes): give the volume (0-based) as " + path +
+                      "[n] or in a column `volume'");
     if (volume >= im.frames)
         throw failure(path + " has " + std::to_string(im.frames) + " volume(s); volume " +
-                      std::to_string(volume) + " does not exist");
+                      std::to_string(volume) + " does not exist" +
+                      (im.frames == 1 ? " (a 3-D file: give a volume only to 4-D maps, e.g. in "
+                                        "effect_volume rather than in volume, which applies "
+                                        "to every map of its row)"
+                                      : ""));
     const mat44 &m = h->sform_code > 0 ? h->sto_xyz : h->qto_xyz;
     for (int r = 0; r < 4; ++r)
         for (int c = 0; c < 4; ++c) im.affine[r][c] = m.m[r][c];
     im.qform_code = h->qform_code;
     im.sform_code = h->sform_code;
+    double slope = h->scl_slope, inter = h->scl_inter;
+    if (h->nifti_type == NIFTI_FTYPE_ANALYZE) {
+        const analyze_layout a = read_analyze_layout(h->fname, path, im.dims);
+        std::memcpy(im.affine, a.affine, sizeof im.affine);
+        slope = a.slope;
+        inter = a.inter;
+        im.analyze = true;
+    }
 
     // The voxels are read here: the library's loader would turn NaN and
     // infinite values into 0, and those mark missing voxels.
@@ -134,7 +150,6 @@ image read_image(const std::string &path, int volume) {
     if (h->byteorder != nifti_short_order() && h->swapsize > 1)
         nifti_swap_Nbytes(bytes / h->swapsize, h->swapsize, raw.data());
     to_doubles(h->datatype, raw.data(), n, path, &im.values);
-    const double slope = h->scl_slope, inter = h->scl_inter;
     if (slope != 0.0 && std::isfinite(slope))
         for (double &v : im.values) v = v * slope + (std::isfinite(inter) ? inter : 0.0);
     return im;
