@@ -1,9 +1,15 @@
-// Conditions: each word of the conditions text becomes an integer contrast
-// matrix over the basis functions, one row per comma-separated part.
+// Conditions: each word of the conditions text becomes a contrast matrix over
+// the basis functions, one row per comma-separated part.  A coefficient is
+// +1 or -1 by the sign in force, or a decimal number written before "*" and
+// the one event character it applies to.
 #include <ctype.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+
+#include <cmath>
+#include <string>
 
 #include "rem.h"
 #include "util.h"
@@ -28,6 +34,37 @@ const char *next_word(const char *text, size_t *length) {
 // Column count of the contrast matrices, kept with them.
 int ncoeff_save = -1;
 
+bool is_number_character(char c) {
+    return (c >= '0' && c <= '9') || c == '.';
+}
+
+// A coefficient at word[j]: a run of digits and points followed by "*".
+// Returns the length of the run with its "*" (0 when there is none here),
+// after storing its value; -1 after a message when the run is not one
+// decimal number, is not finite, or is not followed by an event character.
+int read_coefficient(const char *word, size_t length, size_t j, float *value) {
+    size_t end = j;
+    while (end < length && is_number_character(word[end])) ++end;
+    if (end == j || end >= length || word[end] != '*') return 0;
+    const std::string condition(word, length);
+    const std::string number(word + j, end - j);
+    char *stop = nullptr;
+    *value = strtof(number.c_str(), &stop);
+    if (*stop != '\0' || number.find('.') != number.rfind('.') || !std::isfinite(*value)) {
+        printf("Error: the coefficient %s in condition %s is not a finite decimal number.\n",
+               number.c_str(), condition.c_str());
+        return -1;
+    }
+    if (end + 1 >= length || REM_EventNumberFromChar(word[end + 1]) <= 0) {
+        printf(
+            "Error: the coefficient %s* in condition %s must be followed by an event "
+            "character.\n",
+            number.c_str(), condition.c_str());
+        return -1;
+    }
+    return static_cast<int>(end - j + 1);
+}
+
 }  // namespace
 
 int REM_define_conditions(const char *text, int *count) {
@@ -41,8 +78,8 @@ int REM_define_conditions(const char *text, int *count) {
     // nothing can be freed twice.
     for (int c = 0; c < REM_MAX_CONDITIONS; ++c) {
         if (REM.condition_contrast[c] != nullptr)
-            free_int_matrix(REM.condition_contrast[c],
-                            static_cast<uint32_t>(REM.condition_nrows[c]));
+            free_float_matrix(REM.condition_contrast[c],
+                              static_cast<uint32_t>(REM.condition_nrows[c]));
         REM.condition_contrast[c] = nullptr;
         REM.condition_nrows[c] = 0;
     }
@@ -71,10 +108,10 @@ int REM_define_conditions(const char *text, int *count) {
             if (p[j] == ',') ++commas;
         const int c = REM.nconditions;
         REM.condition_nrows[c] = commas + 1;
-        int **contrast =
-            int_matrix(static_cast<uint32_t>(commas + 1), static_cast<uint32_t>(REM.nbasis));
+        float **contrast =
+            float_matrix(static_cast<uint32_t>(commas + 1), static_cast<uint32_t>(REM.nbasis));
         for (int row = 0; row <= commas; ++row)
-            for (int e = 0; e < REM.nbasis; ++e) contrast[row][e] = 0;
+            for (int e = 0; e < REM.nbasis; ++e) contrast[row][e] = 0.0f;
         REM.condition_contrast[c] = contrast;
         REM.nconditions++;
     }
@@ -87,28 +124,37 @@ int REM_define_conditions(const char *text, int *count) {
         memcpy(REM.condition_name[c], p, kept);
         REM.condition_name[c][kept] = '\0';
         int row = 0;
-        int sign = 1;
+        float sign = 1.0f;
         for (size_t j = 0; j < length; ++j) {
-            const char ch = p[j];
+            char ch = p[j];
+            float coefficient = sign;
             if (ch == ',') {
                 ++row;
-                sign = 1;
-            } else if (ch == '-') {
-                sign = -1;
-            } else {
-                const int number = REM_EventNumberFromChar(ch);
-                bool found = false;
-                for (int e = 0; e < REM.nevents && e < REM.nbasis; ++e) {
-                    if (REM.event_number[e] == number) {
-                        REM.condition_contrast[c][row][e] = sign;
-                        found = true;
-                    }
+                sign = 1.0f;
+                continue;
+            }
+            if (ch == '-' || ch == '+') {
+                sign = ch == '-' ? -1.0f : 1.0f;
+                continue;
+            }
+            const int run = read_coefficient(p, length, j, &coefficient);
+            if (run < 0) return 1;
+            if (run > 0) {
+                j += static_cast<size_t>(run);
+                ch = p[j];
+                coefficient = sign * coefficient;
+            }
+            const int number = REM_EventNumberFromChar(ch);
+            bool found = false;
+            for (int e = 0; e < REM.nevents && e < REM.nbasis; ++e) {
+                if (REM.event_number[e] == number) {
+                    REM.condition_contrast[c][row][e] = coefficient;
+                    found = true;
                 }
-                if (!found) {
-                    printf("Error: one of the events in the conditions (%d) is not defined.\n",
-                           number);
-                    return 1;
-                }
+            }
+            if (!found) {
+                printf("Error: one of the events in the conditions (%d) is not defined.\n", number);
+                return 1;
             }
         }
     }

@@ -8,6 +8,7 @@
 
 #include <cmath>
 
+#include "design_layout.h"
 #include "rem.h"
 #include "util.h"
 
@@ -271,6 +272,7 @@ void reset_records() {
     REM_input.overlapping_events = 0;
     REM_input.conditions[0] = '\0';
     REM_input.reml_method = REM_REML_CLASSIC;
+    REM_input.design_layout = 0;
 
     REM.initialized = 0;
     REM.nfiles = 0;
@@ -345,6 +347,7 @@ int REMInternal_decode_keyword(const char *line) {
         }
         return 0;
     }
+    if (strcmp(word, "design") == 0) return REMInternal_decode_design_line(rest);
     if (is_event_word(word)) {
         if (!read_event_character(
                 rest,
@@ -475,7 +478,21 @@ int REM_read_control_file(const char *path) {
             return 1;
         }
         if (is_blank(line)) continue;
+        if (REM_input.design_layout) {
+            const int header = REMInternal_design_header_line(line);
+            if (header != 0) {
+                if (header < 0) {
+                    fclose(file);
+                    return 1;
+                }
+                break;
+            }
+        }
         int result = REMInternal_decode_keyword(line);
+        if (result == -2) {
+            fclose(file);
+            return 1;
+        }
         if (result == -1) {
             printf("Error reading line %d of file '%s':\n", line_number, path);
             REMInternal_describe_rem_format();
@@ -486,14 +503,35 @@ int REM_read_control_file(const char *path) {
         ++line_number;
     }
 
-    int result = REM_input.overlapping_events
+    int result;
+    if (REM_input.design_layout)
+        result = REMInternal_read_control_file_design_layout(status > 0 ? file : nullptr);
+    else
+        result = REM_input.overlapping_events
                      ? REMInternal_read_control_file_overlapping_events(file)
                      : REMInternal_read_control_file_no_overlapping_events(file);
     fclose(file);
     if (result != 0) return 1;
 
     REMInternal_define_design_matrix();
+    if (REM_input.design_layout && REM_check_design() != 0) return 1;
     REM_describe_input();
     REM.initialized = 1;
     return 0;
+}
+
+int rem_control_read_word_line(FILE *file, char *line, char *word, const char **rest) {
+    return read_word_line(file, line, word, rest);
+}
+
+int rem_control_add_file(const char *path) {
+    return add_file(path, "", false) ? 0 : 1;
+}
+
+int rem_control_line_number(void) {
+    return g_line;
+}
+
+const char *rem_control_path(void) {
+    return g_path;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "design_layout.h"
 #include "rem.h"
 #include "util.h"
 
@@ -97,6 +98,13 @@ void REMInternal_define_design_matrix(void) {
     }
     g_allocated.present = true;
     for (int i = 0; i < n; ++i) REM.identity[i][i] = 1.0f;
+
+    // The user's own design: its values as they are.
+    if (REM_input.design_layout) {
+        for (int i = 0; i < n; ++i)
+            for (int e = 0; e < k; ++e) REM.design[i][e] = rem_design_layout_value(i, e);
+        return;
+    }
 
     // The scale carries over from one event to the next when an event has
     // no range at all; it starts at 0.

@@ -95,7 +95,7 @@ int rem_kernel_test(rem_workspace *ws, int condition, int resels, int dof,
     const rem_model_view *model = ws->model;
     const int k = ws->k;
     const int m = model->condition_nrows[condition];
-    int **L = model->condition_contrast[condition];
+    float **L = model->condition_contrast[condition];
     float *const *N = ws->fit.normal_inverse;
     rem_workspace_reserve_test(ws, m);
     float *contrast = ws->contrast;

@@ -29,7 +29,8 @@ typedef struct {
     int weights_given;
     int overlapping_events;
     char conditions[REM_NAME_LENGTH];
-    int reml_method; /* header line "reml": REM_REML_CLASSIC (default) or REM_REML_CONVERGED */
+    int reml_method;   /* header line "reml": REM_REML_CLASSIC (default) or REM_REML_CONVERGED */
+    int design_layout; /* 1 after a "design" header line: the files carry the design's values */
 } rem_input;
 
 #define REM_REML_CLASSIC 0
@@ -64,7 +65,7 @@ typedef struct {
     float **work;                    /* n x n */
     int nconditions;
     int condition_nrows[REM_MAX_CONDITIONS];
-    int **condition_contrast[REM_MAX_CONDITIONS];
+    float **condition_contrast[REM_MAX_CONDITIONS]; /* per condition: rows x k coefficients */
     char condition_name[REM_MAX_CONDITIONS][REM_NAME_LENGTH];
 } rem_model;
 
@@ -80,6 +81,9 @@ int REM_get_condition_string(int index, char *text);
 
 // ---- control file (control_file.cpp) ----
 int REM_read_control_file(const char *path);
+// 0 for a header keyword, 1 for an event line, -1 for an unknown word or a
+// keyword's error, -2 for an error of the "design" line (its one message
+// says it all).
 int REMInternal_decode_keyword(const char *line);
 int REMInternal_read_control_file_no_overlapping_events(FILE *file);
 int REMInternal_read_control_file_overlapping_events(FILE *file);
@@ -153,8 +157,8 @@ typedef struct {
     float *const *design;   /* n x k */
     float *const *identity; /* n x n */
     int nconditions;
-    const int *condition_nrows;      /* per condition: rows m */
-    int **const *condition_contrast; /* per condition: m x k */
+    const int *condition_nrows;        /* per condition: rows m */
+    float **const *condition_contrast; /* per condition: m x k */
 } rem_model_view;
 
 // The checks that the model's operations start with, for callers that run

@@ -15,6 +15,19 @@ void print_event_heading(int e) {
 }  // namespace
 
 void REM_describe_input(void) {
+    if (REM_input.design_layout) {
+        printf("\nDESIGN matrix of %d files and %d columns, events", REM.nfiles, REM.nbasis);
+        for (int e = 0; e < REM.nbasis; ++e) printf(" %c", REM_EventChar(REM.event_number[e]));
+        printf(":\n");
+        for (int i = 0; i < REM.nfiles; ++i) {
+            printf("file[%d] = %s", i, REM_input.file_name[i]);
+            for (int e = 0; e < REM.nbasis; ++e)
+                printf(" , %c = %g", REM_EventChar(REM.event_number[e]),
+                       static_cast<double>(REM.design[i][e]));
+            printf("\n");
+        }
+        return;
+    }
     if (REM_input.overlapping_events) {
         for (int e = 0; e < REM.nevents; ++e) {
             print_event_heading(e);

@@ -101,7 +101,8 @@ void rem_fitted_values(int n, int k, Design design, const float *beta, float *fi
 // Contrast values contrast[r] = sum over j of L[r][j] * beta[j] (float sums)
 // for the m rows of a condition; returns the first value of largest
 // magnitude, sign kept (0 when all are 0).
-inline float rem_contrast_values(int m, int k, int *const *L, const float *beta, float *contrast) {
+inline float rem_contrast_values(int m, int k, float *const *L, const float *beta,
+                                 float *contrast) {
     float largest = 0.0f;
     for (int r = 0; r < m; ++r) {
         float c = 0.0f;
@@ -116,7 +117,8 @@ inline float rem_contrast_values(int m, int k, int *const *L, const float *beta,
 // normal_inverse(i, j) reads N and set(r, s, value) stores M in the
 // caller's storage.
 template <class NormalInverse, class Store>
-void rem_contrast_covariance(int m, int k, int *const *L, NormalInverse normal_inverse, Store set) {
+void rem_contrast_covariance(int m, int k, float *const *L, NormalInverse normal_inverse,
+                             Store set) {
     for (int r = 0; r < m; ++r) {
         for (int s = 0; s < m; ++s) {
             float sum = 0.0f;

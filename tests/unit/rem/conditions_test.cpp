@@ -18,7 +18,7 @@ void define_events(const std::string &names) {
 }  // namespace
 
 TEST(Conditions, ContrastsFromText) {
-    using Rows = std::vector<std::vector<int>>;
+    using Rows = std::vector<std::vector<float>>;
     const struct {
         const char *text;
         std::vector<Rows> contrasts;  // columns p c d p (two events are named p)
@@ -27,6 +27,10 @@ TEST(Conditions, ContrastsFromText) {
         {"p,c", {{{1, 0, 0, 1}, {0, 1, 0, 0}}}},
         {"p-cd", {{{1, -1, -1, 1}}}},
         {"cd\tc-p,d", {{{0, 1, 1, 0}}, {{-1, 1, 0, -1}, {0, 0, 1, 0}}}},
+        // Coefficients: a number before "*" scales its one event character.
+        {"0.5*p+0.5*c", {{{0.5f, 0.5f, 0, 0.5f}}}},
+        {"p-2*cd", {{{1, -2, -1, 1}}}},
+        {"-1.25*d,.5*c+p 10*p", {{{0, 0, -1.25f, 0}, {1, 0.5f, 0, 1}}, {{10, 0, 0, 10}}}},
         {"pp -p", {{{1, 0, 0, 1}}, {{-1, 0, 0, -1}}}},
     };
     define_events("pcdp");
@@ -56,15 +60,41 @@ TEST(Conditions, ContrastsFromText) {
 // and in whole runs (an event that is not defined).
 TEST(Conditions, Errors) {
     define_events("pc");
+    const struct {
+        const char *text;
+        const char *message;
+    } cases[] = {
+        {"p*c", "Error: one of the events in the conditions (0) is not defined.\n"},
+        {"p.c", "Error: one of the events in the conditions (0) is not defined.\n"},
+        {"p-2*q", "Error: one of the events in the conditions (26) is not defined.\n"},
+        {"p-2*",
+         "Error: the coefficient 2* in condition p-2* must be followed by an event character.\n"},
+        {"0.5*,c",
+         "Error: the coefficient 0.5* in condition 0.5*,c must be followed by an event "
+         "character.\n"},
+        {"1.2.3*p",
+         "Error: the coefficient 1.2.3 in condition 1.2.3*p is not a finite decimal number.\n"},
+        {"1000000000000000000000000000000000000000*p",
+         "Error: the coefficient 1000000000000000000000000000000000000000 in condition "
+         "1000000000000000000000000000000000000000*p is not a finite decimal number.\n"},
+    };
     int count = -1;
+    for (const auto &k : cases) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(REM_define_conditions(k.text, &count), 1);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), k.message) << k.text;
+    }
+    // Digits name events unless a "*" follows them.
+    define_events("p2");
+    ASSERT_EQ(REM_define_conditions("p-2,2*2", &count), 0);
+    EXPECT_EQ(REM.condition_contrast[0][0][1], -1.0f);
+    EXPECT_EQ(REM.condition_contrast[0][1][1], 2.0f);
+
     testing::internal::CaptureStdout();
-    EXPECT_EQ(REM_define_conditions("p+c", &count), 1);
-    EXPECT_EQ(count, 1);
     EXPECT_EQ(REM_define_conditions(" \t\n", &count), 0);
     EXPECT_EQ(count, 0);
     REM.initialized = 0;
     EXPECT_EQ(REM_define_conditions("p", &count), 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Error: one of the events in the conditions (0) is not defined.\n"
               "Error: the REM basis functions should be defined before the conditions.\n");
 }

@@ -241,7 +241,8 @@ TEST(ControlFile, HelpExamplesRead) {
     int read = 0;
     while (std::getline(doc, line)) {
         if (!line.empty() && line[0] == '!') {
-            if (block.find("\nevent ") != std::string::npos) {  // an analysis file
+            if (block.find("\nevent ") != std::string::npos ||
+                block.find("\ndesign ") != std::string::npos) {  // an analysis file
                 SCOPED_TRACE(block);
                 EXPECT_EQ(read_text(block).result, 0);
                 ++read;
@@ -252,4 +253,91 @@ TEST(ControlFile, HelpExamplesRead) {
         }
     }
     EXPECT_GE(read, 2);
+}
+
+// A design matrix of the user's own: the header goes on after "design" up to
+// "measurements"; each file line's values are the design's row as written.
+TEST(ControlFile, DesignLayout) {
+    Outcome o = read_text(
+        "# groups p and c, centred age a\nsmoothing 6 8\nconditions p c p-c a 0.5*p+0.5*c\n"
+        "design p c a   # columns\nreml converged\n\nmeasurements:\n"
+        "s1.bfloat 1 0 -3.25\ns2.bfloat\t0 1 4.75   \n  # a comment\n"
+        "s3.bfloat 1 0 1e-1\ns4.bfloat 0 1 -1.6\ns5.bfloat 0 1 .5\n");
+    ASSERT_EQ(o.result, 0) << o.out;
+    EXPECT_EQ(o.out,
+              "\nDESIGN matrix of 5 files and 3 columns, events p c a:\n"
+              "file[0] = s1.bfloat , p = 1 , c = 0 , a = -3.25\n"
+              "file[1] = s2.bfloat , p = 0 , c = 1 , a = 4.75\n"
+              "file[2] = s3.bfloat , p = 1 , c = 0 , a = 0.1\n"
+              "file[3] = s4.bfloat , p = 0 , c = 1 , a = -1.6\n"
+              "file[4] = s5.bfloat , p = 0 , c = 1 , a = 0.5\n");
+    const float want[5][3] = {
+        {1, 0, -3.25f}, {0, 1, 4.75f}, {1, 0, 0.1f}, {0, 1, -1.6f}, {0, 1, 0.5f}};
+    ASSERT_EQ(REM.nfiles, 5);
+    ASSERT_EQ(REM.nbasis, 3);
+    for (int i = 0; i < 5; ++i)
+        for (int j = 0; j < 3; ++j) EXPECT_EQ(REM.design[i][j], want[i][j]) << i << " " << j;
+    EXPECT_EQ(REM.event_number[2], REM_EventNumberFromChar('a'));
+    EXPECT_EQ(REM_input.reml_method, REM_REML_CONVERGED);
+    EXPECT_STREQ(REM_input.file_name[4], "s5.bfloat");
+    EXPECT_EQ(REM_get_DOF(), 2);
+    // After the first event line "design" stays what it was: a stray line
+    // of the overlapping layout.
+    o = read_text("event p\n0 1\n\ndesign p\nmeasurements\na\nb\n");
+    EXPECT_EQ(o.result, 0);
+    EXPECT_EQ(REM_input.design_layout, 0);
+}
+
+// Each refusal of the design layout is one line, before any file is read.
+TEST(ControlFile, DesignLayoutRefusals) {
+    const std::string pc = "design p c\nmeasurements\n";
+    const std::string event_line =
+        " is an event line; with a `design' line the files follow `measurements', each with "
+        "one value per design column.\n";
+    const std::string not_finite = "' of design column c is not a finite number.\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {"design\n", "Error: `design' requires one event character per design column.\n"},
+        {"design p cc\n",
+         "Error: the `design' columns are named by single event characters (1-9, a-z, A-Z), "
+         "not 'cc'.\n"},
+        {"design p 0\n",
+         "Error: the `design' columns are named by single event characters (1-9, a-z, A-Z), "
+         "not '0'.\n"},
+        {"design p c p\n", "Error: event p is named twice in the `design' line.\n"},
+        {"design p\nsmoothing 1 2\ndesign c\n",
+         "Error: line 3 of file '@' repeats the `design' line.\n"},
+        {"design p c\nevent p\na\n", "Error: line 2 of file '@'" + event_line},
+        {pc + "a 1 0\nsubjects c\n", "Error: line 4 of file '@'" + event_line},
+        {"design p c\nconditions p\n",
+         "Error: the `design' line of file '@' must be followed by a `measurements' line and "
+         "the files, each with one value per design column.\n"},
+        {pc + "\n# none\n", "Error: no files follow the `measurements' line of file '@'.\n"},
+        {pc + "a 1 0\nb 1\n",
+         "Error: line 4 of file '@' gives 1 values for the 2 design columns (p c).\n"},
+        {pc + "a 1 0 2\n",
+         "Error: line 3 of file '@' gives 3 values for the 2 design columns (p c).\n"},
+        {pc + "a\n", "Error: line 3 of file '@' gives 0 values for the 2 design columns (p c).\n"},
+        {pc + "a 1 x\n", "Error: line 3 of file '@': the value 'x" + not_finite},
+        {pc + "a 1 nan\n", "Error: line 3 of file '@': the value 'nan" + not_finite},
+        {pc + "a 1 -inf\n", "Error: line 3 of file '@': the value '-inf" + not_finite},
+        {pc + "a 1 1e39\n", "Error: line 3 of file '@': the value '1e39" + not_finite},
+        {pc + "a 1 0,5\n", "Error: line 3 of file '@': the value '0,5" + not_finite},
+        {pc + "a 1 0\nb 1 0\nc 1 -0\n",
+         "Error: design column c is 0 for every file: the design cannot be estimated.\n"},
+        {pc + "a 1 0\nb 0 1\n",
+         "Error: 2 files for 2 design columns leave no degrees of freedom for the "
+         "random-effects variance.\n"},
+        {"design p c a\nmeasurements\na 1 0 1\nb 1 1 0\nc 1 0 1\nd 1 1 0\n",
+         "Error: the design columns of events p, c and a are linearly dependent: the design "
+         "cannot be estimated.\n"},
+        {"design p\nmeasurements\n" + repeat("a 1\n", 201),
+         "Error: line 203 of file '@' lists more than 200 files.\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.first.substr(0, 60));
+        Outcome o = read_text(c.first);
+        EXPECT_EQ(o.result, 1);
+        EXPECT_EQ(o.out, c.second);
+    }
+    EXPECT_EQ(read_text("design p\nmeasurements\n" + repeat("a 1\n", 200)).result, 0);
 }

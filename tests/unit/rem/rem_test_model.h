@@ -24,6 +24,7 @@ struct Event {
 // the model initialised.
 inline void build_model(int nfiles, const std::vector<Event> &events,
                         const std::vector<float> &weights = {}) {
+    REM_input.design_layout = 0;
     for (int i = 0; i < REM_MAX_FILES; ++i)
         REM_input.file_weight[i] = i < static_cast<int>(weights.size()) ? weights[i] : 1.0f;
     REM.nfiles = nfiles;
