@@ -62,6 +62,7 @@ condition_text translate(const std::string &w, const study_model &m) {
     std::vector<std::vector<term>> rows(1);
     bool named = false, today = true;  // today: event characters and "-" only
     double sign = 1;
+    size_t token = 0;  // where the current run of names or event characters began
     for (size_t pos = 0; pos < w.size();) {
         const char c = w[pos];
         if (c == ',' || c == '+' || c == '-') {
@@ -72,7 +73,7 @@ condition_text translate(const std::string &w, const study_model &m) {
             }
             sign = c == '-' ? -1 : 1;
             today = today && c != '+';
-            ++pos;
+            token = ++pos;
             continue;
         }
         term t;
@@ -87,7 +88,7 @@ condition_text translate(const std::string &w, const study_model &m) {
             if (format_number(t.coefficient, 15).find('e') != std::string::npos)
                 throw failure("the condition " + w + ": write the coefficient " +
                               w.substr(pos, end - pos) + " as a decimal between 1e-5 and 1e15");
-            pos = end + 1;
+            token = pos = end + 1;
             today = false;
         }
         size_t best = 0;
@@ -109,7 +110,7 @@ condition_text translate(const std::string &w, const study_model &m) {
             while (stop < w.size() && !ends_name(w, stop)) ++stop;
             throw failure(
                 "the condition " + w + " uses " +
-                (stop > pos ? w.substr(pos, stop - pos) : std::string("nothing after *")) +
+                (stop > token ? w.substr(token, stop - token) : std::string("nothing after *")) +
                 ", which is not in the model (" + describe(m) + ")");
         }
         pos += best;
