@@ -62,17 +62,19 @@ condition_text translate(const std::string &w, const study_model &m) {
     std::vector<std::vector<term>> rows(1);
     bool named = false, today = true;  // today: event characters and "-" only
     double sign = 1;
-    size_t token = 0;  // where the current run of names or event characters began
+    size_t token = 0;      // where the current run of names or event characters began
+    bool signed_ = false;  // a sign waits for its event
     for (size_t pos = 0; pos < w.size();) {
         const char c = w[pos];
         if (c == ',' || c == '+' || c == '-') {
             if (c == ',') {
-                if (rows.back().empty())
+                if (rows.back().empty() || signed_)
                     throw failure("the condition " + w + " has a row without an event");
                 rows.emplace_back();
             }
             sign = c == '-' ? -1 : 1;
             today = today && c != '+';
+            signed_ = c != ',';
             token = ++pos;
             continue;
         }
@@ -115,9 +117,11 @@ condition_text translate(const std::string &w, const study_model &m) {
         }
         pos += best;
         t.coefficient *= sign;
+        signed_ = false;
         rows.back().push_back(t);
     }
-    if (rows.back().empty()) throw failure("the condition " + w + " has a row without an event");
+    if (rows.back().empty() || signed_)
+        throw failure("the condition " + w + " has a row without an event");
     condition_text out;
     if (named) out.names = w;
     if (today) {
