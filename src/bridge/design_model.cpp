@@ -63,7 +63,9 @@ struct cell_values {
     bool numeric = true;
 };
 
-cell_values column_values(const table &t, int col, const std::vector<signal_unit> &units) {
+// A column of levels (the groups) is text even where it holds numbers.
+cell_values column_values(const table &t, int col, const std::vector<signal_unit> &units,
+                          bool levels = false) {
     cell_values v;
     auto where = [&](size_t r) {
         return t.path + " line " + std::to_string(t.lines[r]) + ", column " +
@@ -86,7 +88,8 @@ cell_values column_values(const table &t, int col, const std::vector<signal_unit
         v.text.push_back(t.rows[u.rows[0]][col]);
         v.numbers.push_back(sum / static_cast<double>(u.rows.size()));
     }
-    if (first_text >= 0 && first_number >= 0)
+    if (levels) first_text = std::max(first_text, first_number);
+    if (first_text >= 0 && first_number >= 0 && !levels)
         throw failure(where(static_cast<size_t>(first_text)) + ": " + t.rows[first_text][col] +
                       " is not a number (the column holds numbers elsewhere)");
     v.numeric = first_text < 0;
@@ -249,7 +252,7 @@ study_model build_model(const table &t, const std::vector<signal_unit> &units,
     const int group_col = t.column("group");
     std::vector<std::string> group_of(units.size(), "all");
     if (group_col >= 0) {
-        cell_values g = column_values(t, group_col, units);
+        cell_values g = column_values(t, group_col, units, true);
         group_of = g.text;
     }
     std::vector<std::string> groups;
@@ -294,8 +297,8 @@ study_model build_model(const table &t, const std::vector<signal_unit> &units,
             m.columns.push_back(c);
             made.push_back(c.name);
         }
-        m.notes.push_back(name + ": levels " + list(levels) + "; " + levels[0] +
-                          " is the reference, the others are indicator columns " + list(made) +
+        m.notes.push_back(name + ": levels " + list(levels) + " (reference " + levels[0] +
+                          "): indicator columns " + list(made) +
                           (o.centre ? ", centred on their means" : ""));
     }
     for (const std::string &name : o.by_group) {
@@ -322,6 +325,11 @@ study_model build_model(const table &t, const std::vector<signal_unit> &units,
             m.notes.push_back(name + ": centred on its mean over all files " +
                               format_number(centre, 6) + ", one slope per group");
     }
+    std::set<std::string> names;
+    for (const model_column &c : m.columns)
+        if (!names.insert(c.name).second)
+            throw failure("two columns of the model are named " + quoted(c.name) +
+                          "; rename a group or a column of the table");
     assign_events(&m.columns);
     if (n_groups == 1 && m.columns[0].name != "all")
         m.aliases.emplace_back("all", m.columns[0].event);

@@ -308,8 +308,8 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         throw failure(t.path + " gives " + std::to_string(units.size()) +
                       " signal files; fmri-rem analyses at most " + std::to_string(kMaxFiles));
     model_options mo;
-    mo.covariates = o.covariates;
-    mo.by_group = o.by_group;
+    for (const std::string &name : o.covariates) mo.covariates.push_back(trim(name));
+    for (const std::string &name : o.by_group) mo.by_group.push_back(trim(name));
     mo.design_matrix = o.design_matrix;
     mo.centre = o.centre;
     const study_model model = build_model(t, units, mo);

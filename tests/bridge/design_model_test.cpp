@@ -110,6 +110,8 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
         }
         return out;
     };
+    // A participant with one session only, left out of the pairs.
+    full += "sub-99\tcontrols\tpre\t50\tF\tsub-10_pre_effect.nii\tsub-10_pre_variance.nii\t30\n";
     write_file(tmp.file("full.tsv"), full);
     write_file(tmp.file("pre.tsv"), pre);
     write_file(tmp.file("full-nogroup.tsv"), drop_group(full));
@@ -188,6 +190,11 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
         CommandResult r = bridge_test::run_tool("fmri-rem-import", args, tmp.path());
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_NE(r.out.find("REML: converged"), std::string::npos) << r.out;
+        const bool paired = c.options.size() && c.options[0] == "--paired";
+        EXPECT_EQ(r.out.find("taken as independent") != std::string::npos, paired) << r.out;
+        EXPECT_EQ(r.out.find("Left out, without both sessions: sub-99\n") != std::string::npos,
+                  paired)
+            << r.out;
         const std::string rem = read_file(tmp.file(study + "/analysis.rem"));
         for (const auto &k : c.conditions)
             if (std::get<0>(k) != std::get<1>(k))
@@ -198,7 +205,6 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
         r = run_command(shell_quote(FMRI_REM_BIN) + " analysis.rem", tmp.file(study));
         ASSERT_EQ(r.status, 0) << r.out;
 
-        const bool paired = c.options.size() && c.options[0] == "--paired";
         Mat X;
         for (const participant &p : ps) X.push_back(c.row(p));
         const size_t k = X[0].size();
