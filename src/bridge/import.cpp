@@ -224,45 +224,14 @@ void print_summary(const import_options &o, const study_model &m,
                         : "\n");
 }
 
-// One row's maps as signal-file frames: the effect, then the standard error
-// (0 where the voxel is left out); *valid counts the voxels kept.
-std::vector<float> read_signal(const row &w, grid *g, const import_options &o,
-                               const image &mask_image, size_t *valid) {
-    const std::vector<double> &mask = mask_image.values;
-    image effect = read_image(w.effect, w.volume);
-    check_grid(g, effect, w.effect);
-    if (!o.mask.empty()) check_grid(g, mask_image, o.mask);
-    image error = read_image(w.error, w.volume);
-    check_grid(g, error, w.error);
-    const size_t n = effect.values.size();
-    std::vector<float> data(2 * n);
-    *valid = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const double e = effect.values[i], x = error.values[i];
-        double se = w.kind == error_kind::stderr_    ? x
-                    : w.kind == error_kind::variance ? std::sqrt(x)
-                                                     : std::fabs(e / x);
-        float ef = static_cast<float>(e), sf = static_cast<float>(se);
-        bool ok = std::isfinite(e) && std::isfinite(x) && std::isfinite(ef) && std::isfinite(sf) &&
-                  sf > 0.0f && (mask.empty() || mask[i] != 0.0);
-        data[i] = std::isfinite(ef) ? ef : 0.0f;
-        data[n + i] = ok ? sf : 0.0f;
-        *valid += ok;
-    }
-    return data;
-}
-
 // The second session taken from the first: effect a - b, standard error
-// sqrt(se_a^2 + se_b^2) in double, left out where either is.
-void subtract_session(std::vector<float> *a, const std::vector<float> &b, size_t *valid) {
+// sqrt(se_a^2 + se_b^2) in double, left out (0) where either is.
+void subtract_session(std::vector<float> *a, const std::vector<float> &b) {
     const size_t n = a->size() / 2;
-    *valid = 0;
     for (size_t i = 0; i < n; ++i) {
         const double sa = (*a)[n + i], sb = b[n + i];
-        const bool ok = sa > 0 && sb > 0;
         (*a)[i] = static_cast<float>(static_cast<double>((*a)[i]) - b[i]);
-        (*a)[n + i] = ok ? static_cast<float>(std::sqrt(sa * sa + sb * sb)) : 0.0f;
-        *valid += ok;
+        (*a)[n + i] = sa > 0 && sb > 0 ? static_cast<float>(std::sqrt(sa * sa + sb * sb)) : 0.0f;
     }
 }
 
@@ -278,20 +247,6 @@ std::vector<std::string> signal_names(const std::vector<signal_unit> &units) {
         signals.push_back("signal/" + name + ".bfloat");
     }
     return signals;
-}
-
-nlohmann::json source_record(const row &w) {
-    nlohmann::json s = {{"table_line", w.line},
-                        {"effect", full_path(w.effect)},
-                        {"error", full_path(w.error)},
-                        {"error_kind", kind_name(w.kind)},
-                        {"dof", w.dof},
-                        {"weight", w.weight}};
-    s["participant_id"] = w.id.empty() ? nlohmann::json() : nlohmann::json(w.id);
-    s["volume"] = w.volume < 0 ? nlohmann::json() : nlohmann::json(w.volume);
-    s["dof_file"] =
-        w.dof_source.empty() ? nlohmann::json() : nlohmann::json(full_path(w.dof_source));
-    return s;
 }
 
 void import_study(const import_options &o, std::ostream &out, std::ostream &err) {
@@ -328,6 +283,11 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     }
     const std::vector<std::string> signals = signal_names(units);
 
+    // Rows in the order of their signal files (a pair's first session, then its second).
+    std::vector<size_t> unit_of(rows.size(), units.size()), order;
+    for (size_t u = 0; u < units.size(); ++u)
+        for (size_t r : units[u].rows) unit_of[r] = u, order.push_back(r);
+
     grid g;
     image mask_image;
     if (!o.mask.empty()) mask_image = read_image(o.mask, -1);
@@ -335,24 +295,49 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     make_dirs(join_path(o.out_dir, "signal"));
     staging stage;
     std::vector<uint16_t> missing;  // per voxel: the subjects without a value
-    for (size_t u = 0; u < units.size(); ++u) {
-        if (o.progress) err << "\rReading file " << u + 1 << " of " << units.size() << std::flush;
-        const row &w = rows[units[u].rows[0]];
-        size_t valid = 0;
-        std::vector<float> data = read_signal(w, &g, o, mask_image, &valid);
-        int dof = w.dof;
-        if (units[u].rows.size() == 2) {
-            const row &second = rows[units[u].rows[1]];
-            subtract_session(&data, read_signal(second, &g, o, mask_image, &valid), &valid);
-            dof = std::min(dof, second.dof);
-        }
-        const size_t n = data.size() / 2;
+    std::vector<float> first;       // a pair's first session until its second is read
+    for (size_t r : order) {
+        const row &w = rows[r];
+        if (o.progress) err << "\rReading row " << r + 1 << " of " << rows.size() << std::flush;
+        image effect = read_image(w.effect, w.volume);
+        check_grid(&g, effect, w.effect);
+        if (r == order[0] && !o.mask.empty()) check_grid(&g, mask_image, o.mask);
+        image error = read_image(w.error, w.volume);
+        check_grid(&g, error, w.error);
+        const size_t n = effect.values.size();
         if (missing.empty()) missing.assign(n, 0);
-        for (size_t i = 0; i < n; ++i) missing[i] += data[n + i] == 0.0f;
+        std::vector<float> data(2 * n);
+        size_t valid = 0;
+        for (size_t i = 0; i < n; ++i) {
+            const double e = effect.values[i], x = error.values[i];
+            double se = w.kind == error_kind::stderr_    ? x
+                        : w.kind == error_kind::variance ? std::sqrt(x)
+                                                         : std::fabs(e / x);
+            float ef = static_cast<float>(e), sf = static_cast<float>(se);
+            bool ok = std::isfinite(e) && std::isfinite(x) && std::isfinite(ef) &&
+                      std::isfinite(sf) && sf > 0.0f && (mask.empty() || mask[i] != 0.0);
+            data[i] = std::isfinite(ef) ? ef : 0.0f;
+            data[n + i] = ok ? sf : 0.0f;
+            if (ok)
+                ++valid;
+            else
+                ++missing[i];
+        }
         if (valid == 0)
-            err << "Warning: " << signals[u] << " (" << w.effect << ", line " << w.line
+            err << "Warning: " << w.effect << " (line " << w.line
                 << ") has no voxel with a usable effect and error\n";
-        const std::string data_path = join_path(o.out_dir, signals[u]);
+        const signal_unit &unit = units[unit_of[r]];
+        if (unit.rows.size() == 2 && r == unit.rows[0]) {
+            first.swap(data);
+            continue;
+        }
+        int dof = w.dof;
+        if (unit.rows.size() == 2) {  // the difference, with the smaller dof
+            subtract_session(&first, data);
+            data.swap(first);
+            dof = std::min(dof, rows[unit.rows[0]].dof);
+        }
+        const std::string data_path = join_path(o.out_dir, signals[unit_of[r]]);
         const std::string header_path = data_path.substr(0, data_path.size() - 6) + "hdr";
         stage.files.emplace_back(temporary_name(data_path, ""), data_path);
         write_bytes(stage.files.back().first, data.data(), data.size() * sizeof(float));
@@ -377,14 +362,27 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     j["table"] = full_path(o.table);
     j["mask"] = o.mask.empty() ? nlohmann::json() : nlohmann::json(full_path(o.mask));
     for (const model_column &c : model.columns)
-        j["model"].push_back({{"name", c.name}, {"event", std::string(1, c.event)}});
+        j["model"].push_back(
+            {{"name", c.name}, {"event", std::string(1, c.event)}, {"values", c.values}});
     if (!o.paired.empty()) j["paired"] = {pairs.first, pairs.second};
-    for (size_t u = 0; u < units.size(); ++u) {
-        nlohmann::json s = {{"signal", signals[u]}};
-        for (const model_column &c : model.columns) s["design"][c.name] = c.values[u];
-        for (size_t r : units[u].rows) s["rows"].push_back(source_record(rows[r]));
+    for (const row &w : rows) {
+        const size_t u = unit_of[&w - rows.data()];
+        if (u == units.size()) continue;  // a row left out of the pairs
+        nlohmann::json s = {{"signal", signals[u]},
+                            {"table_line", w.line},
+                            {"group", w.group},
+                            {"effect", full_path(w.effect)},
+                            {"error", full_path(w.error)},
+                            {"error_kind", kind_name(w.kind)},
+                            {"dof", w.dof},
+                            {"weight", w.weight}};
+        s["participant_id"] = w.id.empty() ? nlohmann::json() : nlohmann::json(w.id);
+        s["volume"] = w.volume < 0 ? nlohmann::json() : nlohmann::json(w.volume);
+        s["dof_file"] =
+            w.dof_source.empty() ? nlohmann::json() : nlohmann::json(full_path(w.dof_source));
         j["sources"].push_back(s);
     }
+
     analysis_header h;
     h.table = o.table;
     h.prior_smoothing = o.prior_smoothing;
@@ -401,13 +399,13 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     for (size_t i = 0; i < missing.size(); ++i) {
         if (!mask.empty() && mask[i] == 0.0)
             ++outside;
-        else if (missing[i] == units.size())
+        else if (missing[i] == order.size())
             ++empty;
         else if (missing[i] > 0)
             ++lost;
     }
     print_summary(o, model, conditions, pairs, out);
-    out << "Read " << rows.size() - pairs.other_rows << " rows";
+    out << "Read " << order.size() << " rows";
     if (!o.paired.empty()) out << " into " << units.size() << " differences";
     out << ": " << g.first.dims[0] << " x " << g.first.dims[1] << " x " << g.first.dims[2]
         << " voxels; " << missing.size() - lost - empty - outside << " complete in every subject, "
