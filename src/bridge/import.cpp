@@ -283,6 +283,15 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     }
     const std::vector<std::string> signals = signal_names(units);
 
+    // The analysis file, before any image is read.
+    analysis_header h;
+    h.table = o.table;
+    h.prior_smoothing = o.prior_smoothing;
+    h.ratio_smoothing = o.ratio_smoothing;
+    h.multiple_comparisons = o.multiple_comparisons;
+    h.converged = o.converged;
+    const std::string rem = analysis_text(h, model, conditions, signals, weights);
+
     // Rows in the order of their signal files (a pair's first session, then its second).
     std::vector<size_t> unit_of(rows.size(), units.size()), order;
     for (size_t u = 0; u < units.size(); ++u)
@@ -382,14 +391,6 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
             w.dof_source.empty() ? nlohmann::json() : nlohmann::json(full_path(w.dof_source));
         j["sources"].push_back(s);
     }
-
-    analysis_header h;
-    h.table = o.table;
-    h.prior_smoothing = o.prior_smoothing;
-    h.ratio_smoothing = o.ratio_smoothing;
-    h.multiple_comparisons = o.multiple_comparisons;
-    h.converged = o.converged;
-    const std::string rem = analysis_text(h, model, conditions, signals, weights);
 
     stage.commit();
     write_text_atomic(join_path(o.out_dir, "geometry.json"), j.dump(2) + "\n");
