@@ -122,13 +122,15 @@ void check_varies(const std::string &name, const std::vector<double> &x) {
                   format_number(x[0], 9) + ") in every file");
 }
 
-// Columns from a design matrix of the user's, matched by participant_id.
+// Columns from a design matrix of the user's, matched by participant_id
+// (nilearn's design matrices call it subject_label).
 std::vector<model_column> user_design(const std::string &path, const table &t,
                                       const std::vector<signal_unit> &units) {
     table d = read_table(path);
-    const int id_col = d.column("participant_id");
-    if (id_col < 0) throw failure(path + " has no column `participant_id'");
-    if (d.columns.size() < 2) throw failure(path + " has no column besides participant_id");
+    int id_col = d.column("participant_id");
+    if (id_col < 0) id_col = d.column("subject_label");
+    if (id_col < 0) throw failure(path + " has no column `participant_id' (or `subject_label')");
+    if (d.columns.size() < 2) throw failure(path + " has no column besides the participants'");
     std::map<std::string, size_t> row_of;
     for (size_t r = 0; r < d.rows.size(); ++r) {
         const std::string &id = d.rows[r][id_col];

@@ -116,7 +116,7 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
     write_file(tmp.file("pre.tsv"), pre);
     write_file(tmp.file("full-nogroup.tsv"), drop_group(full));
     write_file(tmp.file("pre-nogroup.tsv"), drop_group(pre));
-    std::string dm = "participant_id\tintercept\tscore\n";
+    std::string dm = "subject_label\tintercept\tscore\n";  // as nilearn names it
     for (int s = 0; s < SUBJECTS; ++s)
         dm += "sub-" + std::to_string(10 + s) + "\t1\t" + std::to_string(ps[s].score) + "\n";
     write_file(tmp.file("dm.tsv"), dm);
