@@ -37,9 +37,10 @@ int main(int argc, char **argv) {
     app.add_option("--paired", o.paired,
                    "FIRST-SECOND sessions (e.g. post-pre): one file per participant_id, the "
                    "effect FIRST - SECOND, the variance var(FIRST) + var(SECOND)");
-    app.add_option("--design-matrix", o.design_matrix,
-                   "a .tsv of participant_id and numeric columns used as the design as they are "
-                   "(in place of the groups and covariates)");
+    app.add_option(
+        "--design-matrix", o.design_matrix,
+        "a .tsv of participant_id (or subject_label) and numeric columns used as the design "
+        "as they are (in place of the groups and covariates)");
     std::string reml = "converged";
     app.add_option("--reml", reml,
                    "the between-subject variance estimate written into the analysis file "
