@@ -7,6 +7,7 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace bridge {
 
@@ -65,6 +66,15 @@ struct import_options {
     std::string mask;  // "" for none
     int multiple_comparisons = 0;
     bool progress = false;  // progress lines on `err`
+    // The model beside the groups: covariates (centred on their mean unless
+    // centre is false; a text column gives an indicator column per level but
+    // the first), covariates with one slope per group, or a design matrix of
+    // the user's (a .tsv with participant_id) in place of all of these.
+    std::vector<std::string> covariates, by_group;
+    bool centre = true;
+    std::string design_matrix;
+    std::string paired;     // "post-pre": one signal file per participant, post minus pre
+    bool converged = true;  // "reml converged" (else "reml classic")
 };
 
 // fmri-rem-export: the result volumes of results_dir to NIfTI maps in out_dir

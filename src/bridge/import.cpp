@@ -15,17 +15,13 @@
 
 #include "bridge_internal.h"
 #include "first_level.h"
+#include "import_model.h"
 
 namespace bridge {
 
 namespace {
 
-const char kEventChars[] = "123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
 const int kMaxFiles = 200;  // fmri-rem's limit
-
-bool is_event_char(char c) {
-    return c != '\0' && std::strchr(kEventChars, c) != nullptr;
-}
 
 enum class error_kind { stderr_, variance, tstat };
 const char *kind_name(error_kind k) {
@@ -39,14 +35,18 @@ struct row {
     int dof = 0, effect_volume = -1, error_volume = -1;
     double dof_value = 0;  // as given; dof is this rounded down
     double weight = 1;
-    char event = 0;
-    std::string signal;  // signal/<id>.bfloat
 };
 
 bool parse_double(const std::string &s, double *v) {
     char *end = nullptr;
     *v = std::strtod(s.c_str(), &end);
     return !s.empty() && *end == '\0';
+}
+
+std::string trim(const std::string &s) {
+    size_t b = s.find_first_not_of(" \t\r\n");
+    size_t e = s.find_last_not_of(" \t\r\n");
+    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
 }
 
 std::string safe_name(const std::string &id) {
@@ -72,25 +72,21 @@ std::vector<row> read_rows(const table &t) {
         return t.path + " line " + std::to_string(t.lines[r]) + ", column " +
                std::to_string(c + 1) + " (" + t.columns[c] + ")";
     };
-    for (const char *required : {"group", "effect", "dof"})
+    for (const char *required : {"effect", "dof"})
         if (t.column(required) < 0) throw failure(t.path + " has no column `" + required + "'");
     const int kinds[3] = {t.column("stderr"), t.column("variance"), t.column("tstat")};
     if (kinds[0] < 0 && kinds[1] < 0 && kinds[2] < 0)
         throw failure(t.path + " has none of the columns `stderr', `variance', `tstat'");
-    if (t.rows.size() > static_cast<size_t>(kMaxFiles))
-        throw failure(t.path + " has " + std::to_string(t.rows.size()) +
-                      " rows; fmri-rem analyses at most " + std::to_string(kMaxFiles) + " files");
     const int id_col = t.column("participant_id"), weight_col = t.column("weight");
     const int group_col = t.column("group"), effect_col = t.column("effect"),
               dof_col = t.column("dof");
 
     std::vector<row> rows;
-    std::set<std::string> names;
     for (size_t r = 0; r < t.rows.size(); ++r) {
         const std::vector<std::string> &cells = t.rows[r];
         row w;
         w.line = t.lines[r];
-        w.group = cells[group_col];
+        w.group = group_col >= 0 ? cells[group_col] : "all";
         if (!given(w.group)) throw failure(where(r, group_col) + ": no group given");
         if (!given(cells[effect_col])) throw failure(where(r, effect_col) + ": no file given");
         const map_cell effect = read_map_cell(t, r, effect_col);
@@ -125,88 +121,9 @@ std::vector<row> read_rows(const table &t) {
                 throw failure(where(r, weight_col) + ": the weight must be a positive number");
         }
         w.id = id_col >= 0 && given(cells[id_col]) ? cells[id_col] : "";
-        std::string base = safe_name(w.id.empty() ? "row-" + std::to_string(r + 1) : w.id);
-        std::string name = base;
-        for (int k = 2; names.count(name); ++k) name = base + "-" + std::to_string(k);
-        names.insert(name);
-        w.signal = "signal/" + name + ".bfloat";
         rows.push_back(w);
     }
     return rows;
-}
-
-// Groups to event characters: a group written as one event character is that
-// event; the others, in order of first appearance, get their first letter
-// when it is free, else the first free character.
-std::vector<std::pair<std::string, char>> map_groups(std::vector<row> *rows) {
-    std::vector<std::pair<std::string, char>> groups;
-    std::set<char> used;
-    for (const row &w : *rows)
-        if (w.group.size() == 1 && is_event_char(w.group[0])) used.insert(w.group[0]);
-    std::map<std::string, char> event_of;
-    for (row &w : *rows) {
-        auto found = event_of.find(w.group);
-        if (found == event_of.end()) {
-            char e = 0;
-            if (w.group.size() == 1 && is_event_char(w.group[0])) {
-                e = w.group[0];
-            } else {
-                char first =
-                    static_cast<char>(std::tolower(static_cast<unsigned char>(w.group[0])));
-                if (is_event_char(first) && !used.count(first)) e = first;
-                for (const char *c = kEventChars + 9; e == 0 && *c; ++c)
-                    if (!used.count(*c)) e = *c;
-                for (const char *c = kEventChars; e == 0 && c < kEventChars + 9; ++c)
-                    if (!used.count(*c)) e = *c;
-                if (e == 0) throw failure("more groups than the 61 event characters");
-                used.insert(e);
-            }
-            found = event_of.emplace(w.group, e).first;
-            groups.emplace_back(w.group, e);
-        }
-        w.event = found->second;
-    }
-    return groups;
-}
-
-std::string describe_groups(const std::vector<std::pair<std::string, char>> &groups) {
-    std::string s;
-    for (const auto &g : groups)
-        s += (s.empty() ? "" : ", ") + g.first + " -> " + std::string(1, g.second);
-    return s;
-}
-
-void check_conditions(const std::string &text,
-                      const std::vector<std::pair<std::string, char>> &groups) {
-    std::set<char> events;
-    for (const auto &g : groups) events.insert(g.second);
-    std::vector<std::string> words;
-    size_t pos = 0;
-    while ((pos = text.find_first_not_of(" \t", pos)) != std::string::npos) {
-        size_t end = text.find_first_of(" \t", pos);
-        words.push_back(text.substr(pos, end == std::string::npos ? end : end - pos));
-        pos = end;
-    }
-    if (words.empty()) throw failure("--conditions names no condition");
-    if (words.size() > 100) throw failure("more than 100 conditions");
-    if (text.size() > 1000) throw failure("the conditions text is too long");
-    for (const std::string &w : words) {
-        bool row_has_event = false;
-        for (size_t k = 0; k <= w.size(); ++k) {
-            char c = k < w.size() ? w[k] : ',';
-            if (c == ',') {
-                if (!row_has_event)
-                    throw failure("the condition " + w + " has a row without an event");
-                row_has_event = false;
-            } else if (events.count(c)) {
-                row_has_event = true;
-            } else if (c != '-') {
-                throw failure("the condition " + w + " uses " + std::string(1, c) +
-                              ", which is no group's event (groups: " + describe_groups(groups) +
-                              ")");
-            }
-        }
-    }
 }
 
 struct grid {
@@ -254,6 +171,60 @@ native_header signal_header(const image &g, int dof) {
     return h;
 }
 
+// What the model is, before the counts of voxels.
+void print_summary(const import_options &o, const study_model &m,
+                   const std::vector<condition_text> &conditions, const pairing &pairs,
+                   std::ostream &out) {
+    bool named = m.design;
+    for (const model_column &c : m.columns) named = named || c.name != std::string(1, c.event);
+    if (named) out << (m.design ? "Design: " : "Groups: ") << describe_model(m) << "\n";
+    for (const std::string &note : m.notes) out << "  " << note << "\n";
+    for (const condition_text &c : conditions)
+        if (!c.names.empty()) out << "Condition " << c.names << " -> " << c.events << "\n";
+    if (!o.paired.empty()) {
+        out << "Paired: one signal file per participant, " << pairs.first << " minus "
+            << pairs.second << ", with the variance var(" << pairs.first << ") + var("
+            << pairs.second << "): the two first-level estimates are taken as independent. "
+            << "Where the first-level analysis can give the contrast " << pairs.first << " - "
+            << pairs.second << " itself, import that instead.\n";
+        if (!pairs.incomplete.empty()) {
+            out << "Left out, without both sessions:";
+            for (const std::string &id : pairs.incomplete) out << " " << id;
+            out << "\n";
+        }
+        if (pairs.other_rows > 0)
+            out << "Not used: " << pairs.other_rows << " rows of other sessions.\n";
+    }
+    out << "REML: " << (o.converged ? "converged" : "classic")
+        << (o.converged ? " (the import's default; --reml classic for the classic estimate)\n"
+                        : "\n");
+}
+
+// The second session taken from the first: effect a - b, standard error
+// sqrt(se_a^2 + se_b^2) in double, left out (0) where either is.
+void subtract_session(std::vector<float> *a, const std::vector<float> &b) {
+    const size_t n = a->size() / 2;
+    for (size_t i = 0; i < n; ++i) {
+        const double sa = (*a)[n + i], sb = b[n + i];
+        (*a)[i] = static_cast<float>(static_cast<double>((*a)[i]) - b[i]);
+        (*a)[n + i] = sa > 0 && sb > 0 ? static_cast<float>(std::sqrt(sa * sa + sb * sb)) : 0.0f;
+    }
+}
+
+std::vector<std::string> signal_names(const std::vector<signal_unit> &units) {
+    std::vector<std::string> signals;
+    std::set<std::string> names;
+    for (size_t u = 0; u < units.size(); ++u) {
+        std::string base = safe_name(
+            units[u].id.empty() ? "row-" + std::to_string(units[u].rows[0] + 1) : units[u].id);
+        std::string name = base;
+        for (int k = 2; names.count(name); ++k) name = base + "-" + std::to_string(k);
+        names.insert(name);
+        signals.push_back("signal/" + name + ".bfloat");
+    }
+    return signals;
+}
+
 void import_study(const import_options &o, std::ostream &out, std::ostream &err) {
     if (!std::isfinite(o.prior_smoothing) || o.prior_smoothing < 0 ||
         !std::isfinite(o.ratio_smoothing) || o.ratio_smoothing < 0)
@@ -261,8 +232,46 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     if (o.multiple_comparisons < 0) throw failure("--multiple-comparisons must be 0 or more");
     table t = read_table(o.table);
     std::vector<row> rows = read_rows(t);
-    std::vector<std::pair<std::string, char>> groups = map_groups(&rows);
-    check_conditions(o.conditions, groups);
+    pairing pairs;
+    const std::vector<signal_unit> units =
+        o.paired.empty() ? single_rows(t) : pair_rows(t, o.paired, &pairs);
+    if (units.size() > static_cast<size_t>(kMaxFiles))
+        throw failure(t.path + " gives " + std::to_string(units.size()) +
+                      " signal files; fmri-rem analyses at most " + std::to_string(kMaxFiles));
+    model_options mo;
+    for (const std::string &name : o.covariates) mo.covariates.push_back(trim(name));
+    for (const std::string &name : o.by_group) mo.by_group.push_back(trim(name));
+    mo.design_matrix = o.design_matrix;
+    mo.centre = o.centre;
+    const study_model model = build_model(t, units, mo);
+    const std::vector<condition_text> conditions = translate_conditions(o.conditions, model);
+    // Weights only when some row gives one (the others then weigh 1), and
+    // only for groups alone.
+    std::vector<double> weights;
+    for (const signal_unit &u : units) weights.push_back(rows[u.rows[0]].weight);
+    if (std::count_if(rows.begin(), rows.end(), [](const row &w) { return w.weight != 1.0; })) {
+        if (model.design || !o.paired.empty())
+            throw failure(
+                "the weight column works only with groups alone (not with "
+                "--covariates, --by-group, --design-matrix or --paired)");
+    } else {
+        weights.clear();
+    }
+    const std::vector<std::string> signals = signal_names(units);
+
+    // The analysis file, before any image is read.
+    analysis_header h;
+    h.table = o.table;
+    h.prior_smoothing = o.prior_smoothing;
+    h.ratio_smoothing = o.ratio_smoothing;
+    h.multiple_comparisons = o.multiple_comparisons;
+    h.converged = o.converged;
+    const std::string rem = analysis_text(h, model, conditions, signals, weights);
+
+    // Rows in the order of their signal files (a pair's first session, then its second).
+    std::vector<size_t> unit_of(rows.size(), units.size()), order;
+    for (size_t u = 0; u < units.size(); ++u)
+        for (size_t r : units[u].rows) unit_of[r] = u, order.push_back(r);
 
     grid g;
     image mask_image;
@@ -273,12 +282,13 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     std::vector<uint16_t> missing;      // per voxel: the subjects without a value
     std::vector<int> unit_error_lines;  // rows whose standard errors are all 1
     std::vector<std::string> analyze_files, unoriented_files;
-    for (size_t r = 0; r < rows.size(); ++r) {
+    std::vector<float> first;  // a pair's first session until its second is read
+    for (size_t r : order) {
         const row &w = rows[r];
         if (o.progress) err << "\rReading row " << r + 1 << " of " << rows.size() << std::flush;
         image effect = read_image(w.effect, w.effect_volume);
         check_grid(&g, effect, w.effect);
-        if (r == 0 && !o.mask.empty()) check_grid(&g, mask_image, o.mask);
+        if (r == order[0] && !o.mask.empty()) check_grid(&g, mask_image, o.mask);
         image error = read_image(w.error, w.error_volume);
         check_grid(&g, error, w.error);
         for (const auto &[im, path] : {std::pair(&effect, &w.effect), {&error, &w.error}}) {
@@ -312,11 +322,22 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
                 << ") has no voxel with a usable effect and error\n";
         else if (all_one)
             unit_error_lines.push_back(w.line);
-        const std::string data_path = join_path(o.out_dir, w.signal);
+        const signal_unit &unit = units[unit_of[r]];
+        if (unit.rows.size() == 2 && r == unit.rows[0]) {
+            first.swap(data);
+            continue;
+        }
+        int dof = w.dof;
+        if (unit.rows.size() == 2) {  // the difference, with the smaller dof
+            subtract_session(&first, data);
+            data.swap(first);
+            dof = std::min(dof, rows[unit.rows[0]].dof);
+        }
+        const std::string data_path = join_path(o.out_dir, signals[unit_of[r]]);
         const std::string header_path = data_path.substr(0, data_path.size() - 6) + "hdr";
         stage.files.emplace_back(temporary_name(data_path, ""), data_path);
         write_bytes(stage.files.back().first, data.data(), data.size() * sizeof(float));
-        const std::string text = native_header_text(signal_header(g.first, w.dof));
+        const std::string text = native_header_text(signal_header(g.first, dof));
         stage.files.emplace_back(temporary_name(header_path, ""), header_path);
         write_bytes(stage.files.back().first, text.data(), text.size());
     }
@@ -324,7 +345,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     err << unit_error_warning(unit_error_lines, rows.size())
         << unoriented_warning(unoriented_files);
 
-    // geometry.json: the exact grid, where everything came from.
+    // geometry.json: the exact grid, the model, where everything came from.
     nlohmann::json j;
     j["program"] = "fmri-rem-import";
     j["version"] = version();
@@ -338,17 +359,16 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     j["analysis"] = "analysis.rem";
     j["table"] = full_path(o.table);
     j["mask"] = o.mask.empty() ? nlohmann::json() : nlohmann::json(full_path(o.mask));
-    for (const auto &gr : groups) {
-        size_t count = 0;
-        for (const row &w : rows) count += w.event == gr.second;
-        j["groups"].push_back(
-            {{"group", gr.first}, {"event", std::string(1, gr.second)}, {"files", count}});
-    }
+    for (const model_column &c : model.columns)
+        j["model"].push_back(
+            {{"name", c.name}, {"event", std::string(1, c.event)}, {"values", c.values}});
+    if (!o.paired.empty()) j["paired"] = {pairs.first, pairs.second};
     for (const row &w : rows) {
-        nlohmann::json s = {{"signal", w.signal},
+        const size_t u = unit_of[&w - rows.data()];
+        if (u == units.size()) continue;  // a row left out of the pairs
+        nlohmann::json s = {{"signal", signals[u]},
                             {"table_line", w.line},
                             {"group", w.group},
-                            {"event", std::string(1, w.event)},
                             {"effect", full_path(w.effect)},
                             {"error", full_path(w.error)},
                             {"error_kind", kind_name(w.kind)},
@@ -364,31 +384,6 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         j["sources"].push_back(s);
     }
 
-    // The analysis file: events in order of first appearance.
-    char number[64];
-    std::string rem =
-        "# Written by fmri-rem-import " + std::string(version()) + " from " + o.table + "\n";
-    std::snprintf(number, sizeof number, "smoothing %.9g %.9g\n", o.prior_smoothing,
-                  o.ratio_smoothing);
-    rem += number;
-    rem += "conditions " + o.conditions + "\n";
-    rem += "multiple-comparisons " + std::to_string(o.multiple_comparisons) + "\n";
-    // Weights only when some row gives one (the others then weigh 1).
-    bool weights = false;
-    for (const row &w : rows) weights = weights || w.weight != 1.0;
-    for (const auto &gr : groups) {
-        rem += "event " + std::string(1, gr.second) + "  # " + gr.first + "\n";
-        for (const row &w : rows) {
-            if (w.event != gr.second) continue;
-            rem += w.signal;
-            if (weights) {
-                std::snprintf(number, sizeof number, " %.9g", w.weight);
-                rem += number;
-            }
-            rem += "\n";
-        }
-    }
-
     stage.commit();
     write_text_atomic(join_path(o.out_dir, "geometry.json"), j.dump(2) + "\n");
     write_text_atomic(join_path(o.out_dir, "analysis.rem"), rem);
@@ -397,18 +392,18 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     for (size_t i = 0; i < missing.size(); ++i) {
         if (!mask.empty() && mask[i] == 0.0)
             ++outside;
-        else if (missing[i] == rows.size())
+        else if (missing[i] == order.size())
             ++empty;
         else if (missing[i] > 0)
             ++lost;
     }
-    bool named = false;
-    for (const auto &gr : groups) named = named || gr.first != std::string(1, gr.second);
-    if (named) out << "Groups: " << describe_groups(groups) << "\n";
-    out << "Read " << rows.size() << " rows: " << g.first.dims[0] << " x " << g.first.dims[1]
-        << " x " << g.first.dims[2] << " voxels; " << missing.size() - lost - empty - outside
-        << " complete in every subject, " << lost << " lost to a missing value in some subject, "
-        << empty << " without a value in any";
+    print_summary(o, model, conditions, pairs, out);
+    out << "Read " << order.size() << " rows";
+    if (!o.paired.empty()) out << " into " << units.size() << " differences";
+    out << ": " << g.first.dims[0] << " x " << g.first.dims[1] << " x " << g.first.dims[2]
+        << " voxels; " << missing.size() - lost - empty - outside << " complete in every subject, "
+        << lost << " lost to a missing value in some subject, " << empty
+        << " without a value in any";
     if (!mask.empty()) out << ", " << outside << " outside the mask";
     out << ".\n";
     std::vector<std::pair<int, double>> rounded;
@@ -416,7 +411,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         if (w.dof_value != w.dof) rounded.emplace_back(w.line, w.dof_value);
     out << rounded_dof_note(rounded) << analyze_note(analyze_files);
     out << "Wrote " << join_path(o.out_dir, "analysis.rem") << ", "
-        << join_path(o.out_dir, "geometry.json") << " and " << rows.size() << " signal files in "
+        << join_path(o.out_dir, "geometry.json") << " and " << units.size() << " signal files in "
         << join_path(o.out_dir, "signal/") << ".\n";
     out << "Next:\n  cd " << o.out_dir << " && fmri-rem analysis.rem\n  fmri-rem-export\n";
 }
