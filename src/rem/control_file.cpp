@@ -271,6 +271,7 @@ void reset_records() {
     REM_input.overlapping_events = 0;
     REM_input.conditions[0] = '\0';
     REM_input.reml_method = REM_REML_CLASSIC;
+    REM_input.smoothness_method = REM_SMOOTHNESS_STATED;
 
     REM.initialized = 0;
     REM.nfiles = 0;
@@ -341,6 +342,19 @@ int REMInternal_decode_keyword(const char *line) {
             REM_input.reml_method = REM_REML_CONVERGED;
         } else {
             printf("Error: `reml' requires one argument: classic or converged.\n");
+            return -1;
+        }
+        return 0;
+    }
+    if (strcmp(word, "smoothness") == 0) {
+        char how[kLineLength];
+        const bool one_word = count_words(rest) == 1 && read_word(rest, how) != nullptr;
+        if (one_word && strcmp(how, "stated") == 0) {
+            REM_input.smoothness_method = REM_SMOOTHNESS_STATED;
+        } else if (one_word && strcmp(how, "estimated") == 0) {
+            REM_input.smoothness_method = REM_SMOOTHNESS_ESTIMATED;
+        } else {
+            printf("Error: `smoothness' requires one argument: stated or estimated.\n");
             return -1;
         }
         return 0;
