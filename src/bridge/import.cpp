@@ -387,6 +387,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     rem += number;
     rem += "conditions " + o.conditions + "\n";
     rem += "multiple-comparisons " + std::to_string(o.multiple_comparisons) + "\n";
+    rem += "smoothness estimated\n";  // degrees of freedom from the data's own smoothness
     // Weights only when some row gives one (the others then weigh 1).
     bool weights = false;
     for (const row &w : rows) weights = weights || w.weight != 1.0;
