@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "rem.h"
@@ -26,46 +27,44 @@ namespace {
 // few enough that the memory stays that of a few volumes.
 const int kMaxMaps = 20;
 
-// Residual-forming matrix I - X (X'X)^-1 X' of the n x k design, row-major
-// n x n; false when X'X cannot be inverted.
-bool residual_forming(const rem_model_view &model, std::vector<double> *r) {
+// Least-squares estimator (X'X)^-1 X' of the n x k design, row-major k x n;
+// false when X'X cannot be inverted.
+bool least_squares_estimator(const rem_model_view &model, std::vector<double> *estimator) {
     const int n = model.nfiles;
     const int k = model.nbasis;
     // a = [X'X | I], reduced by Gauss-Jordan elimination with partial pivoting.
-    std::vector<double> a(static_cast<size_t>(k) * 2 * k, 0.0);
+    const int w = 2 * k;
+    std::vector<double> a(static_cast<size_t>(k) * w, 0.0);
     for (int i = 0; i < k; ++i) {
         for (int j = 0; j < k; ++j) {
             double s = 0.0;
             for (int f = 0; f < n; ++f)
                 s += static_cast<double>(model.design[f][i]) * model.design[f][j];
-            a[i * 2 * k + j] = s;
+            a[i * w + j] = s;
         }
-        a[i * 2 * k + k + i] = 1.0;
+        a[i * w + k + i] = 1.0;
     }
     for (int c = 0; c < k; ++c) {
         int pivot = c;
         for (int i = c + 1; i < k; ++i)
-            if (std::fabs(a[i * 2 * k + c]) > std::fabs(a[pivot * 2 * k + c])) pivot = i;
-        if (!(std::fabs(a[pivot * 2 * k + c]) > 1e-12)) return false;
-        for (int j = 0; j < 2 * k; ++j) std::swap(a[c * 2 * k + j], a[pivot * 2 * k + j]);
-        const double p = a[c * 2 * k + c];
-        for (int j = 0; j < 2 * k; ++j) a[c * 2 * k + j] /= p;
+            if (std::fabs(a[i * w + c]) > std::fabs(a[pivot * w + c])) pivot = i;
+        if (!(std::fabs(a[pivot * w + c]) > 1e-12)) return false;
+        for (int j = 0; j < w; ++j) std::swap(a[c * w + j], a[pivot * w + j]);
+        const double p = a[c * w + c];
+        for (int j = 0; j < w; ++j) a[c * w + j] /= p;
         for (int i = 0; i < k; ++i) {
             if (i == c) continue;
-            const double m = a[i * 2 * k + c];
-            for (int j = 0; j < 2 * k; ++j) a[i * 2 * k + j] -= m * a[c * 2 * k + j];
+            const double m = a[i * w + c];
+            for (int j = 0; j < w; ++j) a[i * w + j] -= m * a[c * w + j];
         }
     }
-    r->assign(static_cast<size_t>(n) * n, 0.0);
-    for (int f = 0; f < n; ++f) {
-        for (int g = 0; g < n; ++g) {
-            double h = 0.0;
-            for (int i = 0; i < k; ++i)
-                for (int j = 0; j < k; ++j)
-                    h += model.design[f][i] * a[i * 2 * k + k + j] * model.design[g][j];
-            (*r)[static_cast<size_t>(f) * n + g] = (f == g ? 1.0 : 0.0) - h;
+    estimator->assign(static_cast<size_t>(k) * n, 0.0);
+    for (int i = 0; i < k; ++i)
+        for (int f = 0; f < n; ++f) {
+            double s = 0.0;
+            for (int j = 0; j < k; ++j) s += a[i * w + k + j] * model.design[f][j];
+            (*estimator)[static_cast<size_t>(i) * n + f] = s;
         }
-    }
     return true;
 }
 
@@ -84,6 +83,7 @@ int neighbour_correlations(const float *const *maps, int nmaps, const unsigned c
     int pairs = 0;
     for (int a = 0; a < 3; ++a) {
         double squares = 0.0, differences = 0.0;
+        const int before = pairs;
         for (int z = 0; z < nz; ++z)
             for (int y = 0; y < ny; ++y)
                 for (int x = 0; x < nx; ++x) {
@@ -99,7 +99,12 @@ int neighbour_correlations(const float *const *maps, int nmaps, const unsigned c
                         differences += (v - u) * (v - u);
                     }
                 }
-        correlation[a] = squares > 0.0 ? 1.0 - differences / (2.0 * squares) : 0.0;
+        // An axis without pairs (a single slice) is taken as perfectly smooth:
+        // the smoothing averages nothing along it.
+        if (pairs == before)
+            correlation[a] = 1.0;
+        else
+            correlation[a] = squares > 0.0 ? 1.0 - differences / (2.0 * squares) : 0.0;
     }
     return pairs;
 }
@@ -108,8 +113,8 @@ int estimate_residual_smoothness(double fwhm[3], int *maps_used) {
     const rem_model_view model = rem_current_model();
     const int n = model.nfiles;
     const int k = model.nbasis;
-    std::vector<double> r;
-    if (n - k < 1 || !residual_forming(model, &r)) {
+    std::vector<double> estimator;
+    if (n - k < 1 || !least_squares_estimator(model, &estimator)) {
         std::printf("Error: the smoothness cannot be estimated: the design leaves no residuals.\n");
         return 1;
     }
@@ -128,7 +133,8 @@ int estimate_residual_smoothness(double fwhm[3], int *maps_used) {
     std::vector<unsigned char> inside(static_cast<size_t>(nvoxels), 0);
 
     signal_chunks values(entries.data(), n);
-    std::vector<double> y(static_cast<size_t>(n)), e(static_cast<size_t>(n));
+    std::vector<double> y(static_cast<size_t>(n)), e(static_cast<size_t>(n)),
+        beta(static_cast<size_t>(k));
     const int chunk = values.chunk_voxels();
     for (int c0 = 0; c0 < nvoxels; c0 += chunk) {
         const int count = nvoxels - c0 < chunk ? nvoxels - c0 : chunk;
@@ -141,10 +147,15 @@ int estimate_residual_smoothness(double fwhm[3], int *maps_used) {
                 usable = std::isfinite(y[f]) && std::isfinite(error) && error != 0.0f;
             }
             if (!usable) continue;
+            for (int j = 0; j < k; ++j) {
+                double s = 0.0;
+                for (int f = 0; f < n; ++f) s += estimator[static_cast<size_t>(j) * n + f] * y[f];
+                beta[j] = s;
+            }
             double rss = 0.0;
             for (int f = 0; f < n; ++f) {
-                double s = 0.0;
-                for (int g = 0; g < n; ++g) s += r[static_cast<size_t>(f) * n + g] * y[g];
+                double s = y[f];
+                for (int j = 0; j < k; ++j) s -= model.design[f][j] * beta[j];
                 e[f] = s;
                 rss += s * s;
             }

@@ -12,7 +12,8 @@ int estimate_residual_smoothness(double fwhm[3], int *maps_used);
 
 // Correlation of neighbouring values along x, y and z, pooled over the maps
 // (each nx*ny*nz, x fastest) and over the pairs of voxels that are both
-// inside; returns the number of such pairs over the three axes.
+// inside (1 along an axis without such pairs); returns the number of pairs
+// over the three axes.
 int neighbour_correlations(const float *const *maps, int nmaps, const unsigned char *inside, int nx,
                            int ny, int nz, double correlation[3]);
 

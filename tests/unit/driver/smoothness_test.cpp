@@ -82,9 +82,10 @@ TEST(Smoothness, GaussianNoiseOfKnownWidth) {
         const double fwhm = fwhm_from_neighbour_correlation(correlation[a], voxel[a]);
         EXPECT_NEAR(fwhm / (width[a] * voxel[a]), 1.0, 0.04);
     }
-    // Nothing inside: no pairs.
+    // Nothing inside: no pairs, and an axis without pairs counts as smooth.
     std::vector<unsigned char> none(size, 0);
     EXPECT_EQ(neighbour_correlations(pointers, 3, none.data(), n[0], n[1], n[2], correlation), 0);
+    for (double c : correlation) EXPECT_EQ(c, 1.0);
 }
 
 // With the estimate equal to the stated smoothing p on isotropic voxels d the
