@@ -98,3 +98,37 @@ TEST(SmoothnessEstimated, PrintsTheWidthAndItsDegreesOfFreedom) {
         }
     }
 }
+
+// Where no smoothness can be estimated the run ends after one error line:
+// one file per event leaves no residuals; data only on a checkerboard leave
+// no two neighbouring voxels with data.
+TEST(SmoothnessEstimated, RefusedWithoutResidualsOrNeighbours) {
+    struct Case {
+        int per_event;
+        bool checkerboard;
+        const char *message;
+    };
+    const Case cases[] = {
+        {1, false, "Error: the smoothness cannot be estimated: the design leaves no residuals.\n"},
+        {3, true,
+         "Error: the smoothness cannot be estimated: no two neighbouring voxels hold data in "
+         "every file.\n"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.message);
+        test_support::TempDir dir;
+        e2e::study s;
+        s.add_group('a', c.per_event, 1.0f, 20, 5);
+        s.add_group('b', c.per_event, 0.0f, 20, 6);
+        if (c.checkerboard)
+            for (int i = 0; i < s.g.voxels(); ++i)
+                if ((i % 10 + i / 10 % 5 + i / 50) % 2) s.files[0].error[i] = 0.0f;
+        s.extra_header = "smoothness estimated\n";
+        s.write(dir.path());
+        auto result = test_support::run_fmri_rem({"study.rem"}, dir.path());
+        EXPECT_EQ(result.status, 1);
+        ASSERT_GE(result.out.size(), std::string(c.message).size());
+        EXPECT_EQ(result.out.substr(result.out.size() - std::string(c.message).size()), c.message)
+            << result.out;
+    }
+}
