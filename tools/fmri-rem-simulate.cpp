@@ -8,8 +8,11 @@
 //   subject effect   b_j(v) = mu_g(v) + sd_between(v) * u_j(v)
 //   observed effect  y_j(v) = b_j(v) + s_j(v) * e_j(v)
 // with mu_g a sum of Gaussian blobs, u_j and e_j smooth Gaussian noise
-// fields of unit variance, and s_j(v) the subject's standard error, which is
-// written as the second frame.  The output depends only on the options and
+// fields of unit variance (e_j as smooth as the stated first-level
+// smoothing, u_j as --between-fwhm says), and s_j(v) the subject's standard
+// error, which is written as the second frame: a factor per subject times a
+// trend along y, times exp(S w_j(v)) for a smooth field w_j with
+// --error-spread S.  The output depends only on the options and
 // the seed: the generator is our own (splitmix64 with Box-Muller).
 #include <sys/stat.h>
 
