@@ -1,6 +1,7 @@
 # Front door: `make example` analyses the bundled example study,
 # `make check` builds with sanitizers and runs the whole test suite, `make bench`
-# times the voxel passes, `make calibrate` measures the p values on null studies,
+# times the voxel passes, `make calibrate` measures the p values on null studies
+# (`make calibrate-smooth` those of the ratio smoothing on smoother ones),
 # `make fuzz` runs each fuzzing harness for FUZZ_SECONDS.
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
@@ -11,7 +12,7 @@ PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary fmri-rem-import fmri-rem-
            fmri-rem-report
 MAKEFLAGS += --no-print-directory
 
-.PHONY: setup build example check bench calibrate fuzz clean
+.PHONY: setup build example check bench calibrate calibrate-smooth fuzz clean
 
 setup:
 	@bash scripts/setup.sh
@@ -44,6 +45,12 @@ bench: build
 # "reml classic" and "reml converged" (a few minutes).
 calibrate: build
 	@bash scripts/calibrate.sh $(BUILD)
+
+# The same for the ratio smoothing on null studies whose subject deviations
+# are smoother than the stated first-level smoothing, with the degrees of
+# freedom from the stated and from the estimated smoothness (several minutes).
+calibrate-smooth: build
+	@bash scripts/calibrate-smooth.sh $(BUILD)
 
 # Each libFuzzer harness of fuzz/ for FUZZ_SECONDS seconds (clang, ASan, UBSan).
 fuzz: setup

@@ -47,6 +47,14 @@ int main(int argc, char **argv) {
                    "(converged is the import's default; fmri-rem's own default is classic)")
         ->check(CLI::IsMember({"classic", "converged"}))
         ->capture_default_str();
+    std::string smoothness = "estimated";
+    app.add_option("--smoothness", smoothness,
+                   "how the degrees of freedom of the smoothed variance ratio are found, written "
+                   "into the analysis file: estimated from the data's own smoothness (the "
+                   "import's default) or stated (from the first smoothing width; fmri-rem's own "
+                   "default)")
+        ->check(CLI::IsMember({"stated", "estimated"}))
+        ->capture_default_str();
     app.add_option("-s,--smoothing", smoothing,
                    "FWHM in mm of the first-level smoothing and of the variance-ratio smoothing")
         ->expected(2)
@@ -81,6 +89,7 @@ int main(int argc, char **argv) {
     if (const int status = parse_companion_command_line(app, argc, argv); status >= 0)
         return status;
     o.converged = reml == "converged";
+    o.smoothness_estimated = smoothness == "estimated";
     o.prior_smoothing = smoothing[0];
     o.ratio_smoothing = smoothing[1];
     o.progress = isatty(2) != 0;

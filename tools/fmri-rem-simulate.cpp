@@ -8,8 +8,11 @@
 //   subject effect   b_j(v) = mu_g(v) + sd_between(v) * u_j(v)
 //   observed effect  y_j(v) = b_j(v) + s_j(v) * e_j(v)
 // with mu_g a sum of Gaussian blobs, u_j and e_j smooth Gaussian noise
-// fields of unit variance, and s_j(v) the subject's standard error, which is
-// written as the second frame.  The output depends only on the options and
+// fields of unit variance (e_j as smooth as the stated first-level
+// smoothing, u_j as --between-fwhm says), and s_j(v) the subject's standard
+// error, which is written as the second frame: a factor per subject times a
+// trend along y, times exp(S w_j(v)) for a smooth field w_j with
+// --error-spread S.  The output depends only on the options and
 // the seed: the generator is our own (splitmix64 with Box-Muller).
 #include <sys/stat.h>
 
@@ -41,6 +44,12 @@ struct options {
     bool null_study = false;  // no group effects at all
     bool mask = true;         // zero outside an ellipsoidal "brain"
     bool uniform = false;     // between and within variance the same everywhere
+    // Smoothness of the subjects' deviations from their group effect, mm
+    // (negative: that of the single-subject maps).
+    float between_fwhm = -1.0f;
+    // Spread of each subject's own smooth map of standard-error factors
+    // (log scale; 0 keeps one factor per subject and the trend along y).
+    float error_spread = 0.0f;
 };
 
 // splitmix64 with Box-Muller normal deviates.
@@ -93,7 +102,10 @@ const char *kUsage =
     "  --prefix P          text put before each file name in the analysis file\n"
     "  --null              no group effects\n"
     "  --no-mask           data everywhere (no zero voxels outside the brain)\n"
-    "  --uniform           the same variances at every voxel\n";
+    "  --uniform           the same variances at every voxel\n"
+    "  --between-fwhm MM   smoothness of the subjects' deviations (default: first --smoothing)\n"
+    "  --error-spread S    each subject's standard error also varies over space, a smooth\n"
+    "                      (20 mm) log-normal factor of spread S (default 0)\n";
 
 bool parse_int(const char *text, long low, long high, int *value) {
     char *end = nullptr;
@@ -150,6 +162,10 @@ int parse_options(int argc, char **argv, options *o) {
             ok = parse_float(argv[++a], -1e6f, &o->effect);
         } else if (w == "--dof" && need(1)) {
             ok = parse_int(argv[++a], 1, 1000000, &o->dof);
+        } else if (w == "--between-fwhm" && need(1)) {
+            ok = parse_float(argv[++a], 0.0f, &o->between_fwhm);
+        } else if (w == "--error-spread" && need(1)) {
+            ok = parse_float(argv[++a], 0.0f, &o->error_spread);
         } else if (w == "--null") {
             o->null_study = true;
         } else if (w == "--no-mask") {
@@ -371,8 +387,11 @@ int main(int argc, char **argv) {
             double scale = 0.7 + 0.6 * rng.uniform();  // this subject's noise level
             int dof = o.dof + static_cast<int>(std::floor((rng.uniform() - 0.5) * 0.4 * o.dof));
             if (dof < 1) dof = 1;
-            std::vector<float> u = noise_field(rng, v, o.prior_fwhm, o.voxel);
+            const float between_fwhm = o.between_fwhm < 0.0f ? o.prior_fwhm : o.between_fwhm;
+            std::vector<float> u = noise_field(rng, v, between_fwhm, o.voxel);
             std::vector<float> e = noise_field(rng, v, o.prior_fwhm, o.voxel);
+            std::vector<float> spread;
+            if (o.error_spread > 0.0f) spread = noise_field(rng, v, 20.0f, o.voxel);
             std::vector<float> effect(n), stderr_frame(n);
             for (size_t i = 0; i < n; ++i) {
                 if (!inside[i]) {
@@ -381,6 +400,7 @@ int main(int argc, char **argv) {
                     continue;
                 }
                 double se = o.within * scale * within_shape[i];
+                if (!spread.empty()) se *= std::exp(o.error_spread * spread[i]);
                 double b = mu[g][i] + sd_between[i] * u[i];
                 effect[i] = static_cast<float>(b + se * e[i]);
                 stderr_frame[i] = static_cast<float>(se);

@@ -27,6 +27,8 @@ std::string analysis_text(const analysis_header &h, const study_model &m,
     for (const condition_text &c : conditions) rem += " " + c.events;
     rem += "\nmultiple-comparisons " + std::to_string(h.multiple_comparisons) + "\n";
     rem += std::string("reml ") + (h.converged ? "converged" : "classic") + "\n";
+    // degrees of freedom of the smoothed ratio from the data's own smoothness
+    rem += std::string("smoothness ") + (h.smoothness_estimated ? "estimated" : "stated") + "\n";
     for (const model_column &c : m.columns)
         rem += line("# event " + std::string(1, c.event) + " = " + c.name);
     for (const condition_text &c : conditions)

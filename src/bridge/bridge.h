@@ -75,6 +75,9 @@ struct import_options {
     std::string design_matrix;
     std::string paired;     // "post-pre": one signal file per participant, post minus pre
     bool converged = true;  // "reml converged" (else "reml classic")
+    // "smoothness estimated": the smoothed ratio's degrees of freedom from the
+    // data's own smoothness (else "smoothness stated": from the first smoothing)
+    bool smoothness_estimated = true;
 };
 
 // fmri-rem-export: the result volumes of results_dir to NIfTI maps in out_dir

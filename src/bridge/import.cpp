@@ -198,6 +198,11 @@ void print_summary(const import_options &o, const study_model &m,
     out << "REML: " << (o.converged ? "converged" : "classic")
         << (o.converged ? " (the import's default; --reml classic for the classic estimate)\n"
                         : "\n");
+    out << "Smoothness: " << (o.smoothness_estimated ? "estimated" : "stated")
+        << (o.smoothness_estimated
+                ? " (the import's default: the smoothed variance ratio's degrees of freedom follow "
+                  "from the smoothness of the data; --smoothness stated for the classic formula)\n"
+                : "\n");
 }
 
 // The second session taken from the first: effect a - b, standard error
@@ -266,6 +271,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     h.ratio_smoothing = o.ratio_smoothing;
     h.multiple_comparisons = o.multiple_comparisons;
     h.converged = o.converged;
+    h.smoothness_estimated = o.smoothness_estimated;
     const std::string rem = analysis_text(h, model, conditions, signals, weights);
 
     // Rows in the order of their signal files (a pair's first session, then its second).

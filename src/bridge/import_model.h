@@ -90,6 +90,7 @@ struct analysis_header {
     double prior_smoothing = 0, ratio_smoothing = 0;
     int multiple_comparisons = 0;
     bool converged = true;
+    bool smoothness_estimated = true;
 };
 
 // The analysis file: groups alone as event lines (with a weight per file when

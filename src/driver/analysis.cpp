@@ -11,6 +11,7 @@
 #include "driver.h"
 #include "io.h"
 #include "rem.h"
+#include "smoothness.h"
 #include "voxel_passes.h"
 #include "util.h"
 
@@ -30,9 +31,48 @@ int count_files() {
     return count;
 }
 
+// With "smoothness estimated": the smoothness of the data is estimated from
+// its residuals and the smoothed degrees of freedom follow from it.  Prints
+// the estimate and the three lines of compute_effective_dof.
+int estimated_effective_dof(int *dof) {
+    // The estimate fits the design: one that cannot be estimated ends the run
+    // here as it would before the voxel passes.
+    if (REM_check_design() != 0) std::exit(1);
+    double fwhm[3];
+    int maps = 0;
+    if (estimate_residual_smoothness(fwhm, &maps) != 0) std::exit(1);
+    const float *d = file_list_root.resolution;
+    const double f = REM_input.ratio_smoothing;
+    double volume = 1.0;
+    for (int a = 0; a < 3; ++a)
+        volume *= std::sqrt(fwhm[a] * fwhm[a] + static_cast<double>(d[a]) * d[a]);
+    int64_t fixed_dof = 0;
+    for (const file_list_entry *e = &file_list_root; e != nullptr; e = e->next) fixed_dof += e->dof;
+    const int random_dof = REM_get_DOF();
+    const double boost = smoothed_dof_boost(fwhm, d, f);
+    const double combined =
+        1.0 / (1.0 / (random_dof * boost) + 1.0 / static_cast<double>(fixed_dof));
+    const double rounded = std::rint(combined);
+    if (!(rounded >= -2147483648.0 && rounded <= 2147483647.0)) {
+        std::printf("Error: the smoothed degrees of freedom (%g) are out of range.\n", combined);
+        std::exit(1);
+    }
+    *dof = static_cast<int>(rounded);
+    std::printf(
+        "Estimated smoothness (FWHM)       = %.2f x %.2f x %.2f mm, from %d residual maps\n",
+        fwhm[0], fwhm[1], fwhm[2], maps);
+    std::printf("Effective isotropic resolution    = %4.2f mm\n", std::cbrt(volume));
+    std::printf("Smoothing FWHM for variance ratio = %g mm\n", f);
+    return std::printf("Degrees of freedom: fixed = %lld, random = %d, smoothed = %d\n",
+                       static_cast<long long>(fixed_dof), random_dof, *dof);
+}
+
 }  // namespace
 
 int compute_effective_dof(int *dof) {
+    if (REM_input.smoothness_method == REM_SMOOTHNESS_ESTIMATED)
+        return estimated_effective_dof(dof);
+
     const float p = REM_input.prior_smoothing;
     const float f = REM_input.ratio_smoothing;
     const float dx = file_list_root.resolution[0];

@@ -277,6 +277,20 @@ int regularize_random_effects(void) {
     }
     std::printf("\nsmoothing variance ratio\n");
     smooth_or_sharpen_isotropic(0, REM_input.ratio_smoothing, &stack);
+    if (REM_input.smoothness_method == REM_SMOOTHNESS_ESTIMATED) {
+        // Smoothed over the analysed voxels only: the ratio is divided by the
+        // smoothed share of analysed voxels around each voxel, so that the
+        // zeros outside do not pull it down near the edge of the data.
+        data_stack share;
+        create_simple_data_stack(&share, stack.nx, stack.ny, stack.nz, 1, stack.resolution[0],
+                                 stack.resolution[1], stack.resolution[2], 0);
+        float *weight = static_cast<float *>(share.data);
+        for (int i = 0; i < nvoxels; ++i) weight[i] = Sigma2_FE_map[i] != 0.0f ? 1.0f : 0.0f;
+        smooth_or_sharpen_isotropic(0, REM_input.ratio_smoothing, &share);
+        for (int i = 0; i < nvoxels; ++i)
+            if (Sigma2_FE_map[i] != 0.0f && weight[i] > 0.0f) ratio[i] /= weight[i];
+        free_float_vector(weight);
+    }
     for (int i = 0; i < nvoxels; ++i) {
         float fe = Sigma2_FE_map[i];
         Sigma2_RE_map[i] = std::fabs(ratio[i] * fe - fe);

@@ -231,6 +231,7 @@ void reset_records() {
     REM_input.conditions[0] = '\0';
     REM_input.reml_method = REM_REML_CLASSIC;
     REM_input.design_layout = 0;
+    REM_input.smoothness_method = REM_SMOOTHNESS_STATED;
 
     REM.initialized = 0;
     REM.nfiles = 0;
@@ -302,6 +303,19 @@ int REMInternal_decode_keyword(const char *line) {
         return 0;
     }
     if (strcmp(word, "design") == 0) return REMInternal_decode_design_line(rest);
+    if (strcmp(word, "smoothness") == 0) {
+        char how[kLineLength];
+        const bool one_word = count_words(rest) == 1 && read_word(rest, how) != nullptr;
+        if (one_word && strcmp(how, "stated") == 0) {
+            REM_input.smoothness_method = REM_SMOOTHNESS_STATED;
+        } else if (one_word && strcmp(how, "estimated") == 0) {
+            REM_input.smoothness_method = REM_SMOOTHNESS_ESTIMATED;
+        } else {
+            printf("Error: `smoothness' requires one argument: stated or estimated.\n");
+            return -1;
+        }
+        return 0;
+    }
     if (is_event_word(word)) {
         if (!read_event_character(
                 rest,

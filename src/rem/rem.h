@@ -31,7 +31,16 @@ typedef struct {
     char conditions[REM_NAME_LENGTH];
     int reml_method;   /* header line "reml": REM_REML_CLASSIC (default) or REM_REML_CONVERGED */
     int design_layout; /* 1 after a "design" header line: the files carry the design's values */
+    /* header line "smoothness": REM_SMOOTHNESS_STATED (default) or REM_SMOOTHNESS_ESTIMATED */
+    int smoothness_method;
 } rem_input;
+
+/* Stated: the smoothed degrees of freedom follow from the first smoothing
+   width and the voxel size.  Estimated: from the smoothness of the
+   standardised residuals, and the ratio is smoothed over the analysed
+   voxels only. */
+#define REM_SMOOTHNESS_STATED 0
+#define REM_SMOOTHNESS_ESTIMATED 1
 
 #define REM_REML_CLASSIC 0
 #define REM_REML_CONVERGED 1

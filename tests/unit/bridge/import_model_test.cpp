@@ -164,13 +164,13 @@ TEST(ImportModel, AnalysisFileText) {
     const std::vector<std::string> signals = {"signal/s1.bfloat", "signal/s2.bfloat",
                                               "signal/s3.bfloat", "signal/s4.bfloat",
                                               "signal/s5.bfloat", "signal/s6.bfloat"};
-    bridge::analysis_header h{"t.tsv", 6, 8.5, 40, false};
+    bridge::analysis_header h{"t.tsv", 6, 8.5, 40, false, false};
     const std::string head = std::string("# Written by fmri-rem-import ") + bridge::version() +
                              " from t.tsv\nsmoothing 6 8.5\n";
     EXPECT_EQ(bridge::analysis_text(h, m, bridge::translate_conditions("p patients-controls", m),
                                     signals, {1, 2, 1, 1, 1, 3}),
               head +
-                  "conditions p p-c\nmultiple-comparisons 40\nreml classic\n"
+                  "conditions p p-c\nmultiple-comparisons 40\nreml classic\nsmoothness stated\n"
                   "# event p = patients\n# event c = controls\n"
                   "# condition p-c = patients-controls\n"
                   "event p  # patients\nsignal/s1.bfloat 1\nsignal/s2.bfloat 2\n"
@@ -178,10 +178,12 @@ TEST(ImportModel, AnalysisFileText) {
                   "signal/s5.bfloat 1\nsignal/s6.bfloat 3\n");
     m = bridge::build_model(kStudy, bridge::single_rows(kStudy), {{"age"}, {}, "", true});
     h.converged = true;
+    h.smoothness_estimated = true;
     EXPECT_EQ(bridge::analysis_text(
                   h, m, bridge::translate_conditions("0.5*patients+0.5*controls", m), signals, {}),
               head +
-                  "conditions 0.5*p+0.5*c\nmultiple-comparisons 40\nreml converged\n"
+                  "conditions 0.5*p+0.5*c\nmultiple-comparisons 40\nreml converged\nsmoothness "
+                  "estimated\n"
                   "# event p = patients\n# event c = controls\n# event a = age\n"
                   "# condition 0.5*p+0.5*c = 0.5*patients+0.5*controls\n"
                   "# age: centred on its mean 34\n"

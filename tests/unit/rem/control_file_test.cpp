@@ -74,6 +74,7 @@ Outcome read_text(const std::string &text) {
 TEST(ControlFile, ListedLayout) {
     Outcome o = read_text(
         "# two groups\nmultiple-comparisons 12\nreml classic\nreml converged\n\nsmooth 0.5 1.5\n"
+        "smoothness stated\nsmoothness  estimated # from the data\n"
         "conditions p c\tp-c # the tests\n"
         "event p ramp\na.bfloat 0.5\nconditions  # not a keyword any more\n   \n"
         "event q\nsubjects c anything\nc.bfloat\n");
@@ -89,6 +90,7 @@ TEST(ControlFile, ListedLayout) {
     EXPECT_STREQ(REM_input.conditions, "p c\tp-c ");
     EXPECT_EQ(REM_input.weights_given, 1);
     EXPECT_EQ(REM_input.reml_method, REM_REML_CONVERGED);
+    EXPECT_EQ(REM_input.smoothness_method, REM_SMOOTHNESS_ESTIMATED);
     EXPECT_EQ(REM.initialized, 1);
     EXPECT_EQ(REM.design[0][0], 2.0f / 3.0f);  // weight 0.5 over the mean weight 0.75
 }
@@ -112,7 +114,8 @@ TEST(ControlFile, OverlappingLayout) {
               "file[2] = c.bfloat , magnitude = 1\nfile[3] = d.bfloat , magnitude = 1\n");
     EXPECT_EQ(REM_input.weights_given, 0);
     EXPECT_EQ(REM_input.reml_method, REM_REML_CLASSIC);  // without the line
-    EXPECT_EQ(REM.design[0][1], -1.5f);                  // weight 2 over the mean weight 4/3
+    EXPECT_EQ(REM_input.smoothness_method, REM_SMOOTHNESS_STATED);
+    EXPECT_EQ(REM.design[0][1], -1.5f);  // weight 2 over the mean weight 4/3
 }
 
 // A file without any event line ends with one event numbered 0, which has no
@@ -144,6 +147,8 @@ TEST(ControlFile, EventsWithoutCharacterEndTheRun) {
 // is read.
 TEST(ControlFile, RefusalsAndCapacities) {
     const std::string kReml = "Error: `reml' requires one argument: classic or converged.\n";
+    const std::string kSmoothness =
+        "Error: `smoothness' requires one argument: stated or estimated.\n";
     const struct {
         std::string text, out;
         int header_line = 0;
@@ -166,6 +171,10 @@ TEST(ControlFile, RefusalsAndCapacities) {
         {"reml # converged\n", kReml, 1},
         {"reml Converged\n", kReml, 1},
         {"reml converged classic\n", kReml, 1},
+        {"smoothness\n", kSmoothness, 1},
+        {"smooth 1 2\nsmoothness Estimated\n", kSmoothness, 2},
+        {"smoothness estimated stated\n", kSmoothness, 1},
+        {"smoothness # estimated\n", kSmoothness, 1},
         {"event 0\na\n", "Error: event 0 is not an allowed event character.\n", 1},
         {"smooth 1 2\nevent # p\n",
          "Error: 'subjects' or 'sessions' or 'events' requires a character argument.\n", 2},
