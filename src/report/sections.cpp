@@ -26,7 +26,7 @@ std::string cluster_table(const condition_maps &c) {
     if (c.clusters.empty()) return "<p><strong>No cluster passes the threshold.</strong></p>\n";
     std::string h =
         "<table><tr><th>Cluster</th><th>Sign</th><th>Voxels</th><th>Volume (mm&sup3;)</th>"
-        "<th>Peak x, y, z (mm)</th><th>Voxel i, j, k</th><th>T</th><th>P = &minus;log<sub>10</sub>"
+        "<th>Peak x, y, z (mm)</th><th>Voxel i, j, k</th><th>T</th><th>&minus;log<sub>10</sub>"
         " p</th></tr>\n";
     for (size_t k = 0; k < c.clusters.size() && k < kMostClusters; ++k) {
         const cluster &cl = c.clusters[k];
@@ -79,40 +79,49 @@ std::string condition_section(const options &o, const results &r, const conditio
     for (const cluster &cl : c.clusters) (cl.sign > 0 ? npos : nneg) += 1;
 
     std::string h = "<h2 id=\"c-" + html_escape(c.label) + "\">Condition <code>" +
-                    html_escape(c.name) + "</code></h2>\n";
+                    html_escape(c.title) + "</code>" +
+                    (c.title != c.name ? " (<code>" + html_escape(c.name) + "</code>)" : "") +
+                    "</h2>\n";
     std::string rows;
     for (size_t k = 0; k < c.contrast.size(); ++k) {
         std::string row;
         for (size_t e = 0; e < c.contrast[k].size(); ++e) {
-            int x = c.contrast[k][e];
+            const double x = c.contrast[k][e];
             if (x == 0) continue;
             if (!row.empty())
                 row += x > 0 ? " + " : " &minus; ";
             else if (x < 0)
                 row += "&minus;";
-            row += r.facts.events[e];
+            if (std::fabs(x) != 1) row += format("%g ", std::fabs(x));
+            row += html_escape(r.facts.header.event_name(r.facts.events[e]));
         }
         rows += (k ? "; " : "") + (row.empty() ? std::string("0") : row);
     }
     h += "<p>Tests " + rows +
-         (c.contrast.size() > 1 ? " jointly (an F test; the colour is the sign of T, the signed "
-                                  "square root of F)"
-                                : ": red to yellow where it is above 0, blue where below") +
+         (c.rows > 1 ? " jointly: " + test_text(c) +
+                           ". An F test has no sign: every voxel past "
+                           "the threshold is shown in red to yellow"
+                     : ": " + test_text(c) +
+                           "; red to yellow where it is above 0, blue where "
+                           "below") +
          format(
-             ". %ld voxels pass |P| &ge; %g in clusters of at least %ld: %ld positive in %ld "
-             "cluster%s, %ld negative in %ld cluster%s. Files: <code>P-",
+             ". %ld voxels pass &minus;log<sub>10</sub> p &ge; %g in clusters of at least %ld: "
+             "%ld positive in %ld cluster%s, %ld negative in %ld cluster%s. Files: <code>T-",
              positive + negative, o.threshold, o.min_cluster, positive, npos, npos == 1 ? "" : "s",
              negative, nneg, nneg == 1 ? "" : "s") +
-         html_escape(c.name) + ".bfloat</code>, <code>T-" + html_escape(c.name) +
-         ".bfloat</code>; clusters in <code>contrast-" + html_escape(c.label) +
-         "_clusters.tsv</code>.</p>\n";
+         html_escape(c.name) +
+         ".bfloat</code> (p is computed from T); clusters in "
+         "<code>contrast-" +
+         html_escape(c.label) + "_clusters.tsv</code>.</p>\n";
 
     // Colour bar.
     std::string low = format("%.1f", o.threshold), high = format("%.1f", s.largest);
     h += "<div class=\"bar\">" +
          bar_figure(colour_bar(-1, 200, 14), "&minus;" + high, "&minus;" + low,
-                    "negative T (P &le; &minus;" + low + ")") +
-         bar_figure(colour_bar(1, 200, 14), low, high, "positive T (P &ge; " + low + ")") +
+                    "negative T (&minus;log<sub>10</sub> p &ge; " + low + ")") +
+         bar_figure(colour_bar(1, 200, 14), low, high,
+                    std::string(c.rows > 1 ? "F" : "positive T") +
+                        " (&minus;log<sub>10</sub> p &ge; " + low + ")") +
          "</div>\n";
 
     // Axial slices, bottom first.
@@ -141,6 +150,18 @@ std::string condition_section(const options &o, const results &r, const conditio
              "<figcaption>" + names[along] + "</figcaption></figure>";
     h += "</div>\n";
     return h + cluster_table(c);
+}
+
+std::string test_text(const condition_maps &c) {
+    std::string t =
+        c.rows == 1 ? format("t test, %d dof, two-sided p", c.dof)
+                    : format("F test, %d and %d dof, p from the upper tail of F", c.rows, c.dof);
+    if (!c.corrected) return t + ", uncorrected";
+    if (!std::isfinite(c.corrected_from))
+        return t +
+               ", corrected (the Euler-characteristic formula never decreases at these "
+               "degrees of freedom: every corrected p is 1)";
+    return t + format(", corrected (1 where |T| &lt; %.3g)", c.corrected_from);
 }
 
 std::string diagnostics_section(const options &o, const results &r) {
