@@ -19,6 +19,7 @@ struct condition_maps {
     // -log10 p from T through bridge::p_values (signed with T for a t test),
     // corrected where the analysis asks for it; and T itself.
     std::vector<float> logp, t;
+    std::vector<float> raw_log10p;  // log10 of the uncorrected p, for the histograms
     int rows = 1, dof = 0;
     bool corrected = false;
     double corrected_from = 0.0;                // |T| below which the corrected p is 1

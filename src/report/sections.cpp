@@ -117,8 +117,9 @@ std::string condition_section(const options &o, const results &r, const conditio
     // Colour bar.
     std::string low = format("%.1f", o.threshold), high = format("%.1f", s.largest);
     h += "<div class=\"bar\">" +
-         bar_figure(colour_bar(-1, 200, 14), "&minus;" + high, "&minus;" + low,
-                    "negative T (&minus;log<sub>10</sub> p &ge; " + low + ")") +
+         (c.rows > 1 ? std::string()
+                     : bar_figure(colour_bar(-1, 200, 14), "&minus;" + high, "&minus;" + low,
+                                  "negative T (&minus;log<sub>10</sub> p &ge; " + low + ")")) +
          bar_figure(colour_bar(1, 200, 14), low, high,
                     std::string(c.rows > 1 ? "F" : "positive T") +
                         " (&minus;log<sub>10</sub> p &ge; " + low + ")") +
@@ -201,26 +202,27 @@ std::string diagnostics_section(const options &o, const results &r) {
         h += "<p class=\"note\">The ratio smoothing was 0: there is no smoothed map.</p>\n";
 
     // p histograms.
-    h += "<p>The p values of each condition over the analysed voxels, in 20 bins from 0 (left) "
+    h += "<p>The uncorrected p values of each condition over the analysed voxels, in 20 bins from "
+         "0 (left) "
          "to 1 (right). Where nothing happens, p is uniform and the bars stand at the dashed "
          "line; real effects add a peak at the left. A slope or a bump elsewhere hints that the "
          "model does not fit the data.";
     if (r.facts.multiple_comparisons != 0)
-        h += " These are corrected p values: they pile up at 1 and are not uniform even where "
-             "nothing happens.";
+        h += " They are uncorrected even though the maps above show corrected p, which pile up "
+             "at 1 and say nothing about the fit.";
     h += "</p>\n<div class=\"views\">";
     for (const condition_maps &c : r.conditions) {
         std::vector<long> counts(20, 0);
         for (size_t i = 0; i < n; ++i) {
-            if (!r.analysed[i] || !std::isfinite(c.logp[i])) continue;
-            double p = std::pow(10.0, -std::fabs(static_cast<double>(c.logp[i])));
+            if (!r.analysed[i] || !std::isfinite(c.raw_log10p[i])) continue;
+            double p = std::pow(10.0, static_cast<double>(c.raw_log10p[i]));
             counts[std::min(19, static_cast<int>(p * 20))] += 1;
         }
         h += "<figure style=\"width:240px\">" +
-             img_tag(histogram_picture(counts, 240, 110), "p histogram of " + c.name) +
+             img_tag(histogram_picture(counts, 240, 110), "p histogram of " + c.title) +
              "<div class=\"ends\"><span>0</span><span>p</span><span>1</span></div><figcaption>"
              "condition <code>" +
-             html_escape(c.name) + "</code></figcaption></figure>";
+             html_escape(c.title) + "</code></figcaption></figure>";
     }
     return h + "</div>\n";
 }
