@@ -104,7 +104,7 @@ std::string img_tag(const image &im, const std::string &alt, const std::string &
 struct statistic_overlay {
     const float *logp = nullptr;              // signed -log10 p
     const std::vector<int> *shown = nullptr;  // non-zero where a kept cluster lies
-    double threshold = 3.0, largest = 4.0;    // |P| at the bottom and top of the colour bar
+    double threshold = 3.0, largest = 4.0;    // -log10 p at the bottom and top of the colour bar
 };
 struct grey_range {
     double low = 0.0, high = 1.0;  // background values drawn darkest and lightest
