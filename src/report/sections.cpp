@@ -26,8 +26,8 @@ std::string cluster_table(const condition_maps &c) {
     if (c.clusters.empty()) return "<p><strong>No cluster passes the threshold.</strong></p>\n";
     std::string h =
         "<table><tr><th>Cluster</th><th>Sign</th><th>Voxels</th><th>Volume (mm&sup3;)</th>"
-        "<th>Peak x, y, z (mm)</th><th>Voxel i, j, k</th><th>T</th><th>&minus;log<sub>10</sub>"
-        " p</th></tr>\n";
+        "<th>Peak x, y, z (mm)</th><th>Voxel i, j, k</th><th>" +
+        std::string(c.rows > 1 ? "F" : "T") + "</th><th>&minus;log<sub>10</sub> p</th></tr>\n";
     for (size_t k = 0; k < c.clusters.size() && k < kMostClusters; ++k) {
         const cluster &cl = c.clusters[k];
         for (size_t q = 0; q < cl.peaks.size(); ++q) {
@@ -45,7 +45,8 @@ std::string cluster_table(const condition_maps &c) {
             h += format(
                 "<td class=\"n\">%.1f, %.1f, %.1f</td><td class=\"n\">%d, %d, %d</td>"
                 "<td class=\"n\">%.2f</td><td class=\"n\">%.2f</td></tr>\n",
-                p.mm[0], p.mm[1], p.mm[2], p.ijk[0], p.ijk[1], p.ijk[2], static_cast<double>(p.t),
+                p.mm[0], p.mm[1], p.mm[2], p.ijk[0], p.ijk[1], p.ijk[2],
+                c.rows > 1 ? static_cast<double>(p.t) * p.t : static_cast<double>(p.t),
                 static_cast<double>(p.logp));
         }
     }

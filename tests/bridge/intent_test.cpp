@@ -40,10 +40,16 @@ TEST(Bridge, EveryExportedMapAgreesWithItsIntentInNibabel) {
                                    "--smoothing", "0", "8", "--multiple-comparisons", resels},
                                   tmp.path());
         ASSERT_EQ(r.status, 0) << r.err;
+        // A name for one condition, as the import writes it.
+        const std::string analysis = tmp.file(study + "/analysis.rem");
+        write_file(analysis, read_file(analysis) + "# condition m-c = mci-controls\n");
         r = run_command(shell_quote(FMRI_REM_BIN) + " analysis.rem", tmp.file(study));
         ASSERT_EQ(r.status, 0) << r.out;
         r = bridge_test::run_tool("fmri-rem-export", {}, tmp.file(study));
         ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_NE(r.out.find("  m-c (mci-controls): contrast-mciMinuscontrols_stat-t, z, logp"),
+                  std::string::npos)
+            << r.out;
         r = run_command(
             "/usr/bin/python3 " +
                 shell_quote(std::string(FMRI_REM_SOURCE_DIR) + "/tests/bridge/check_intents.py") +
