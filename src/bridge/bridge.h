@@ -110,6 +110,12 @@ class p_values {
     // -37.04, the z of a lower tail of 1e-300, as where F = 0).
     double z(double t) const;
 
+    // All of them at once (one tail computed once): what a map needs per voxel.
+    struct at_t {
+        double log10_raw, signed_logp, z;
+    };
+    at_t at(double t) const;
+
   private:
     double log_ec_density(double f) const;  // natural log; -inf where not positive
     int rows_;

@@ -171,9 +171,15 @@ void export_condition(exporter *x, const std::string &dir, const std::string &c)
                  "F, " + std::to_string(rows) + " and " + std::to_string(dof) + " dof");
     }
 
+    // z and -log10 p together: the tail is computed once per voxel.
+    std::vector<float> logp(x->n);
+    for (size_t i = 0; i < x->n; ++i) {
+        const p_values::at_t p = pv.at(T.data[i]);
+        v[i] = static_cast<float>(p.z);
+        logp[i] = static_cast<float>(p.signed_logp);
+    }
     h = map_header();
     h.intent_code = NIFTI_INTENT_ZSCORE;
-    for (size_t i = 0; i < x->n; ++i) v[i] = static_cast<float>(pv.z(T.data[i]));
     side["Statistic"] = "z";
     side["Description"] =
         rows == 1 ? "z of the two-sided p of the " + test + " (uncorrected), with the sign of t"
@@ -185,7 +191,6 @@ void export_condition(exporter *x, const std::string &dir, const std::string &c)
     h.intent_code = NIFTI_INTENT_NONE;
     h.intent_name = rows == 1 ? (pv.corrected() ? "sign -log10pFWE" : "signed -log10p")
                               : (pv.corrected() ? "-log10pFWE" : "-log10p");
-    for (size_t i = 0; i < x->n; ++i) v[i] = static_cast<float>(pv.signed_logp(T.data[i]));
     const std::string p_kind = pv.corrected()
                                    ? "p corrected for multiple comparisons over " +
                                          std::to_string(pv.resels()) + " resolution elements"
@@ -201,7 +206,7 @@ void export_condition(exporter *x, const std::string &dir, const std::string &c)
         side["CorrectedBelowAbsT"] = std::isfinite(pv.corrected_from())
                                          ? nlohmann::json(pv.corrected_from())
                                          : nlohmann::json("all");
-    x->write(stem + "logp_statmap", h, v, side,
+    x->write(stem + "logp_statmap", h, logp, side,
              std::string(rows == 1 ? "signed " : "") + "-log10 p, " + test +
                  (pv.corrected() ? ", corrected" : ""));
     side.erase("Intent");

@@ -488,8 +488,9 @@ bool load_results(const options &o, results *r, std::vector<std::string> *warnin
         c.logp.resize(c.t.size());
         c.raw_log10p.resize(c.t.size());
         for (size_t i = 0; i < c.t.size(); ++i) {
-            c.raw_log10p[i] = static_cast<float>(pv.log10_raw(c.t[i]));
-            const double v = r->analysed[i] ? pv.signed_logp(c.t[i]) : 0.0;
+            const bridge::p_values::at_t p = pv.at(r->analysed[i] ? c.t[i] : 0.0f);
+            c.raw_log10p[i] = static_cast<float>(p.log10_raw);
+            const double v = p.signed_logp;
             c.logp[i] = std::isfinite(v) ? static_cast<float>(v) : 0.0f;
         }
         r->conditions.push_back(std::move(c));
