@@ -330,9 +330,13 @@ std::vector<std::vector<double>> contrast_of(const std::string &name,
         if (c == ',') {
             rows.emplace_back(events.size(), 0.0);
             sign = 1.0;
-        } else if (c == '-' || c == '+') {
+            continue;
+        }
+        if (c == '-' || c == '+') {
             sign = c == '-' ? -1.0 : 1.0;
-        } else if ((c >= '0' && c <= '9') || c == '.') {
+            continue;
+        }
+        if ((c >= '0' && c <= '9') || c == '.') {
             char *end = nullptr;
             const double v = std::strtod(name.c_str() + k, &end);
             const size_t next = static_cast<size_t>(end - name.c_str());
@@ -341,13 +345,13 @@ std::vector<std::vector<double>> contrast_of(const std::string &name,
                 k = next;
                 continue;
             }
-            for (size_t e = 0; e < events.size(); ++e)
-                if (events[e] == c) rows.back()[e] = sign;
-        } else {
+        }
+        // An event character (digits are event characters too).
+        if (c != '.') {
             for (size_t e = 0; e < events.size(); ++e)
                 if (events[e] == c) rows.back()[e] = sign * factor;
-            factor = 1.0;
         }
+        factor = 1.0;
     }
     return rows;
 }
