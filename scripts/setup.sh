@@ -5,7 +5,8 @@ set -euo pipefail
 
 packages=(g++ make cmake pkg-config clang-format libfftw3-dev libniftiio-dev libnifti2-dev
           zlib1g-dev libgtest-dev googletest nifti-bin nlohmann-json3-dev libcli11-dev
-          libboost-math-dev libpng-dev help2man clang libclang-rt-14-dev)
+          libboost-math-dev libpng-dev help2man clang libclang-rt-14-dev
+          python3-nibabel python3-scipy)
 
 missing=()
 for p in "${packages[@]}"; do

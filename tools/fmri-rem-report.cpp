@@ -24,15 +24,18 @@ int main(int argc, char **argv) {
     std::string threshold = "3", min_cluster = "1";
     CLI::App app{
         "Writes a report page of the results that fmri-rem wrote into RESULTS_DIR: the run, the "
-        "design, per condition the map thresholded at |P| >= LOGP over the brain with its "
+        "design, per condition the map thresholded at -log10 p >= LOGP over the brain with its "
         "clusters, and diagnostics. The page is one HTML file with its pictures inside; the "
         "cluster tables are also written as RESULTS_DIR/contrast-<label>_clusters.tsv.",
         "fmri-rem-report"};
     app.set_version_flag("--version", std::string("fmri-rem-report ") + report::version());
     app.add_option("RESULTS_DIR", o.results_dir, "the folder where fmri-rem ran")
         ->capture_default_str();
-    app.add_option("-t,--threshold", threshold,
-                   "show voxels with |P| = -log10 p at or above LOGP (3 means p < 0.001)")
+    app.add_option(
+           "-t,--threshold", threshold,
+           "show voxels with -log10 p at or above LOGP (3 means p <= 0.001); p is computed from T "
+           "as fmri-rem-export computes it (two-sided t, upper tail of F; corrected "
+           "when the analysis file sets multiple-comparisons)")
         ->type_name("LOGP")
         ->capture_default_str();
     app.add_option("-m,--min-cluster", min_cluster, "leave out clusters of fewer voxels")

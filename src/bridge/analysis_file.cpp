@@ -15,7 +15,7 @@ std::string line(const std::string &text) {
 
 }  // namespace
 
-std::string analysis_text(const analysis_header &h, const study_model &m,
+std::string analysis_text(const analysis_settings &h, const study_model &m,
                           const std::vector<condition_text> &conditions,
                           const std::vector<std::string> &signals,
                           const std::vector<double> &weights) {

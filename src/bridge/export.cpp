@@ -14,37 +14,16 @@ namespace bridge {
 
 namespace {
 
-// What the analysis file says (the header lines before the first event).
+// The analysis file of a run and what it says.
 struct analysis {
     std::string path;  // "" when not found
-    std::vector<std::string> conditions;
-    double prior = NAN, ratio = NAN;
-    int multiple_comparisons = 0;
-    bool converged = false;  // "reml converged"
+    analysis_header header;
 };
 
 analysis read_analysis(const std::string &path) {
     analysis a;
     a.path = path;
-    const std::string text = read_text(path);
-    a.converged = analysis_uses_converged_reml(text);
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t hash = line.find('#');
-        if (hash != std::string::npos) line.erase(hash);
-        std::istringstream words(line);
-        std::string key;
-        if (!(words >> key)) continue;
-        if (key == "event" || key == "subjects" || key == "sessions") break;
-        if (key == "smoothing" || key == "smooth") {
-            words >> a.prior >> a.ratio;
-        } else if (key == "multiple-comparisons") {
-            words >> a.multiple_comparisons;
-        } else if (key == "conditions") {
-            for (std::string c; words >> c;) a.conditions.push_back(c);
-        }
-    }
+    a.header = read_analysis_header(read_text(path));
     return a;
 }
 
@@ -151,6 +130,101 @@ struct exporter {
     }
 };
 
+// One condition's maps: its statistic (t, or F = T^2 for several rows) and
+// effect maps as fmri-rem wrote them, and z and -log10 p computed from the
+// statistic in double precision (not copied from the P volume, whose rules
+// differ; see p_values).
+void export_condition(exporter *x, const std::string &dir, const std::string &c) {
+    const volume T = read_volume(dir, "T-" + c, x->g.dims, 0);
+    const volume S = read_volume(dir, "S-" + c, x->g.dims, 0);
+    if (T.header.nt != 1 || S.header.nt != 2)
+        throw failure("the result volumes T-" + c + " and S-" + c + " do not have 1 and 2 frames");
+    const analysis_header &ah = x->an.header;
+    const int rows = condition_rows(c), dof = T.header.dof;
+    const p_values pv(rows, dof, x->an.path.empty() ? 0 : ah.multiple_comparisons);
+    const std::string name = ah.name_of(c);
+    const std::string stem = "contrast-" + condition_label(name) + "_stat-";
+    const std::string test =
+        rows == 1 ? "t test with " + std::to_string(dof) + " dof"
+                  : "F test with " + std::to_string(rows) + " and " + std::to_string(dof) + " dof";
+    nlohmann::json side = {{"Contrast", c},
+                           {"ContrastName", name},
+                           {"ContrastRows", rows},
+                           {"Test", rows == 1 ? "t" : "F"},
+                           {"DegreesOfFreedom", dof}};
+    if (rows > 1) side["NumeratorDegreesOfFreedom"] = rows;
+
+    map_header h;
+    std::vector<float> v(T.data);
+    if (rows == 1) {
+        h.intent_code = NIFTI_INTENT_TTEST;
+        h.intent_p1 = dof;
+        side["Statistic"] = "t";
+        x->write(stem + "t_statmap", h, v, side, "t, " + std::to_string(dof) + " dof");
+    } else {
+        for (float &f : v) f = f * f;
+        h.intent_code = NIFTI_INTENT_FTEST;
+        h.intent_p1 = rows;
+        h.intent_p2 = dof;
+        side["Statistic"] = "F";
+        x->write(stem + "F_statmap", h, v, side,
+                 "F, " + std::to_string(rows) + " and " + std::to_string(dof) + " dof");
+    }
+
+    // z and -log10 p together: the tail is computed once per voxel.
+    std::vector<float> logp(x->n);
+    for (size_t i = 0; i < x->n; ++i) {
+        const p_values::at_t p = pv.at(T.data[i]);
+        v[i] = static_cast<float>(p.z);
+        logp[i] = static_cast<float>(p.signed_logp);
+    }
+    h = map_header();
+    h.intent_code = NIFTI_INTENT_ZSCORE;
+    side["Statistic"] = "z";
+    side["Description"] =
+        rows == 1 ? "z of the two-sided p of the " + test + " (uncorrected), with the sign of t"
+                  : "z of the upper-tail p of the " + test +
+                        " (uncorrected), one-sided: negative where p > 0.5";
+    x->write(stem + "z_statmap", h, v, side, "z");
+
+    h = map_header();
+    h.intent_code = NIFTI_INTENT_NONE;
+    h.intent_name = rows == 1 ? (pv.corrected() ? "sign -log10pFWE" : "signed -log10p")
+                              : (pv.corrected() ? "-log10pFWE" : "-log10p");
+    const std::string p_kind = pv.corrected()
+                                   ? "p corrected for multiple comparisons over " +
+                                         std::to_string(pv.resels()) + " resolution elements"
+                                   : "p uncorrected";
+    side["Statistic"] = "logp";
+    side["Intent"] = "NIFTI_INTENT_NONE: the values are -log10 p (not log10 p)";
+    side["PValue"] = pv.corrected() ? "corrected" : "uncorrected";
+    side["Description"] = "-log10 p of the " + test +
+                          (rows == 1 ? " (two-sided), negative where t is negative"
+                                     : " (upper tail of F), never negative") +
+                          "; " + p_kind;
+    if (pv.corrected())
+        side["CorrectedBelowAbsT"] = std::isfinite(pv.corrected_from())
+                                         ? nlohmann::json(pv.corrected_from())
+                                         : nlohmann::json("all");
+    x->write(stem + "logp_statmap", h, logp, side,
+             std::string(rows == 1 ? "signed " : "") + "-log10 p, " + test +
+                 (pv.corrected() ? ", corrected" : ""));
+    side.erase("Intent");
+    side.erase("PValue");
+    side.erase("CorrectedBelowAbsT");
+
+    h = map_header();
+    h.intent_code = NIFTI_INTENT_ESTIMATE;
+    side["Statistic"] = "effect";
+    side["Description"] = "effect size";
+    x->write(stem + "effect_statmap", h, std::vector<float>(S.data.begin(), S.data.begin() + x->n),
+             side, "effect");
+    for (size_t i = 0; i < x->n; ++i) v[i] = S.data[x->n + i] * S.data[x->n + i];
+    side["Statistic"] = "variance";
+    side["Description"] = "variance of the effect size (its error squared)";
+    x->write(stem + "variance_statmap", h, v, side, "effect variance");
+}
+
 void export_results(const export_options &options, std::ostream &out, std::ostream &err) {
     export_options o = options;
     if (o.results_dir.empty()) o.results_dir = ".";
@@ -173,12 +247,15 @@ void export_results(const export_options &options, std::ostream &out, std::ostre
         throw failure(join_path(dir, "sigma2.hdr") + " has fewer than 2 frames");
 
     x.an = find_analysis(dir, x.g);
+    const analysis_header &ah = x.an.header;
+    std::vector<std::string> &conditions = x.an.header.conditions;
     if (x.an.path.empty()) {
-        x.an.conditions = conditions_in_folder(dir);
+        conditions = conditions_in_folder(dir);
         err << "Warning: the analysis file of " << dir
-            << " was not found (no .vistra); the conditions are taken from the P- files\n";
+            << " was not found (no .vistra); the conditions are taken from the P- files and "
+               "the p values are uncorrected\n";
     }
-    if (x.an.conditions.empty()) throw failure("no conditions in " + dir);
+    if (conditions.empty()) throw failure("no conditions in " + dir);
 
     // The random variance that fmri-rem's second pass used: the smoothed one
     // when there is a third frame.
@@ -186,7 +263,7 @@ void export_results(const export_options &options, std::ostream &out, std::ostre
     x.analysed.resize(x.n);
     size_t count = 0;
     for (size_t i = 0; i < x.n; ++i)
-        count += x.analysed[i] = voxel_analysed(sigma2.data[i], used[i], x.an.converged);
+        count += x.analysed[i] = voxel_analysed(sigma2.data[i], used[i], ah.converged);
 
     x.common = {{"GeneratedBy", {{"Name", "fmri-rem-export"}, {"Version", version()}}},
                 {"Results", dir},
@@ -194,73 +271,13 @@ void export_results(const export_options &options, std::ostream &out, std::ostre
                 {"AnalysedVoxels", count}};
     if (!x.an.path.empty()) {
         x.common["AnalysisFile"] = x.an.path;
-        x.common["Smoothing"] = {{"PriorFWHMmm", x.an.prior}, {"RatioFWHMmm", x.an.ratio}};
-        x.common["MultipleComparisons"] = x.an.multiple_comparisons;
+        x.common["Smoothing"] = {{"PriorFWHMmm", ah.prior_smoothing},
+                                 {"RatioFWHMmm", ah.ratio_smoothing}};
+        x.common["MultipleComparisons"] = ah.multiple_comparisons;
     }
     make_dirs(o.out_dir);
 
-    for (const std::string &c : x.an.conditions) {
-        const volume P = read_volume(dir, "P-" + c, x.g.dims, 0);
-        const volume T = read_volume(dir, "T-" + c, x.g.dims, 0);
-        const volume S = read_volume(dir, "S-" + c, x.g.dims, 0);
-        if (P.header.nt != 1 || T.header.nt != 1 || S.header.nt != 2)
-            throw failure("the result volumes of condition " + c +
-                          " do not have 1, 1 and 2 frames");
-        const int rows = static_cast<int>(std::count(c.begin(), c.end(), ',')) + 1;
-        const int dof = T.header.dof;
-        const std::string stem = "contrast-" + condition_label(c) + "_stat-";
-        nlohmann::json side = {{"Contrast", c}, {"ContrastRows", rows}, {"DegreesOfFreedom", dof}};
-        if (!x.an.path.empty())
-            side["PValue"] = x.an.multiple_comparisons != 0
-                                 ? "corrected for " + std::to_string(x.an.multiple_comparisons) +
-                                       " resolution elements"
-                                 : "raw";
-
-        map_header h;
-        std::vector<float> v(T.data);
-        if (rows == 1) {
-            h.intent_code = NIFTI_INTENT_TTEST;
-            h.intent_p1 = dof;
-            side["Statistic"] = "t";
-            x.write(stem + "t_statmap", h, v, side, "t, " + std::to_string(dof) + " dof");
-        } else {
-            for (float &f : v) f = f * f;
-            h.intent_code = NIFTI_INTENT_FTEST;
-            h.intent_p1 = rows;
-            h.intent_p2 = dof;
-            side["Statistic"] = "F";
-            x.write(stem + "F_statmap", h, v, side,
-                    "F, " + std::to_string(rows) + " and " + std::to_string(dof) + " dof");
-        }
-
-        h = map_header();
-        h.intent_code = NIFTI_INTENT_ZSCORE;
-        for (size_t i = 0; i < x.n; ++i) {
-            const double z = std::isfinite(P.data[i]) ? z_from_log10p(P.data[i]) : NAN;
-            v[i] = static_cast<float>(T.data[i] < 0 ? -z : z);
-        }
-        side["Statistic"] = "z";
-        side["Description"] = "z with the sign of T and the two-sided p of the P map";
-        x.write(stem + "z_statmap", h, v, side, "z");
-
-        h = map_header();
-        h.intent_code = NIFTI_INTENT_LOG10PVAL;
-        h.intent_name = "signed-log10p";
-        side["Statistic"] = "logp";
-        side["Description"] = "-log10 p, negative where T is negative";
-        x.write(stem + "logp_statmap", h, P.data, side, "signed -log10 p");
-
-        h = map_header();
-        h.intent_code = NIFTI_INTENT_ESTIMATE;
-        side["Statistic"] = "effect";
-        side["Description"] = "effect size";
-        x.write(stem + "effect_statmap", h,
-                std::vector<float>(S.data.begin(), S.data.begin() + x.n), side, "effect");
-        for (size_t i = 0; i < x.n; ++i) v[i] = S.data[x.n + i] * S.data[x.n + i];
-        side["Statistic"] = "variance";
-        side["Description"] = "variance of the effect size (its error squared)";
-        x.write(stem + "variance_statmap", h, v, side, "effect variance");
-    }
+    for (const std::string &c : conditions) export_condition(&x, dir, c);
 
     map_header h;
     h.intent_code = NIFTI_INTENT_ESTIMATE;
@@ -300,13 +317,15 @@ void export_results(const export_options &options, std::ostream &out, std::ostre
     x.stage.commit();
     if (o.progress) err << "\r" << std::string(70, ' ') << "\r" << std::flush;
 
-    out << "Exported " << x.an.conditions.size() << " condition(s) and " << sigma2.header.nt
+    out << "Exported " << conditions.size() << " condition(s) and " << sigma2.header.nt
         << " variance map(s) of " << dir << " to " << o.out_dir << " (" << x.written << " maps; "
         << count << " of " << x.n << " voxels analysed):\n";
-    for (const std::string &c : x.an.conditions)
-        out << "  " << c << ": contrast-" << condition_label(c) << "_stat-"
-            << (std::count(c.begin(), c.end(), ',') > 0 ? "F" : "t")
+    for (const std::string &c : conditions) {
+        const std::string name = ah.name_of(c);
+        out << "  " << c << (name != c ? " (" + name + ")" : std::string()) << ": contrast-"
+            << condition_label(name) << "_stat-" << (condition_rows(c) > 1 ? "F" : "t")
             << ", z, logp, effect, variance\n";
+    }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Condition labels and the geometry of a results folder.
+// The geometry of a results folder.
 #include <fstream>
 #include <sstream>
 #include <nlohmann/json.hpp>
@@ -9,19 +9,6 @@ namespace bridge {
 
 const char *version() {
     return FMRI_REM_VERSION;
-}
-
-std::string condition_label(const std::string &condition) {
-    std::string label;
-    for (char c : condition) {
-        if (c == '-')
-            label += "Minus";
-        else if (c == ',')
-            label += "And";
-        else
-            label += c;
-    }
-    return label;
 }
 
 namespace {
@@ -90,21 +77,6 @@ bool find_geometry(const std::string &results_dir, const std::string &given, geo
     out->analysis.clear();
     out->source = header;
     return true;
-}
-
-bool analysis_uses_converged_reml(const std::string &text) {
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        const size_t hash = line.find('#');
-        if (hash != std::string::npos) line.erase(hash);
-        std::istringstream words(line);
-        std::string key, value;
-        if (!(words >> key)) continue;
-        if (key == "event" || key == "subjects" || key == "sessions") break;
-        if (key == "reml" && words >> value) return value == "converged";
-    }
-    return false;
 }
 
 void voxel_to_mm(const geometry &g, double i, double j, double k, double mm[3]) {

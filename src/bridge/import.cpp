@@ -265,7 +265,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     const std::vector<std::string> signals = signal_names(units);
 
     // The analysis file, before any image is read.
-    analysis_header h;
+    analysis_settings h;
     h.table = o.table;
     h.prior_smoothing = o.prior_smoothing;
     h.ratio_smoothing = o.ratio_smoothing;

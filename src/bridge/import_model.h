@@ -85,7 +85,7 @@ struct condition_text {
 std::vector<condition_text> translate_conditions(const std::string &text, const study_model &m);
 
 // Everything the analysis file needs besides the model.
-struct analysis_header {
+struct analysis_settings {
     std::string table;
     double prior_smoothing = 0, ratio_smoothing = 0;
     int multiple_comparisons = 0;
@@ -96,7 +96,7 @@ struct analysis_header {
 // The analysis file: groups alone as event lines (with a weight per file when
 // `weights` is not empty), any other design under `design` and
 // `measurements`; the names as "# event" and "# condition" comment lines.
-std::string analysis_text(const analysis_header &h, const study_model &m,
+std::string analysis_text(const analysis_settings &h, const study_model &m,
                           const std::vector<condition_text> &conditions,
                           const std::vector<std::string> &signals,
                           const std::vector<double> &weights);

@@ -232,8 +232,9 @@ double z_from_log10p(double log10p) {
     using boost::math::complement;
     using boost::math::quantile;
     if (L < 300) {
+        using fast = boost::math::policies::policy<boost::math::policies::promote_double<false>>;
         const double half = 0.5 * std::pow(10.0, -L);
-        return quantile(complement(boost::math::normal_distribution<double>(), half));
+        return quantile(complement(boost::math::normal_distribution<double, fast>(), half));
     }
     // Below the range of double: the same quantile in long double, and the
     // asymptotic expansion of the tail past that.

@@ -9,7 +9,7 @@ namespace report {
 
 namespace {
 
-// |P| first, then |T|, then the lower index: the order in which voxels
+// -log10 p first, then |T|, then the lower index: the order in which voxels
 // become peaks.
 struct stronger {
     const float *logp, *t;

@@ -115,7 +115,7 @@ image overview_picture(const options &o, const results &r) {
         height += 2 * kLine + h + gap;
         char title[256];
         std::snprintf(title, sizeof title, "condition %s   (largest -log10 p: %.1f)",
-                      c.name.c_str(), s.largest);
+                      c.title.c_str(), s.largest);
         titles.push_back(title);
         rows.push_back(views);
     }

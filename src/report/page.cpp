@@ -61,12 +61,16 @@ tr.sub td { color: #555; border-top-style: dotted; }
 img { image-rendering: pixelated; }
 )";
 
-std::string event_name(char c) {
-    return std::string("event ") + c;
+// "event p" or "event p (patients)".
+std::string event_name(const run_facts &f, char c) {
+    const std::string name = f.header.event_name(c);
+    return std::string("event ") + c +
+           (name.size() == 1 && name[0] == c ? "" : " (" + html_escape(name) + ")");
 }
 
-// "p - c", "p + c", "p" for one row of a contrast.
-std::string row_text(const std::vector<int> &row, const std::vector<char> &events) {
+// "p - 2 c", "0.5 p + 0.5 c", "p" for one row of a contrast, with the
+// events' names where the analysis file gives them.
+std::string row_text(const std::vector<double> &row, const run_facts &f) {
     std::string s;
     for (size_t e = 0; e < row.size(); ++e) {
         if (row[e] == 0) continue;
@@ -74,7 +78,8 @@ std::string row_text(const std::vector<int> &row, const std::vector<char> &event
             s += row[e] > 0 ? " + " : " &minus; ";
         else if (row[e] < 0)
             s += "&minus;";
-        s += events[e];
+        if (std::fabs(row[e]) != 1) s += number(std::fabs(row[e])) + " ";
+        s += html_escape(f.header.event_name(f.events[e]));
     }
     return s.empty() ? "0" : s;
 }
@@ -100,8 +105,8 @@ std::string run_section(const options &o, const results &r) {
                              : "<code>" + html_escape(display_path(f.analysis_path)) + "</code>");
     std::string per_event;
     for (size_t e = 0; e < f.events.size(); ++e)
-        per_event +=
-            (e ? ", " : "") + event_name(f.events[e]) + ": " + std::to_string(f.files_per_event[e]);
+        per_event += (e ? ", " : "") + event_name(f, f.events[e]) + ": " +
+                     std::to_string(f.files_per_event[e]);
     row("Files per event", per_event + " (" + std::to_string(f.design.size()) + " files in all)");
     const view_axes v = view_of(r.geometry);
     row("Voxels", format("%ld in the volume (%d &times; %d &times; %d voxels of %s &times; %s "
@@ -122,10 +127,17 @@ std::string run_section(const options &o, const results &r) {
             "; random " + std::to_string(f.random_dof) + " (files minus events); smoothed " +
             std::to_string(f.smoothed_dof) +
             " (what the smoothed variance is worth: the tests use it)");
-    row("P maps", "signed &minus;log<sub>10</sub> p, with the sign of T; " + p_kind(f) +
-                      ". p is two-sided (from the F test).");
+    row("p values",
+        "computed here from T and its degrees of freedom in double precision, as "
+        "<code>fmri-rem-export</code> writes them: two-sided p of the t test for a condition of "
+        "one row, the upper tail of F = T<sup>2</sup> for one of several rows; " +
+            p_kind(f) +
+            ". fmri-rem's own <code>P-</code> maps keep their own rules (a doubled and folded p "
+            "for several rows, a corrected p from the three-dimensional term alone) and are "
+            "not used.");
     row("Threshold",
-        format("|P| &ge; %s, that is p &lt; %s; clusters of at least %ld voxel%s",
+        format("&minus;log<sub>10</sub> p &ge; %s, that is p &le; %s; clusters of at least %ld "
+               "voxel%s",
                number(o.threshold).c_str(), number(std::pow(10.0, -o.threshold)).c_str(),
                o.min_cluster, o.min_cluster == 1 ? "" : "s"));
     row("Coordinates",
@@ -156,7 +168,8 @@ std::string design_section(const results &r) {
          "white is 1, black 0 (grey levels in between, darker below 0).</p>\n";
     h += "<div class=\"design\"><div></div><div class=\"cols\">";
     for (char e : f.events)
-        h += format("<span style=\"width:%dpx\">", cell_w) + event_name(e) + "</span>";
+        h += format("<span style=\"width:%dpx\" title=\"", cell_w) +
+             html_escape(f.header.event_name(e)) + "\">event " + e + "</span>";
     h += "</div>\n<div class=\"rows\">";
     for (int i = 0; i < rows; ++i) {
         std::string name = i < static_cast<int>(f.files.size()) ? f.files[i] : "file";
@@ -167,19 +180,22 @@ std::string design_section(const results &r) {
     h += "</div>\n" + img_tag(design_picture(f, cell_w, cell_h), "design matrix") + "</div>\n";
 
     h += "<p>The conditions: each is tested with an F test of its contrast rows; with one row "
-         "T is the signed square root of F.</p>\n<table><tr><th>Condition</th><th>Tests</th>";
-    for (char e : f.events) h += "<th>" + event_name(e) + "</th>";
+         "T is the signed square root of F and the test is a two-sided t test.</p>\n<table><tr>"
+         "<th>Condition</th><th>Test</th><th>Contrast</th>";
+    for (char e : f.events) h += "<th>" + event_name(f, e) + "</th>";
     h += "</tr>\n";
     for (const condition_maps &c : r.conditions) {
         for (size_t k = 0; k < c.contrast.size(); ++k) {
             h += "<tr>";
             if (k == 0)
                 h += format("<td rowspan=\"%zu\"><a href=\"#c-", c.contrast.size()) +
-                     html_escape(c.label) + "\"><code>" + html_escape(c.name) + "</code></a></td>";
-            h += "<td>" + row_text(c.contrast[k], f.events) +
+                     html_escape(c.label) + "\"><code>" + html_escape(c.title) +
+                     "</code></a></td>" + format("<td rowspan=\"%zu\">", c.contrast.size()) +
+                     test_text(c) + "</td>";
+            h += "<td>" + row_text(c.contrast[k], f) +
                  (k == 0 && c.contrast.size() > 1 ? " (jointly with the rows below)" : "") +
                  "</td>";
-            for (int x : c.contrast[k]) h += "<td class=\"n\">" + std::to_string(x) + "</td>";
+            for (double x : c.contrast[k]) h += "<td class=\"n\">" + number(x) + "</td>";
             h += "</tr>\n";
         }
     }
@@ -228,7 +244,7 @@ std::string page_html(const options &o, const results &r) {
          "&middot; <a href=\"#design\">the design</a>";
     for (const condition_maps &c : r.conditions)
         h += " &middot; <a href=\"#c-" + html_escape(c.label) + "\">condition <code>" +
-             html_escape(c.name) + "</code></a>";
+             html_escape(c.title) + "</code></a>";
     h += " &middot; <a href=\"#diagnostics\">diagnostics</a></p>\n";
     h += run_section(o, r);
     h += design_section(r);

@@ -32,7 +32,7 @@ bool make_report(const options &given, outcome *out, std::string *error) {
     options o = given;
     if (o.results_dir.empty()) o.results_dir = ".";
     if (!(o.threshold > 0.0) || !std::isfinite(o.threshold)) {
-        *error = "the threshold must be a positive number (|P| = -log10 p)";
+        *error = "the threshold must be a positive number (-log10 p)";
         return false;
     }
     if (o.min_cluster < 1) {

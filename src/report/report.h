@@ -16,7 +16,7 @@ namespace report {
 // What the report is made of and where it goes.
 struct options {
     std::string results_dir = ".";  // where fmri-rem wrote its results
-    double threshold = 3.0;         // |P| = -log10 p at or above which a voxel is shown
+    double threshold = 3.0;         // -log10 p at or above which a voxel is shown
     long min_cluster = 1;           // smaller clusters are left out of the tables and pictures
     std::string background;         // an image on the results' grid; empty: within variance
     std::string analysis;           // the analysis file; empty: the one named in .vistra
@@ -33,9 +33,9 @@ struct peak {
     float logp = 0.0f;
 };
 
-// A cluster: voxels with |P| >= the threshold, all of one sign, joined through
+// A cluster: voxels with -log10 p >= the threshold, all of one sign, joined through
 // faces, edges or corners (26-connected).  peaks[0] is the cluster's own peak
-// (largest |P|, then largest |T|); further peaks are local maxima at least
+// (largest -log10 p, then largest |T|); further peaks are local maxima at least
 // 8 mm from every stronger peak kept.
 struct cluster {
     int sign = 1;  // +1 for positive T, -1 for negative

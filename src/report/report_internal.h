@@ -13,10 +13,17 @@ namespace report {
 
 // One condition's maps and what was found in them.
 struct condition_maps {
-    std::string name;   // as in the analysis file and the result file names
+    std::string name;   // in event characters, as in the result file names
+    std::string title;  // its name where the analysis file gives one, else name
     std::string label;  // as in the exported file names
+    // -log10 p from T through bridge::p_values (signed with T for a t test),
+    // corrected where the analysis asks for it; and T itself.
     std::vector<float> logp, t;
-    std::vector<std::vector<int>> contrast;  // rows x events
+    std::vector<float> raw_log10p;  // log10 of the uncorrected p, for the histograms
+    int rows = 1, dof = 0;
+    bool corrected = false;
+    double corrected_from = 0.0;                // |T| below which the corrected p is 1
+    std::vector<std::vector<double>> contrast;  // rows x events
     std::vector<cluster> clusters;
     std::vector<int> cluster_of;  // per voxel: 1-based place in clusters, or 0
 };
@@ -25,6 +32,7 @@ struct condition_maps {
 struct run_facts {
     std::string analysis_path;  // empty when not found
     std::string analysis_text;
+    bridge::analysis_header header;  // names of events and conditions among it
     int multiple_comparisons = 0;
     bool smoothing_known = false;
     double prior_smoothing = 0.0, ratio_smoothing = 0.0;
@@ -96,7 +104,7 @@ std::string img_tag(const image &im, const std::string &alt, const std::string &
 struct statistic_overlay {
     const float *logp = nullptr;              // signed -log10 p
     const std::vector<int> *shown = nullptr;  // non-zero where a kept cluster lies
-    double threshold = 3.0, largest = 4.0;    // |P| at the bottom and top of the colour bar
+    double threshold = 3.0, largest = 4.0;    // -log10 p at the bottom and top of the colour bar
 };
 struct grey_range {
     double low = 0.0, high = 1.0;  // background values drawn darkest and lightest
@@ -130,6 +138,8 @@ image overview_picture(const options &o, const results &r);
 std::string page_html(const options &o, const results &r);
 std::string html_escape(const std::string &text);
 std::string condition_section(const options &o, const results &r, const condition_maps &c);
+// "t test, 40 dof, two-sided p" and the like, in HTML.
+std::string test_text(const condition_maps &c);
 std::string diagnostics_section(const options &o, const results &r);
 
 // printf-style text of at most 511 characters (page.cpp).

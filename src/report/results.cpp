@@ -289,43 +289,17 @@ bool read_basis(const std::string &dir, run_facts *f, std::string *error) {
     return true;
 }
 
-// The analysis file: its text, the smoothing, the correction, the conditions
-// and the signal files.
+// The analysis file through the bridge's reader: its text, the smoothing,
+// the correction, the conditions, the signal files and the names.
 void parse_analysis(const std::string &text, run_facts *f, std::vector<std::string> *conditions) {
-    std::istringstream lines(text);
-    std::string line;
-    bool overlapping = false;
-    while (std::getline(lines, line)) {
-        std::vector<std::string> w = words_of(line);
-        if (!w.empty() && (w[0] == "measurements" || w[0] == "measurements:")) overlapping = true;
-    }
-    lines.clear();
-    lines.seekg(0);
-    bool header = true, listing = false;
-    while (std::getline(lines, line)) {
-        std::vector<std::string> w = words_of(line);
-        if (w.empty()) continue;
-        bool event = w[0] == "event" || w[0] == "subjects" || w[0] == "sessions";
-        if (header && !event) {
-            if ((w[0] == "smoothing" || w[0] == "smooth") && w.size() >= 3) {
-                f->prior_smoothing = std::atof(w[1].c_str());
-                f->ratio_smoothing = std::atof(w[2].c_str());
-                f->smoothing_known = true;
-            } else if (w[0] == "multiple-comparisons" && w.size() >= 2) {
-                f->multiple_comparisons = std::atoi(w[1].c_str());
-            } else if (w[0] == "conditions") {
-                conditions->assign(w.begin() + 1, w.end());
-            }
-            continue;
-        }
-        header = false;
-        if (overlapping) {
-            if (listing) f->files.push_back(w[0]);
-            if (w[0] == "measurements" || w[0] == "measurements:") listing = true;
-        } else if (!event) {
-            f->files.push_back(w[0]);
-        }
-    }
+    f->header = bridge::read_analysis_header(text);
+    const bridge::analysis_header &h = f->header;
+    f->smoothing_known = h.smoothing_given;
+    f->prior_smoothing = h.prior_smoothing;
+    f->ratio_smoothing = h.ratio_smoothing;
+    f->multiple_comparisons = h.multiple_comparisons;
+    f->files = h.files;
+    *conditions = h.conditions;
 }
 
 // The conditions of the folder when no analysis file says them: every
@@ -344,22 +318,40 @@ std::vector<std::string> conditions_in(const std::string &dir) {
     return names;
 }
 
-// A condition's rows of coefficients over the events: "," starts a row, "-"
-// makes the rest of the row negative.
-std::vector<std::vector<int>> contrast_of(const std::string &name,
-                                          const std::vector<char> &events) {
-    std::vector<std::vector<int>> rows(1, std::vector<int>(events.size(), 0));
-    int sign = 1;
-    for (char c : name) {
+// A condition's rows of coefficients over the events: "," starts a row;
+// "-" makes what follows negative and "+" positive, until the next sign;
+// a number before "*" multiplies the one event character after it.
+std::vector<std::vector<double>> contrast_of(const std::string &name,
+                                             const std::vector<char> &events) {
+    std::vector<std::vector<double>> rows(1, std::vector<double>(events.size(), 0.0));
+    double sign = 1.0, factor = 1.0;
+    for (size_t k = 0; k < name.size(); ++k) {
+        const char c = name[k];
         if (c == ',') {
-            rows.emplace_back(events.size(), 0);
-            sign = 1;
-        } else if (c == '-') {
-            sign = -1;
-        } else {
-            for (size_t e = 0; e < events.size(); ++e)
-                if (events[e] == c) rows.back()[e] = sign;
+            rows.emplace_back(events.size(), 0.0);
+            sign = 1.0;
+            continue;
         }
+        if (c == '-' || c == '+') {
+            sign = c == '-' ? -1.0 : 1.0;
+            continue;
+        }
+        if ((c >= '0' && c <= '9') || c == '.') {
+            char *end = nullptr;
+            const double v = std::strtod(name.c_str() + k, &end);
+            const size_t next = static_cast<size_t>(end - name.c_str());
+            if (next < name.size() && name[next] == '*') {
+                factor = v;
+                k = next;
+                continue;
+            }
+        }
+        // An event character (digits are event characters too).
+        if (c != '.') {
+            for (size_t e = 0; e < events.size(); ++e)
+                if (events[e] == c) rows.back()[e] = sign * factor;
+        }
+        factor = 1.0;
     }
     return rows;
 }
@@ -436,7 +428,7 @@ bool load_results(const options &o, results *r, std::vector<std::string> *warnin
         f.analysis_path = analysis;
         parse_analysis(f.analysis_text, &f, &names);
         // With the converged estimate an estimate of 0 is analysed too.
-        if (bridge::analysis_uses_converged_reml(f.analysis_text)) {
+        if (f.header.converged) {
             for (size_t i = 0; i < r->size(); ++i)
                 r->analysed[i] = bridge::voxel_analysed(r->within[i], r->smoothed[i], true);
             f.analysed = static_cast<long>(std::count(r->analysed.begin(), r->analysed.end(), 1));
@@ -485,14 +477,26 @@ bool load_results(const options &o, results *r, std::vector<std::string> *warnin
     for (const std::string &name : names) {
         condition_maps c;
         c.name = name;
-        c.label = bridge::condition_label(name);
+        c.title = f.header.name_of(name);
+        c.label = bridge::condition_label(c.title);
         c.contrast = contrast_of(name, f.events);
-        volume_header ph;
-        if (!read_result(dir, "P-" + name, r->dims, 1, 1, &frames, &ph, error)) return false;
-        c.logp = frames[0];
-        f.smoothed_dof = ph.degrees_of_freedom;
-        if (!read_result(dir, "T-" + name, r->dims, 1, 1, &frames, &ph, error)) return false;
+        c.rows = bridge::condition_rows(name);
+        volume_header th;
+        if (!read_result(dir, "T-" + name, r->dims, 1, 1, &frames, &th, error)) return false;
         c.t = frames[0];
+        c.dof = th.degrees_of_freedom;
+        f.smoothed_dof = c.dof;
+        const bridge::p_values pv(c.rows, c.dof, f.multiple_comparisons);
+        c.corrected = pv.corrected();
+        c.corrected_from = pv.corrected_from();
+        c.logp.resize(c.t.size());
+        c.raw_log10p.resize(c.t.size());
+        for (size_t i = 0; i < c.t.size(); ++i) {
+            const bridge::p_values::at_t p = pv.at(r->analysed[i] ? c.t[i] : 0.0f);
+            c.raw_log10p[i] = static_cast<float>(p.log10_raw);
+            const double v = p.signed_logp;
+            c.logp[i] = std::isfinite(v) ? static_cast<float>(v) : 0.0f;
+        }
         r->conditions.push_back(std::move(c));
     }
     return load_background(o, r, error);

@@ -26,8 +26,8 @@ std::string cluster_table(const condition_maps &c) {
     if (c.clusters.empty()) return "<p><strong>No cluster passes the threshold.</strong></p>\n";
     std::string h =
         "<table><tr><th>Cluster</th><th>Sign</th><th>Voxels</th><th>Volume (mm&sup3;)</th>"
-        "<th>Peak x, y, z (mm)</th><th>Voxel i, j, k</th><th>T</th><th>P = &minus;log<sub>10</sub>"
-        " p</th></tr>\n";
+        "<th>Peak x, y, z (mm)</th><th>Voxel i, j, k</th><th>" +
+        std::string(c.rows > 1 ? "F" : "T") + "</th><th>&minus;log<sub>10</sub> p</th></tr>\n";
     for (size_t k = 0; k < c.clusters.size() && k < kMostClusters; ++k) {
         const cluster &cl = c.clusters[k];
         for (size_t q = 0; q < cl.peaks.size(); ++q) {
@@ -45,7 +45,8 @@ std::string cluster_table(const condition_maps &c) {
             h += format(
                 "<td class=\"n\">%.1f, %.1f, %.1f</td><td class=\"n\">%d, %d, %d</td>"
                 "<td class=\"n\">%.2f</td><td class=\"n\">%.2f</td></tr>\n",
-                p.mm[0], p.mm[1], p.mm[2], p.ijk[0], p.ijk[1], p.ijk[2], static_cast<double>(p.t),
+                p.mm[0], p.mm[1], p.mm[2], p.ijk[0], p.ijk[1], p.ijk[2],
+                c.rows > 1 ? static_cast<double>(p.t) * p.t : static_cast<double>(p.t),
                 static_cast<double>(p.logp));
         }
     }
@@ -79,40 +80,50 @@ std::string condition_section(const options &o, const results &r, const conditio
     for (const cluster &cl : c.clusters) (cl.sign > 0 ? npos : nneg) += 1;
 
     std::string h = "<h2 id=\"c-" + html_escape(c.label) + "\">Condition <code>" +
-                    html_escape(c.name) + "</code></h2>\n";
+                    html_escape(c.title) + "</code>" +
+                    (c.title != c.name ? " (<code>" + html_escape(c.name) + "</code>)" : "") +
+                    "</h2>\n";
     std::string rows;
     for (size_t k = 0; k < c.contrast.size(); ++k) {
         std::string row;
         for (size_t e = 0; e < c.contrast[k].size(); ++e) {
-            int x = c.contrast[k][e];
+            const double x = c.contrast[k][e];
             if (x == 0) continue;
             if (!row.empty())
                 row += x > 0 ? " + " : " &minus; ";
             else if (x < 0)
                 row += "&minus;";
-            row += r.facts.events[e];
+            if (std::fabs(x) != 1) row += format("%g ", std::fabs(x));
+            row += html_escape(r.facts.header.event_name(r.facts.events[e]));
         }
         rows += (k ? "; " : "") + (row.empty() ? std::string("0") : row);
     }
     h += "<p>Tests " + rows +
-         (c.contrast.size() > 1 ? " jointly (an F test; the colour is the sign of T, the signed "
-                                  "square root of F)"
-                                : ": red to yellow where it is above 0, blue where below") +
+         (c.rows > 1 ? " jointly: " + test_text(c) +
+                           ". An F test has no sign: every voxel past "
+                           "the threshold is shown in red to yellow"
+                     : ": " + test_text(c) +
+                           "; red to yellow where it is above 0, blue where "
+                           "below") +
          format(
-             ". %ld voxels pass |P| &ge; %g in clusters of at least %ld: %ld positive in %ld "
-             "cluster%s, %ld negative in %ld cluster%s. Files: <code>P-",
+             ". %ld voxels pass &minus;log<sub>10</sub> p &ge; %g in clusters of at least %ld: "
+             "%ld positive in %ld cluster%s, %ld negative in %ld cluster%s. Files: <code>T-",
              positive + negative, o.threshold, o.min_cluster, positive, npos, npos == 1 ? "" : "s",
              negative, nneg, nneg == 1 ? "" : "s") +
-         html_escape(c.name) + ".bfloat</code>, <code>T-" + html_escape(c.name) +
-         ".bfloat</code>; clusters in <code>contrast-" + html_escape(c.label) +
-         "_clusters.tsv</code>.</p>\n";
+         html_escape(c.name) +
+         ".bfloat</code> (p is computed from T); clusters in "
+         "<code>contrast-" +
+         html_escape(c.label) + "_clusters.tsv</code>.</p>\n";
 
     // Colour bar.
     std::string low = format("%.1f", o.threshold), high = format("%.1f", s.largest);
     h += "<div class=\"bar\">" +
-         bar_figure(colour_bar(-1, 200, 14), "&minus;" + high, "&minus;" + low,
-                    "negative T (P &le; &minus;" + low + ")") +
-         bar_figure(colour_bar(1, 200, 14), low, high, "positive T (P &ge; " + low + ")") +
+         (c.rows > 1 ? std::string()
+                     : bar_figure(colour_bar(-1, 200, 14), "&minus;" + high, "&minus;" + low,
+                                  "negative T (&minus;log<sub>10</sub> p &ge; " + low + ")")) +
+         bar_figure(colour_bar(1, 200, 14), low, high,
+                    std::string(c.rows > 1 ? "F" : "positive T") +
+                        " (&minus;log<sub>10</sub> p &ge; " + low + ")") +
          "</div>\n";
 
     // Axial slices, bottom first.
@@ -141,6 +152,18 @@ std::string condition_section(const options &o, const results &r, const conditio
              "<figcaption>" + names[along] + "</figcaption></figure>";
     h += "</div>\n";
     return h + cluster_table(c);
+}
+
+std::string test_text(const condition_maps &c) {
+    std::string t =
+        c.rows == 1 ? format("t test, %d dof, two-sided p", c.dof)
+                    : format("F test, %d and %d dof, p from the upper tail of F", c.rows, c.dof);
+    if (!c.corrected) return t + ", uncorrected";
+    if (!std::isfinite(c.corrected_from))
+        return t +
+               ", corrected (the Euler-characteristic formula never decreases at these "
+               "degrees of freedom: every corrected p is 1)";
+    return t + format(", corrected (1 where |T| &lt; %.3g)", c.corrected_from);
 }
 
 std::string diagnostics_section(const options &o, const results &r) {
@@ -180,26 +203,27 @@ std::string diagnostics_section(const options &o, const results &r) {
         h += "<p class=\"note\">The ratio smoothing was 0: there is no smoothed map.</p>\n";
 
     // p histograms.
-    h += "<p>The p values of each condition over the analysed voxels, in 20 bins from 0 (left) "
+    h += "<p>The uncorrected p values of each condition over the analysed voxels, in 20 bins from "
+         "0 (left) "
          "to 1 (right). Where nothing happens, p is uniform and the bars stand at the dashed "
          "line; real effects add a peak at the left. A slope or a bump elsewhere hints that the "
          "model does not fit the data.";
     if (r.facts.multiple_comparisons != 0)
-        h += " These are corrected p values: they pile up at 1 and are not uniform even where "
-             "nothing happens.";
+        h += " They are uncorrected even though the maps above show corrected p, which pile up "
+             "at 1 and say nothing about the fit.";
     h += "</p>\n<div class=\"views\">";
     for (const condition_maps &c : r.conditions) {
         std::vector<long> counts(20, 0);
         for (size_t i = 0; i < n; ++i) {
-            if (!r.analysed[i] || !std::isfinite(c.logp[i])) continue;
-            double p = std::pow(10.0, -std::fabs(static_cast<double>(c.logp[i])));
+            if (!r.analysed[i] || !std::isfinite(c.raw_log10p[i])) continue;
+            double p = std::pow(10.0, static_cast<double>(c.raw_log10p[i]));
             counts[std::min(19, static_cast<int>(p * 20))] += 1;
         }
         h += "<figure style=\"width:240px\">" +
-             img_tag(histogram_picture(counts, 240, 110), "p histogram of " + c.name) +
+             img_tag(histogram_picture(counts, 240, 110), "p histogram of " + c.title) +
              "<div class=\"ends\"><span>0</span><span>p</span><span>1</span></div><figcaption>"
              "condition <code>" +
-             html_escape(c.name) + "</code></figcaption></figure>";
+             html_escape(c.title) + "</code></figcaption></figure>";
     }
     return h + "</div>\n";
 }

@@ -12,6 +12,7 @@
 #include <set>
 #include <sstream>
 
+#include "bridge.h"
 #include "test_support.h"
 
 namespace {
@@ -149,15 +150,20 @@ TEST_F(ReportRun, BlobsClustersPicturesAndPage) {
             EXPECT_GE(t.rows[k][0], t.rows[k - 1][0]);
             EXPECT_LE(t.rows[k][9], t.rows[k - 1][9]);
         }
-        // Voxels in clusters, by sign, equal a direct count of the P map.
+        // Voxels in clusters, by sign, equal a direct count of the voxels whose
+        // T passes p <= 0.001 (two-sided) at the header's degrees of freedom.
         std::string name = std::string(label) == "pMinusc" ? "p-c" : label;
-        std::vector<float> p =
-            test_support::read_floats(dir_->file("results/P-" + name + ".bfloat"));
-        ASSERT_EQ(p.size(), static_cast<size_t>(kNx * kNy * kNz));
+        std::vector<float> tmap =
+            test_support::read_floats(dir_->file("results/T-" + name + ".bfloat"));
+        ASSERT_EQ(tmap.size(), static_cast<size_t>(kNx * kNy * kNz));
+        const std::string hdr = read_file(dir_->file("results/T-" + name + ".hdr"));
+        const bridge::p_values pv(1, std::atoi(hdr.c_str() + hdr.find("degrees-of-freedom") + 18),
+                                  0);
         long positive = 0, negative = 0, in_positive = 0, in_negative = 0;
-        for (float x : p) {
-            positive += x >= 3.0f;
-            negative += x <= -3.0f;
+        for (float x : tmap) {
+            const float v = static_cast<float>(pv.signed_logp(x));
+            positive += v >= 3.0f;
+            negative += v <= -3.0f;
         }
         for (size_t k = 0; k < t.rows.size(); ++k)
             if (k == 0 || t.rows[k][0] != t.rows[k - 1][0])

@@ -164,7 +164,7 @@ TEST(ImportModel, AnalysisFileText) {
     const std::vector<std::string> signals = {"signal/s1.bfloat", "signal/s2.bfloat",
                                               "signal/s3.bfloat", "signal/s4.bfloat",
                                               "signal/s5.bfloat", "signal/s6.bfloat"};
-    bridge::analysis_header h{"t.tsv", 6, 8.5, 40, false, false};
+    bridge::analysis_settings h{"t.tsv", 6, 8.5, 40, false, false};
     const std::string head = std::string("# Written by fmri-rem-import ") + bridge::version() +
                              " from t.tsv\nsmoothing 6 8.5\n";
     EXPECT_EQ(bridge::analysis_text(h, m, bridge::translate_conditions("p patients-controls", m),

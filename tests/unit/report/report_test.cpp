@@ -30,9 +30,10 @@ int at(int i, int j, int k) {
     return (k * kY + j) * kX + i;
 }
 
-// Condition a: a ball of d^2 <= 5 around (5, 4, 3) with P = 6 - d^2/2, and a
-// ball of d^2 <= 2 around (9, 7, 5) with P = -(4 - d^2/2).  Condition a-b:
-// nothing.  The voxels with i = 0 were left out of the analysis.
+// Condition a: a ball of d^2 <= 5 around (5, 4, 3) with T = 1.5 (6 - d^2/2),
+// and a ball of d^2 <= 2 around (9, 7, 5) with T = -1.5 (4 - d^2/2), all
+// past -log10 p = 3 at 40 dof (|T| >= 3.56).  Conditions a-b, a,b and
+// 0.5*a+0.5*b: nothing.  The voxels with i = 0 were left out of the analysis.
 void write_results(const std::string &dir) {
     std::vector<float> sigma2(3 * kN, 0.0f), p(kN, 0.0f), t(kN, 0.0f), zero(kN, 0.0f);
     for (int k = 0; k < kZ; ++k)
@@ -51,16 +52,19 @@ void write_results(const std::string &dir) {
                            {"P-a", &p},
                            {"T-a", &t},
                            {"P-a-b", &zero},
-                           {"T-a-b", &zero}}) {
+                           {"T-a-b", &zero},
+                           {"T-a,b", &zero},
+                           {"T-0.5*a+0.5*b", &zero}}) {
         write_file(dir + "/" + stem + ".hdr", header(v->size() / kN, 40));
         write_floats(dir + "/" + stem + ".bfloat", *v);
     }
     write_file(dir + "/basis.dat",
                "x eventa eventb \n0 1.000000 0.000000 \n1 1.000000 0.000000 \n"
                "2 0.000000 1.000000 \n3 0.000000 1.000000 \n");
-    write_file(dir + "/study.rem",
-               "smoothing 4 6\nconditions a a-b\nevent a\nin/a1.bfloat\nin/a2.bfloat\n"
-               "event b\nin/b1.bfloat\nin/b2.bfloat\n");
+    write_file(
+        dir + "/study.rem",
+        "smoothing 4 6\nconditions a a-b a,b 0.5*a+0.5*b\nevent a\nin/a1.bfloat\nin/a2.bfloat\n"
+        "event b\nin/b1.bfloat\nin/b2.bfloat\n");
     write_file(dir + "/.vistra", "vt -r study.rem\n");
     test_support::run_command("mkdir -p in", dir);
     const char *files[] = {"a1", "a2", "b1", "b2"};
@@ -92,13 +96,14 @@ TEST(Report, PlantedBlobsAndTheRunOnThePage) {
     EXPECT_TRUE(out.warnings.empty());
     EXPECT_EQ(out.page, dir.file("report.html"));
 
-    // Ball of d^2 <= 5: 1 + 6 + 12 + 8 + 6 + 24 voxels; d^2 <= 2: 1 + 6 + 12.
-    // 3 mm voxels: 27 mm^3 each.
+    // Ball of d^2 <= 5 (peak_logp from scipy.stats.t.sf at 40 dof): 1 + 6 + 12 + 8 + 6 + 24 voxels;
+    // d^2 <= 2: 1 + 6 + 12. 3 mm voxels: 27 mm^3 each.
     EXPECT_EQ(read_file(dir.file("contrast-a_clusters.tsv")),
               "cluster\tpeak_i\tpeak_j\tpeak_k\tpeak_x_mm\tpeak_y_mm\tpeak_z_mm\tpeak_t\t"
               "peak_logp\tvoxels\tvolume_mm3\n"
-              "1\t5\t4\t3\t15.00\t12.00\t9.00\t9.0000\t6.0000\t57\t1539.00\n"
-              "2\t9\t7\t5\t27.00\t21.00\t15.00\t-6.0000\t-4.0000\t19\t513.00\n");
+              "1\t5\t4\t3\t15.00\t12.00\t9.00\t9.0000\t10.4341\t57\t1539.00\n"
+              "2\t9\t7\t5\t27.00\t21.00\t15.00\t-6.0000\t-6.3255\t19\t513.00\n");
+    EXPECT_TRUE(file_exists(dir.file("contrast-0p5TimesaPlus0p5Timesb_clusters.tsv")));
     EXPECT_EQ(read_file(dir.file("contrast-aMinusb_clusters.tsv")),
               "cluster\tpeak_i\tpeak_j\tpeak_k\tpeak_x_mm\tpeak_y_mm\tpeak_z_mm\tpeak_t\t"
               "peak_logp\tvoxels\tvolume_mm3\n");
@@ -108,21 +113,31 @@ TEST(Report, PlantedBlobsAndTheRunOnThePage) {
          {"event a: 2, event b: 2 (4 files in all)", "960 in the volume",
           "880 analysed, 80 left out", "4 mm FWHM in the single-subject analyses; 6 mm FWHM",
           "fixed 100 (the files' own", "random 2 (files minus events)", "smoothed 40",
-          "raw p, not corrected", "|P| &ge; 3, that is p &lt; 0.001",
+          "raw p, not corrected", "&minus;log<sub>10</sub> p &ge; 3, that is p &le; 0.001",
+          "t test, 40 dof, two-sided p, uncorrected",
+          "F test, 2 and 40 dof, p from the upper tail of F, uncorrected",
+          "<td>0.5 a + 0.5 b</td><td class=\"n\">0.5</td><td class=\"n\">0.5</td>",
           "No cluster passes the threshold"})
         EXPECT_NE(page.find(fact), std::string::npos) << fact;
 
-    // With a correction the page says which p the maps hold; a NIfTI background
-    // on the results' grid is used.
+    // With a correction the page says which p it shows, from which |T| on
+    // (sqrt(3 nu / (nu - 3)) at nu = 40); names from the analysis file head
+    // the sections and label the tables; a NIfTI background on the results'
+    // grid is used.
     write_file(dir.file("corrected.rem"),
-               "multiple-comparisons 50\n" + read_file(dir.file("study.rem")));
+               "multiple-comparisons 50\n# condition a-b = alpha-beta\n# event a = alpha\n" +
+                   read_file(dir.file("study.rem")));
     write_background(dir.file("bg.nii.gz"), kX);
     o.analysis = dir.file("corrected.rem");
     o.background = dir.file("bg.nii.gz");
     o.output = dir.file("other.html");
     ASSERT_TRUE(report::make_report(o, &out, &error)) << error;
     const std::string other = read_file(dir.file("other.html"));
-    EXPECT_NE(other.find("corrected for multiple comparisons over 50"), std::string::npos);
+    for (const char *fact :
+         {"corrected for multiple comparisons over 50", "corrected (1 where |T| &lt; 1.8)",
+          "Condition <code>alpha-beta</code> (<code>a-b</code>)", "Tests alpha &minus; b"})
+        EXPECT_NE(other.find(fact), std::string::npos) << fact;
+    EXPECT_TRUE(file_exists(dir.file("contrast-alphaMinusbeta_clusters.tsv")));
     EXPECT_NE(other.find("Background: " + o.background), std::string::npos);
 }
 
