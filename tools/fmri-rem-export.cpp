@@ -22,11 +22,15 @@ int main(int argc, char **argv) {
                    "geometry.json written by fmri-rem-import (default: found beside the results)");
     app.footer(
         "Per condition: contrast-<label>_stat-<t|F|z|logp|effect|variance>_statmap.nii.gz (F "
-        "for a condition of several rows; in labels - is written Minus and , And). Once: "
+        "for a condition of several rows; the label is the condition's name from the analysis "
+        "file's comments, else its event characters, with - written Minus, , And, + Plus, "
+        "* Times, . p and : By). Once: "
         "desc-<within|between|betweensmoothed>_stat-variance_statmap.nii.gz, "
         "stat-residuals_statmap.nii.gz (after fmri-rem -r), mask.nii.gz, a JSON sidecar per map "
-        "and dataset_description.json. Values are the result files' values bit for bit, 0 "
-        "where a voxel was not analysed or a value is not finite.");
+        "and dataset_description.json. The t, F, effect and variance maps hold the result files' "
+        "values bit for bit; z and -log10 p are computed from T (two-sided t, upper tail of F; "
+        "p corrected where the analysis file sets multiple-comparisons); 0 where a voxel was not "
+        "analysed or a value is not finite.");
     app.set_version_flag("-V,--version", std::string("fmri-rem-export ") + bridge::version());
     if (const int status = parse_companion_command_line(app, argc, argv); status >= 0)
         return status;

@@ -46,6 +46,10 @@ struct staging {
     staging &operator=(const staging &) = delete;
     ~staging();
     std::string add(const std::string &final_path);  // the temporary name to write
+    // Creates `path` and its missing parents; those it created are removed
+    // again (when empty) unless the files are committed.
+    void make_dirs(const std::string &path);
+    std::vector<std::string> made_dirs;
     void commit();
 };
 // Reads `count` floats from `path` starting at float number `first`; throws.

@@ -144,8 +144,8 @@ condition_text translate(const std::string &w, const study_model &m) {
 std::vector<condition_text> translate_conditions(const std::string &text, const study_model &m) {
     std::vector<condition_text> out;
     size_t pos = 0, length = 0;
-    while ((pos = text.find_first_not_of(" \t", pos)) != std::string::npos) {
-        size_t end = text.find_first_of(" \t", pos);
+    while ((pos = text.find_first_not_of(" \t\r\n", pos)) != std::string::npos) {
+        size_t end = text.find_first_of(" \t\r\n", pos);
         out.push_back(translate(text.substr(pos, end == std::string::npos ? end : end - pos), m));
         length += out.back().events.size() + 1;
         pos = end;

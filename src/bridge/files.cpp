@@ -78,8 +78,19 @@ void rename_or_throw(const std::string &from, const std::string &to) {
 }
 
 staging::~staging() {
-    if (!committed)
-        for (const auto &f : files) std::remove(f.first.c_str());
+    if (committed) return;
+    for (const auto &f : files) std::remove(f.first.c_str());
+    for (auto d = made_dirs.rbegin(); d != made_dirs.rend(); ++d) rmdir(d->c_str());
+}
+
+void staging::make_dirs(const std::string &path) {
+    std::vector<std::string> missing;
+    for (std::string p = path; !p.empty() && !is_dir(p); p = parent_dir(p)) {
+        missing.push_back(p);
+        if (parent_dir(p) == p) break;
+    }
+    bridge::make_dirs(path);
+    made_dirs.insert(made_dirs.end(), missing.rbegin(), missing.rend());
 }
 
 std::string staging::add(const std::string &final_path) {

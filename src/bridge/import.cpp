@@ -283,8 +283,8 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     image mask_image;
     if (!o.mask.empty()) mask_image = read_image(o.mask, -1);
     const std::vector<double> &mask = mask_image.values;
-    make_dirs(join_path(o.out_dir, "signal"));
     staging stage;
+    stage.make_dirs(join_path(o.out_dir, "signal"));
     std::vector<uint16_t> missing;      // per voxel: the subjects without a value
     std::vector<int> unit_error_lines;  // rows whose standard errors are all 1
     std::vector<std::string> analyze_files, unoriented_files;

@@ -99,13 +99,17 @@ image read_image(const std::string &path, int volume) {
     nim_ptr head(nifti_image_read(path.c_str(), 0));
     if (!head) throw failure("cannot read " + path + " as a NIfTI-1 image");
     nifti_image *h = head.get();
-    for (int d = 5; d <= 7; ++d)
-        if (h->ndim >= d && h->dim[d] > 1) throw failure(path + " has more than four dimensions");
+    // Volumes run along the fourth dimension, or along the fifth when the fourth is 1: AFNI
+    // writes the sub-bricks of a bucket (not a time series) that way, as x y z 1 n.
+    const int along_t = h->ndim >= 4 && h->nt > 1 ? h->nt : 1;
+    const int along_u = h->ndim >= 5 && h->nu > 1 ? h->nu : 1;
+    if ((along_t > 1 && along_u > 1) || (h->ndim >= 6 && h->nv > 1) || (h->ndim >= 7 && h->nw > 1))
+        throw failure(path + " has more than four dimensions");
     image im;
     im.dims[0] = h->nx;
     im.dims[1] = h->ny > 0 ? h->ny : 1;
     im.dims[2] = h->nz > 0 ? h->nz : 1;
-    im.frames = h->ndim >= 4 && h->nt > 1 ? h->nt : 1;
+    im.frames = along_t > 1 ? along_t : along_u;
     if (volume < 0 && im.frames > 1)
         throw failure(path + " is 4-D (" + std::to_string(im.frames) +
                       " volumes): give the volume (0-based) as " + path +

@@ -164,8 +164,10 @@ std::string design_section(const results &r) {
     const int cell_w = 56, cell_h = std::max(4, std::min(16, 480 / std::max(rows, 1)));
     const int every = (12 + cell_h - 1) / cell_h;
     std::string h = "<h2 id=\"design\">The design</h2>\n";
-    h += "<p>The design matrix (<code>basis.dat</code>): one row per file, one column per event; "
-         "white is 1, black 0 (grey levels in between, darker below 0).</p>\n";
+    h +=
+        "<p>The design matrix (<code>basis.dat</code>): one row per file, one column per event; "
+        "each column on its own grey scale from its smallest value (black) to its largest (white), "
+        "0 included, so a group column of 0 and 1 is black and white.</p>\n";
     h += "<div class=\"design\"><div></div><div class=\"cols\">";
     for (char e : f.events)
         h += format("<span style=\"width:%dpx\" title=\"", cell_w) +

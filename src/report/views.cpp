@@ -169,17 +169,19 @@ image sequential_bar(int width, int height) {
 image design_picture(const run_facts &f, int cell_width, int cell_height) {
     const int rows = static_cast<int>(f.design.size());
     const int cols = static_cast<int>(f.events.size());
-    double low = 0.0, high = 0.0;
+    // Each column on its own grey scale, 0 included, so that a 0/1 group column reads black and
+    // white beside a covariate of much larger values.
+    std::vector<double> low(cols, 0.0), high(cols, 0.0);
     for (const auto &row : f.design)
-        for (double x : row) {
-            low = std::min(low, x);
-            high = std::max(high, x);
+        for (int e = 0; e < cols && e < static_cast<int>(row.size()); ++e) {
+            low[e] = std::min(low[e], row[e]);
+            high[e] = std::max(high[e], row[e]);
         }
-    if (!(high > low)) high = low + 1.0;
     image im(cols * cell_width, rows * cell_height, rgb{128, 128, 128});
     for (int i = 0; i < rows; ++i)
-        for (int e = 0; e < cols; ++e) {
-            double s = (f.design[i][e] - low) / (high - low);
+        for (int e = 0; e < cols && e < static_cast<int>(f.design[i].size()); ++e) {
+            double span = high[e] > low[e] ? high[e] - low[e] : 1.0;
+            double s = (f.design[i][e] - low[e]) / span;
             uint8_t g = static_cast<uint8_t>(std::lround(20 + 225 * s));
             for (int y = 0; y < cell_height; ++y)
                 for (int x = 0; x < cell_width; ++x) {

@@ -90,5 +90,7 @@ TEST(Bridge, BadInputEndsWithOneErrorLine) {
         CommandResult left =
             run_command("find study results/nifti empty -type f 2>/dev/null", tmp.path());
         EXPECT_EQ(left.out, "");
+        EXPECT_EQ(run_command("ls -d study 2>/dev/null", tmp.path()).out, "")
+            << "the import left an empty study folder";
     }
 }

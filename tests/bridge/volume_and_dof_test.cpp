@@ -43,8 +43,12 @@ void write_inputs(const TempDir &tmp) {
     bucket.insert(bucket.end(), kT.begin(), kT.end());
     bridge_test::write_nifti(tmp.file("bucket.nii.gz"), grid(3), bucket);
     // The same bucket with AFNI's sub-brick labels and statistics (F(2, 412),
-    // t(412)) in its NIfTI extension.
+    // t(412)) in its NIfTI extension, its sub-bricks along the fifth
+    // dimension (x y z 1 3) as AFNI writes a bucket.
     bridge_test::nifti_ptr labelled = bridge_test::read_nifti(tmp.file("bucket.nii.gz"));
+    labelled->ndim = labelled->dim[0] = 5;
+    labelled->nt = labelled->dim[4] = 1;
+    labelled->nu = labelled->dim[5] = 3;
     const std::string xml =
         "<?xml version='1.0' ?>\n<AFNI_attributes ni_form=\"ni_group\" >\n<AFNI_atr\n"
         "  ni_type=\"String\"\n  ni_dimen=\"1\"\n  atr_name=\"BRICK_LABS\" >\n"

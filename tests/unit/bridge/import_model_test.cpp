@@ -133,6 +133,8 @@ TEST(ImportModel, ConditionsByName) {
         EXPECT_EQ(out[0].events, c.events);
         EXPECT_EQ(out[0].names, c.names);
     }
+    // A conditions text wrapped onto two lines (as pasted from a shell) splits at the line break.
+    EXPECT_EQ(bridge::translate_conditions("p-c\n   age:patients", m).size(), 2u);
     const struct {
         const char *given, *message;
     } bad[] = {
