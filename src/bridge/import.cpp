@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -249,6 +250,21 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         j["model"].push_back(
             {{"name", c.name}, {"event", std::string(1, c.event)}, {"values", c.values}});
     if (!o.paired.empty()) j["paired"] = {pairs.first, pairs.second};
+    // The sources are written one at a time where a marker stands in the
+    // record, which is never held whole.
+    const std::string marker = "\x01sources\x01";
+    if (!order.empty()) j["sources"] = marker;
+    const std::string text = j.dump(2) + "\n", quoted = nlohmann::json(marker).dump();
+    const size_t at = order.empty() ? text.size() : text.find(quoted);
+    const std::string geometry_path = join_path(o.out_dir, "geometry.json");
+    std::unique_ptr<FILE, int (*)(FILE *)> f(std::fopen(stage.add(geometry_path).c_str(), "wb"),
+                                             std::fclose);
+    bool ok = f != nullptr;
+    auto put = [&](const std::string &piece) {
+        ok = ok && std::fwrite(piece.data(), 1, piece.size(), f.get()) == piece.size();
+    };
+    put(text.substr(0, at));
+    const char *between = "[\n    ";
     for (const row &w : rows) {
         const size_t u = unit_of[&w - rows.data()];
         if (u == units.size()) continue;  // a row left out of the pairs
@@ -267,11 +283,17 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         if (w.dof_value != w.dof) s["dof_given"] = w.dof_value;
         s["dof_file"] =
             w.dof_source.empty() ? nlohmann::json() : nlohmann::json(full_path(w.dof_source));
-        j["sources"].push_back(s);
+        std::string piece = s.dump(2);  // indented as an element of "sources"
+        for (size_t k = piece.find('\n'); k != std::string::npos; k = piece.find('\n', k + 1))
+            piece.insert(k + 1, "    ");
+        put(between + piece);
+        between = ",\n    ";
     }
+    if (at < text.size()) put("\n  ]" + text.substr(at + quoted.size()));
+    if (f != nullptr) ok = std::fclose(f.release()) == 0 && ok;
+    if (!ok) throw failure("cannot write " + geometry_path + " (disk full?)");
 
     stage.commit();
-    write_text_atomic(join_path(o.out_dir, "geometry.json"), j.dump(2) + "\n");
     write_text_atomic(join_path(o.out_dir, "analysis.rem"), rem);
 
     size_t outside = 0, lost = 0, empty = 0;

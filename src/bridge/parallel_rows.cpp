@@ -255,8 +255,8 @@ rows_read read_signal_units(const row_reading &in, std::ostream &err) {
 #else
     work(s, &counts[0]);
 #endif
-    if (in.progress) err << "\r" << std::string(40, ' ') << "\r" << std::flush;
     if (s.first_bad.load() != SIZE_MAX) throw failure(s.errors.at(s.first_bad.load()));
+    if (in.progress) err << "\r" << std::string(40, ' ') << "\r" << std::flush;
 
     out.missing.swap(counts[0]);
     for (int t = 1; t < threads; ++t)
