@@ -84,6 +84,8 @@ int main(int argc, char **argv) {
         "independent; a first-level contrast of the two is better where there is one.\n\nA voxel "
         "where a value is not finite, "
         "the standard error is not positive or the mask is 0 is left out for that subject.\n\n"
+        "Rows are read on all cores (OMP_NUM_THREADS to use fewer), with the same results for "
+        "any number; with --reml classic a table gives at most 200 signal files.\n\n"
         "Then: cd DIR && fmri-rem analysis.rem && fmri-rem-export");
     app.set_version_flag("-V,--version", std::string("fmri-rem-import ") + bridge::version());
     if (const int status = parse_companion_command_line(app, argc, argv); status >= 0)

@@ -10,32 +10,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 
 #include "bridge_internal.h"
 #include "first_level.h"
 #include "import_model.h"
+#include "import_rows.h"
 
 namespace bridge {
 
 namespace {
 
-const int kMaxFiles = 200;  // fmri-rem's limit
-
-enum class error_kind { stderr_, variance, tstat };
-const char *kind_name(error_kind k) {
-    return k == error_kind::stderr_ ? "stderr" : k == error_kind::variance ? "variance" : "tstat";
-}
-
-struct row {
-    int line = 0;
-    std::string id, group, effect, error, dof_source;
-    error_kind kind = error_kind::stderr_;
-    int dof = 0, effect_volume = -1, error_volume = -1;
-    double dof_value = 0;  // as given; dof is this rounded down
-    double weight = 1;
-};
+const size_t kMaxFiles = 200;  // fmri-rem's limit with the classic estimate
 
 bool parse_double(const std::string &s, double *v) {
     char *end = nullptr;
@@ -126,51 +114,6 @@ std::vector<row> read_rows(const table &t) {
     return rows;
 }
 
-struct grid {
-    bool set = false;
-    image first;
-    std::string source;
-};
-
-void check_grid(grid *g, const image &im, const std::string &path) {
-    if (!g->set) {
-        g->first = im;
-        g->first.values.clear();
-        g->source = path;
-        g->set = true;
-        return;
-    }
-    const image &f = g->first;
-    if (im.dims[0] != f.dims[0] || im.dims[1] != f.dims[1] || im.dims[2] != f.dims[2])
-        throw failure(path + " has " + std::to_string(im.dims[0]) + " x " +
-                      std::to_string(im.dims[1]) + " x " + std::to_string(im.dims[2]) +
-                      " voxels, " + g->source + " " + std::to_string(f.dims[0]) + " x " +
-                      std::to_string(f.dims[1]) + " x " + std::to_string(f.dims[2]));
-    if (!(affine_difference(im.affine, f.affine) <= 1e-3))
-        throw failure(path + " is not on the grid of " + g->source +
-                      " (their affines differ by more than 1e-3 mm)");
-}
-
-native_header signal_header(const image &g, int dof) {
-    native_header h;
-    h.nx = g.dims[0];
-    h.ny = g.dims[1];
-    h.nz = g.dims[2];
-    h.nt = 2;
-    h.dof = dof;
-    for (int a = 0; a < 3; ++a) {
-        double norm = 0, largest = 0;
-        for (int r = 0; r < 3; ++r) {
-            norm += g.affine[r][a] * g.affine[r][a];
-            if (std::fabs(g.affine[r][a]) > std::fabs(largest)) largest = g.affine[r][a];
-        }
-        h.resolution[a] = static_cast<float>(std::sqrt(norm));
-        h.direction[a] = largest < 0 ? -1.0f : 1.0f;
-        h.origin[a] = static_cast<float>(g.affine[a][3]);
-    }
-    return h;
-}
-
 // What the model is, before the counts of voxels.
 void print_summary(const import_options &o, const study_model &m,
                    const std::vector<condition_text> &conditions, const pairing &pairs,
@@ -205,17 +148,6 @@ void print_summary(const import_options &o, const study_model &m,
                 : "\n");
 }
 
-// The second session taken from the first: effect a - b, standard error
-// sqrt(se_a^2 + se_b^2) in double, left out (0) where either is.
-void subtract_session(std::vector<float> *a, const std::vector<float> &b) {
-    const size_t n = a->size() / 2;
-    for (size_t i = 0; i < n; ++i) {
-        const double sa = (*a)[n + i], sb = b[n + i];
-        (*a)[i] = static_cast<float>(static_cast<double>((*a)[i]) - b[i]);
-        (*a)[n + i] = sa > 0 && sb > 0 ? static_cast<float>(std::sqrt(sa * sa + sb * sb)) : 0.0f;
-    }
-}
-
 std::vector<std::string> signal_names(const std::vector<signal_unit> &units) {
     std::vector<std::string> signals;
     std::set<std::string> names;
@@ -240,9 +172,12 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     pairing pairs;
     const std::vector<signal_unit> units =
         o.paired.empty() ? single_rows(t) : pair_rows(t, o.paired, &pairs);
-    if (units.size() > static_cast<size_t>(kMaxFiles))
+    if (!o.converged && units.size() > kMaxFiles)
         throw failure(t.path + " gives " + std::to_string(units.size()) +
-                      " signal files; fmri-rem analyses at most " + std::to_string(kMaxFiles));
+                      " signal files; fmri-rem analyses at most " + std::to_string(kMaxFiles) +
+                      " with --reml classic (any number with --reml converged)");
+    if (rows.size() > UINT32_MAX)
+        throw failure(t.path + " has more than " + std::to_string(UINT32_MAX) + " rows");
     model_options mo;
     for (const std::string &name : o.covariates) mo.covariates.push_back(trim(name));
     for (const std::string &name : o.by_group) mo.by_group.push_back(trim(name));
@@ -279,77 +214,29 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     for (size_t u = 0; u < units.size(); ++u)
         for (size_t r : units[u].rows) unit_of[r] = u, order.push_back(r);
 
-    grid g;
     image mask_image;
     if (!o.mask.empty()) mask_image = read_image(o.mask, -1);
     const std::vector<double> &mask = mask_image.values;
     staging stage;
     stage.make_dirs(join_path(o.out_dir, "signal"));
-    std::vector<uint16_t> missing;      // per voxel: the subjects without a value
-    std::vector<int> unit_error_lines;  // rows whose standard errors are all 1
-    std::vector<std::string> analyze_files, unoriented_files;
-    std::vector<float> first;  // a pair's first session until its second is read
-    for (size_t r : order) {
-        const row &w = rows[r];
-        if (o.progress) err << "\rReading row " << r + 1 << " of " << rows.size() << std::flush;
-        image effect = read_image(w.effect, w.effect_volume);
-        check_grid(&g, effect, w.effect);
-        if (r == order[0] && !o.mask.empty()) check_grid(&g, mask_image, o.mask);
-        image error = read_image(w.error, w.error_volume);
-        check_grid(&g, error, w.error);
-        for (const auto &[im, path] : {std::pair(&effect, &w.effect), {&error, &w.error}}) {
-            if (im->analyze) analyze_files.push_back(*path);
-            if (!im->analyze && im->qform_code <= 0 && im->sform_code <= 0)
-                unoriented_files.push_back(*path);
-        }
-        const size_t n = effect.values.size();
-        if (missing.empty()) missing.assign(n, 0);
-        std::vector<float> data(2 * n);
-        size_t valid = 0;
-        bool all_one = true;  // every usable standard error is 1
-        for (size_t i = 0; i < n; ++i) {
-            const double e = effect.values[i], x = error.values[i];
-            double se = w.kind == error_kind::stderr_    ? x
-                        : w.kind == error_kind::variance ? std::sqrt(x)
-                                                         : std::fabs(e / x);
-            float ef = static_cast<float>(e), sf = static_cast<float>(se);
-            bool ok = std::isfinite(e) && std::isfinite(x) && std::isfinite(ef) &&
-                      std::isfinite(sf) && sf > 0.0f && (mask.empty() || mask[i] != 0.0);
-            data[i] = std::isfinite(ef) ? ef : 0.0f;
-            data[n + i] = ok ? sf : 0.0f;
-            if (ok)
-                ++valid;
-            else
-                ++missing[i];
-            if (ok && std::fabs(sf - 1.0f) > 1e-6f) all_one = false;
-        }
-        if (valid == 0)
-            err << "Warning: " << w.effect << " (line " << w.line
-                << ") has no voxel with a usable effect and error\n";
-        else if (all_one)
-            unit_error_lines.push_back(w.line);
-        const signal_unit &unit = units[unit_of[r]];
-        if (unit.rows.size() == 2 && r == unit.rows[0]) {
-            first.swap(data);
-            continue;
-        }
-        int dof = w.dof;
-        if (unit.rows.size() == 2) {  // the difference, with the smaller dof
-            subtract_session(&first, data);
-            data.swap(first);
-            dof = std::min(dof, rows[unit.rows[0]].dof);
-        }
-        const std::string data_path = join_path(o.out_dir, signals[unit_of[r]]);
-        const std::string header_path = data_path.substr(0, data_path.size() - 6) + "hdr";
-        stage.files.emplace_back(temporary_name(data_path, ""), data_path);
-        write_bytes(stage.files.back().first, data.data(), data.size() * sizeof(float));
-        const std::string text = native_header_text(signal_header(g.first, dof));
-        stage.files.emplace_back(temporary_name(header_path, ""), header_path);
-        write_bytes(stage.files.back().first, text.data(), text.size());
+    row_reading reading;
+    reading.table = t.path;
+    reading.rows = &rows;
+    reading.units = &units;
+    for (const std::string &signal : signals) {
+        const std::string data_path = join_path(o.out_dir, signal);
+        reading.data_files.push_back(stage.add(data_path));
+        reading.header_files.push_back(
+            stage.add(data_path.substr(0, data_path.size() - 6) + "hdr"));
     }
-    if (o.progress) err << "\r" << std::string(40, ' ') << "\r" << std::flush;
-    err << unit_error_warning(unit_error_lines, rows.size())
-        << unoriented_warning(unoriented_files);
+    reading.mask = o.mask;
+    if (!o.mask.empty()) reading.mask_image = &mask_image;
+    reading.progress = o.progress;
+    const rows_read found = read_signal_units(reading, err);
+    const grid &g = found.g;
+    const std::vector<uint32_t> &missing = found.missing;
+    err << found.warnings << unit_error_warning(found.unit_error_lines, rows.size())
+        << unoriented_warning(found.unoriented_files);
 
     // geometry.json: the exact grid, the model, where everything came from.
     nlohmann::json j;
@@ -369,6 +256,21 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         j["model"].push_back(
             {{"name", c.name}, {"event", std::string(1, c.event)}, {"values", c.values}});
     if (!o.paired.empty()) j["paired"] = {pairs.first, pairs.second};
+    // The sources are written one at a time where a marker stands in the
+    // record, which is never held whole.
+    const std::string marker = "\x01sources\x01";
+    if (!order.empty()) j["sources"] = marker;
+    const std::string text = j.dump(2) + "\n", quoted = nlohmann::json(marker).dump();
+    const size_t at = order.empty() ? text.size() : text.find(quoted);
+    const std::string geometry_path = join_path(o.out_dir, "geometry.json");
+    std::unique_ptr<FILE, int (*)(FILE *)> f(std::fopen(stage.add(geometry_path).c_str(), "wb"),
+                                             std::fclose);
+    bool ok = f != nullptr;
+    auto put = [&](const std::string &piece) {
+        ok = ok && std::fwrite(piece.data(), 1, piece.size(), f.get()) == piece.size();
+    };
+    put(text.substr(0, at));
+    const char *between = "[\n    ";
     for (const row &w : rows) {
         const size_t u = unit_of[&w - rows.data()];
         if (u == units.size()) continue;  // a row left out of the pairs
@@ -387,11 +289,17 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         if (w.dof_value != w.dof) s["dof_given"] = w.dof_value;
         s["dof_file"] =
             w.dof_source.empty() ? nlohmann::json() : nlohmann::json(full_path(w.dof_source));
-        j["sources"].push_back(s);
+        std::string piece = s.dump(2);  // indented as an element of "sources"
+        for (size_t k = piece.find('\n'); k != std::string::npos; k = piece.find('\n', k + 1))
+            piece.insert(k + 1, "    ");
+        put(between + piece);
+        between = ",\n    ";
     }
+    if (at < text.size()) put("\n  ]" + text.substr(at + quoted.size()));
+    if (f != nullptr) ok = std::fclose(f.release()) == 0 && ok;
+    if (!ok) throw failure("cannot write " + geometry_path + " (disk full?)");
 
     stage.commit();
-    write_text_atomic(join_path(o.out_dir, "geometry.json"), j.dump(2) + "\n");
     write_text_atomic(join_path(o.out_dir, "analysis.rem"), rem);
 
     size_t outside = 0, lost = 0, empty = 0;
@@ -415,7 +323,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     std::vector<std::pair<int, double>> rounded;
     for (const row &w : rows)
         if (w.dof_value != w.dof) rounded.emplace_back(w.line, w.dof_value);
-    out << rounded_dof_note(rounded) << analyze_note(analyze_files);
+    out << rounded_dof_note(rounded) << analyze_note(found.analyze_files);
     out << "Wrote " << join_path(o.out_dir, "analysis.rem") << ", "
         << join_path(o.out_dir, "geometry.json") << " and " << units.size() << " signal files in "
         << join_path(o.out_dir, "signal/") << ".\n";

@@ -95,7 +95,9 @@ image read_image(const std::string &path, int volume) {
     if (ends_with(path, ".HEAD") || ends_with(path, ".BRIK") || ends_with(path, ".BRIK.gz"))
         throw failure(path + " is an AFNI dataset; convert it with 3dAFNItoNIFTI");
     reject_nifti2(path);
-    nifti_set_debug_level(0);
+    // Once (the import reads on several threads; the level is the library's global).
+    static const bool quiet = (nifti_set_debug_level(0), true);
+    (void)quiet;
     nim_ptr head(nifti_image_read(path.c_str(), 0));
     if (!head) throw failure("cannot read " + path + " as a NIfTI-1 image");
     nifti_image *h = head.get();
