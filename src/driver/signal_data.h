@@ -96,8 +96,8 @@ class signal_chunks {
     int next_first_ = 0;  // the chunk to read ahead
     int next_count_ = 0;
     std::vector<const streamed_signal_file *> streamed_;  // per file, or null in memory
-    std::vector<float> values_;   // chunk x 2 x nfiles
-    std::vector<float> staging_;  // batch x 2 x chunk
+    std::vector<float> values_;                           // chunk x 2 x nfiles
+    std::vector<float> staging_;                          // batch x 2 x chunk
 };
 
 #endif

@@ -264,8 +264,7 @@ int load_signal_files(int read_on_demand) {
             !overwritten_by_results(status)) {
             ::close(fd);
             if (status.st_size < needed) {
-                std::printf("Error reading the floating point data from file %s\n",
-                            entry->name);
+                std::printf("Error reading the floating point data from file %s\n", entry->name);
                 return 1;
             }
             streamed.push_back(

@@ -147,8 +147,8 @@ const char kEventCharacterMissing[] = "Error: `event' requires a character argum
 // Takes one file line: the path and an optional weight (default 1.0).
 bool add_file(const char *word, const char *rest, bool record_weight_given) {
     // "reml converged" lifts the capacity of the classic estimate.
-    const int most = REM_input.reml_method == REM_REML_CONVERGED ? REM_MAX_CONVERGED_FILES
-                                                                  : REM_MAX_FILES;
+    const int most =
+        REM_input.reml_method == REM_REML_CONVERGED ? REM_MAX_CONVERGED_FILES : REM_MAX_FILES;
     if (REM.nfiles >= most) {
         printf("Error: line %d of file '%s' lists more than %d files.\n", g_line, g_path, most);
         return false;
@@ -435,8 +435,7 @@ int REMInternal_read_control_file_overlapping_events(FILE *file) {
             for (int i = REM.range_start[e][r]; i <= REM.range_stop[e][r]; ++i) covered[i] = 1;
     for (int i = 0; i < REM.nfiles; ++i) {
         if (!covered[i])
-            printf("Warning: file %d [ %s ] is not included in any events!\n", i,
-                   REM_file_name(i));
+            printf("Warning: file %d [ %s ] is not included in any events!\n", i, REM_file_name(i));
     }
     free_int_vector(covered);
     return 0;
