@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# Times fmri-rem with "reml converged" on simulated cohort studies of two
+# groups (2 x 100, 2 x 1,000 and 2 x 5,000 files of 46 x 55 x 46 voxels of
+# 4 mm): wall and CPU time, peak resident memory, and the input read per
+# second against one plain read of the same files (cat > /dev/null, run just
+# before, so both meet the page cache in the same state).  Prints a table;
+# each study is deleted once it is timed.
+#   scripts/bench_scale.sh [build folder]
+# SUBJECTS="100 1000 5000" (per group) and BENCH_DIR (default bench-scale/)
+# choose the studies and where they are written.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-build}
+case $build in /*) ;; *) build=$root/$build ;; esac
+work=${BENCH_DIR:-$root/bench-scale}
+subjects=${SUBJECTS:-"100 1000 5000"}
+nx=46 ny=55 nz=46
+
+for program in fmri-rem fmri-rem-simulate; do
+    if [ ! -x "$build/$program" ]; then
+        echo "Error: $build/$program is not built (make build)" >&2
+        exit 1
+    fi
+done
+if [ ! -x /usr/bin/time ]; then
+    echo "Error: /usr/bin/time is needed (Debian package time)" >&2
+    exit 1
+fi
+
+mkdir -p "$work"
+seconds() { date +%s.%N; }
+# Value of a line "<label>: value" of /usr/bin/time -v.
+field() { sed -n "s/^[[:space:]]*$1: //p" "$2"; }
+# h:mm:ss or m:ss.ss as seconds.
+wall_seconds() { awk -F: '{ s = 0; for (i = 1; i <= NF; ++i) s = s * 60 + $i; print s }'; }
+
+printf '%-8s %9s %9s %10s %9s %9s %9s %10s %8s\n' files "input GB" "cat s" "cat MB/s" \
+    "wall s" "CPU s" "RSS MB" "read MB/s" "wall/cat"
+for s in $subjects; do
+    files=$((2 * s))
+    need=$((files * nx * ny * nz * 8 + 100000000))
+    free=$(df --output=avail -B1 "$work" | tail -1)
+    if [ "$free" -lt "$need" ]; then
+        echo "Error: $files files need $((need / 1000000)) MB in $work; $((free / 1000000)) MB are free" >&2
+        exit 1
+    fi
+    study=$work/study-$files
+    run=$work/run-$files
+    rm -rf "$study" "$run"
+    "$build/fmri-rem-simulate" -o "$study" --size $nx $ny $nz --voxel 4 --subjects "$s" \
+        --converged --smoothing 6 8 --prefix "../$(basename "$study")/" > /dev/null
+    bytes=$(find "$study" -name 'subject-*.bfloat' -printf '%s\n' | awk '{ s += $1 } END { print s }')
+
+    start=$(seconds)
+    find "$study" -name 'subject-*.bfloat' -print0 | xargs -0 cat > /dev/null
+    cat_s=$(echo "$(seconds) - $start" | bc -l)
+
+    mkdir -p "$run"
+    (cd "$run" && /usr/bin/time -v "$build/fmri-rem" "../$(basename "$study")/analysis.rem" \
+        > fmri-rem.log 2> time.txt) || {
+        echo "Error: fmri-rem failed on $files files (see $run)" >&2
+        exit 1
+    }
+    wall=$(field "Elapsed (wall clock) time (h:mm:ss or m:ss)" "$run/time.txt" | wall_seconds)
+    user=$(field "User time (seconds)" "$run/time.txt")
+    system=$(field "System time (seconds)" "$run/time.txt")
+    rss=$(field "Maximum resident set size (kbytes)" "$run/time.txt")
+    awk -v f="$files" -v b="$bytes" -v c="$cat_s" -v w="$wall" -v u="$user" -v y="$system" \
+        -v r="$rss" 'BEGIN {
+            printf "%-8d %9.2f %9.1f %10.0f %9.1f %9.1f %9.0f %10.0f %8.1f\n",
+                f, b / 1e9, c, b / 1e6 / c, w, u + y, r / 1024, b / 1e6 / w, w / c }'
+    rm -rf "$study" "$run"
+done
