@@ -34,8 +34,8 @@ void read_ahead(int fd, uint64_t voxels, int first, int count) {
     if (count <= 0) return;
     const off_t bytes = static_cast<off_t>(count) * static_cast<off_t>(sizeof(float));
     for (uint64_t frame = 0; frame < 2; ++frame) {
-        const off_t at = static_cast<off_t>((frame * voxels + static_cast<uint64_t>(first)) *
-                                            sizeof(float));
+        const off_t at =
+            static_cast<off_t>((frame * voxels + static_cast<uint64_t>(first)) * sizeof(float));
         ::posix_fadvise(fd, at, bytes, POSIX_FADV_WILLNEED);
     }
 }
@@ -129,8 +129,7 @@ bool signal_chunks::read_batch(size_t k0, size_t k1, int first, int count) {
         float *to = staging_.data() + 2 * b * chunk;
         if (ok && (!read_signal_values(fds[b], static_cast<uint64_t>(first), count, to) ||
                    !read_signal_values(fds[b], voxels + first, count, to + chunk))) {
-            std::printf("Error reading the floating point data from file %s\n",
-                        entries_[k]->name);
+            std::printf("Error reading the floating point data from file %s\n", entries_[k]->name);
             ok = false;
         }
         if (ok) read_ahead(fds[b], voxels, next_first_, next_count_);
