@@ -139,13 +139,20 @@ bool signal_chunks::read_batch(size_t k0, size_t k1, int first, int count) {
     }
     if (!ok) return false;
 
-    // Into the chunk, voxel by voxel.
+    // Into the chunk, voxel by voxel, in tiles of kTile voxels, so that both
+    // the segments read and the voxels written stay in the cache.
     const size_t width = opened - k0;
-    for (int v = 0; v < count; ++v) {
-        float *to = values_.data() + static_cast<size_t>(v) * 2 * nfiles_ + k0;
+    const int kTile = 16;
+    for (int v0 = 0; v0 < count; v0 += kTile) {
+        const int v1 = std::min(count, v0 + kTile);
+        float *to = values_.data() + static_cast<size_t>(v0) * 2 * nfiles_ + k0;
         for (size_t b = 0; b < width; ++b) {
-            to[b] = effect[b][v];
-            to[nfiles_ + b] = error[b][v];
+            const float *e = effect[b], *s = error[b];
+            float *at = to + b;
+            for (int v = v0; v < v1; ++v, at += 2 * nfiles_) {
+                at[0] = e[v];
+                at[nfiles_] = s[v];
+            }
         }
     }
     // The files after a shortened batch.
