@@ -29,6 +29,12 @@ int main(int argc, char **argv) {
     app.add_option("--multiple-comparisons", o.multiple_comparisons,
                    "resolution elements for corrected p values (0 = raw p)")
         ->capture_default_str();
+    std::string reml = "classic";
+    app.add_option("--reml", reml,
+                   "the between-subject variance estimate written into the analysis file: "
+                   "classic (at most 200 rows) or converged (up to 1000000)")
+        ->check(CLI::IsMember({"classic", "converged"}))
+        ->capture_default_str();
     app.footer(
         "Table: tab-separated with a header row. group, effect and dof (an integer, or a file "
         "holding one, such as FSL's stats/dof) are required; each row gives exactly one of "
@@ -45,5 +51,6 @@ int main(int argc, char **argv) {
     o.prior_smoothing = smoothing[0];
     o.ratio_smoothing = smoothing[1];
     o.progress = isatty(2) != 0;
+    o.converged = reml == "converged";
     return bridge::run_import(o, std::cout, std::cerr);
 }

@@ -64,7 +64,8 @@ struct import_options {
     double ratio_smoothing = 0;
     std::string mask;  // "" for none
     int multiple_comparisons = 0;
-    bool progress = false;  // progress lines on `err`
+    bool progress = false;   // progress lines on `err`
+    bool converged = false;  // "reml converged" in the analysis file (over 200 rows allowed)
 };
 
 // fmri-rem-export: the result volumes of results_dir to NIfTI maps in out_dir

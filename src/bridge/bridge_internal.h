@@ -23,6 +23,19 @@ struct failure : std::runtime_error {
 // (on a line of its own when a progress line was shown).
 int run_reporting_errors(bool progress, std::ostream &err, const std::function<void()> &work);
 
+// Runs work(r) for the rows r = 0 .. count-1 of a table: row 0 first and
+// alone (it may set what the other rows only read), then the others on one
+// thread per core, never far ahead of the first row not yet reported, so
+// that memory stays bounded.  work returns what the row reports (may be
+// empty), which runs on the calling thread in row order; with progress a
+// line "Reading row r of count" on err follows it.  When rows throw, the
+// exception of the first one (lowest row) is rethrown once the rows before
+// it are done, a failure with where(row) put before its message.
+// (parallel_rows.cpp)
+void for_each_row(size_t count, bool progress, std::ostream &err,
+                  const std::function<std::string(size_t row)> &where,
+                  const std::function<std::function<void()>(size_t row)> &work);
+
 // --- files (files.cpp) ---
 bool is_file(const std::string &path);
 bool is_dir(const std::string &path);

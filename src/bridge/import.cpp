@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <mutex>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,7 +21,8 @@ namespace bridge {
 namespace {
 
 const char kEventChars[] = "123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
-const int kMaxFiles = 200;  // fmri-rem's limit
+const int kMaxFiles = 200;               // fmri-rem's limit with the classic estimate
+const int kMaxConvergedFiles = 1000000;  // and with "reml converged"
 
 bool is_event_char(char c) {
     return c != '\0' && std::strchr(kEventChars, c) != nullptr;
@@ -77,7 +79,7 @@ std::string full_path(const std::string &path) {
     return s;
 }
 
-std::vector<row> read_rows(const table &t) {
+std::vector<row> read_rows(const table &t, bool converged) {
     const std::string dir = parent_dir(t.path);
     auto where = [&](size_t r, int c) {
         return t.path + " line " + std::to_string(t.lines[r]) + ", column " +
@@ -88,9 +90,11 @@ std::vector<row> read_rows(const table &t) {
     const int kinds[3] = {t.column("stderr"), t.column("variance"), t.column("tstat")};
     if (kinds[0] < 0 && kinds[1] < 0 && kinds[2] < 0)
         throw failure(t.path + " has none of the columns `stderr', `variance', `tstat'");
-    if (t.rows.size() > static_cast<size_t>(kMaxFiles))
+    if (t.rows.size() > static_cast<size_t>(converged ? kMaxConvergedFiles : kMaxFiles))
         throw failure(t.path + " has " + std::to_string(t.rows.size()) +
-                      " rows; fmri-rem analyses at most " + std::to_string(kMaxFiles) + " files");
+                      " rows; fmri-rem analyses at most " +
+                      std::to_string(converged ? kMaxConvergedFiles : kMaxFiles) + " files" +
+                      (converged ? "" : " (--reml converged lifts this to 1000000)"));
     const int id_col = t.column("participant_id"), weight_col = t.column("weight"),
               volume_col = t.column("volume");
     const int group_col = t.column("group"), effect_col = t.column("effect"),
@@ -290,7 +294,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         throw failure("the smoothing widths must be numbers from 0 (mm)");
     if (o.multiple_comparisons < 0) throw failure("--multiple-comparisons must be 0 or more");
     table t = read_table(o.table);
-    std::vector<row> rows = read_rows(t);
+    std::vector<row> rows = read_rows(t, o.converged);
     std::vector<std::pair<std::string, char>> groups = map_groups(&rows);
     check_conditions(o.conditions, groups);
 
@@ -300,10 +304,13 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     const std::vector<double> &mask = mask_image.values;
     make_dirs(join_path(o.out_dir, "signal"));
     staging stage;
-    std::vector<uint16_t> missing;  // per voxel: the subjects without a value
-    for (size_t r = 0; r < rows.size(); ++r) {
+    std::vector<uint32_t> missing;  // per voxel: the subjects without a value
+    std::mutex staged;              // the rows' files into stage
+    // Rows in parallel (row 0 first: it sets the grid and the voxel count);
+    // what a row adds to missing and its warning are applied in row order.
+    auto where = [&](size_t r) { return o.table + ", line " + std::to_string(rows[r].line); };
+    for_each_row(rows.size(), o.progress, err, where, [&](size_t r) -> std::function<void()> {
         const row &w = rows[r];
-        if (o.progress) err << "\rReading row " << r + 1 << " of " << rows.size() << std::flush;
         image effect = read_image(w.effect, w.volume);
         check_grid(&g, effect, w.effect);
         if (r == 0 && !o.mask.empty()) check_grid(&g, mask_image, o.mask);
@@ -312,7 +319,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
         const size_t n = effect.values.size();
         if (missing.empty()) missing.assign(n, 0);
         std::vector<float> data(2 * n);
-        size_t valid = 0;
+        std::vector<uint32_t> lost;  // the voxels without a value in this row
         for (size_t i = 0; i < n; ++i) {
             const double e = effect.values[i], x = error.values[i];
             double se = w.kind == error_kind::stderr_    ? x
@@ -323,22 +330,25 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
                       std::isfinite(sf) && sf > 0.0f && (mask.empty() || mask[i] != 0.0);
             data[i] = std::isfinite(ef) ? ef : 0.0f;
             data[n + i] = ok ? sf : 0.0f;
-            if (ok)
-                ++valid;
-            else
-                ++missing[i];
+            if (!ok) lost.push_back(static_cast<uint32_t>(i));
         }
-        if (valid == 0)
-            err << "Warning: " << w.effect << " (line " << w.line
-                << ") has no voxel with a usable effect and error\n";
         const std::string data_path = join_path(o.out_dir, w.signal);
         const std::string header_path = data_path.substr(0, data_path.size() - 6) + "hdr";
-        stage.files.emplace_back(temporary_name(data_path, ""), data_path);
-        write_bytes(stage.files.back().first, data.data(), data.size() * sizeof(float));
         const std::string text = native_header_text(signal_header(g.first, w.dof));
-        stage.files.emplace_back(temporary_name(header_path, ""), header_path);
-        write_bytes(stage.files.back().first, text.data(), text.size());
-    }
+        {
+            std::lock_guard<std::mutex> guard(staged);
+            stage.files.emplace_back(temporary_name(data_path, ""), data_path);
+            stage.files.emplace_back(temporary_name(header_path, ""), header_path);
+        }
+        write_bytes(temporary_name(data_path, ""), data.data(), data.size() * sizeof(float));
+        write_bytes(temporary_name(header_path, ""), text.data(), text.size());
+        return [&missing, &err, &w, n, lost = std::move(lost)] {
+            for (uint32_t i : lost) ++missing[i];
+            if (lost.size() == n)
+                err << "Warning: " << w.effect << " (line " << w.line
+                    << ") has no voxel with a usable effect and error\n";
+        };
+    });
     if (o.progress) err << "\r" << std::string(40, ' ') << "\r" << std::flush;
 
     // geometry.json: the exact grid, where everything came from.
@@ -387,6 +397,7 @@ void import_study(const import_options &o, std::ostream &out, std::ostream &err)
     rem += number;
     rem += "conditions " + o.conditions + "\n";
     rem += "multiple-comparisons " + std::to_string(o.multiple_comparisons) + "\n";
+    if (o.converged) rem += "reml converged\n";
     // Weights only when some row gives one (the others then weigh 1).
     bool weights = false;
     for (const row &w : rows) weights = weights || w.weight != 1.0;

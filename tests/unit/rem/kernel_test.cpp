@@ -233,8 +233,9 @@ TEST(VoxelKernels, FitWithoutSquareMatricesMatchesTheModel) {
                     }
                 }
             }
-            if (kernel == &rem_converged_kernel)  // the special values took the n k fit
+            if (kernel == &rem_converged_kernel) {  // the special values took the n k fit
                 EXPECT_GT(rem_workspace_reference_count(ws), 0) << d.name;
+            }
             rem_workspace_free(ws);
         }
     }
