@@ -2,9 +2,11 @@
 # Times fmri-rem with "reml converged" on simulated cohort studies of two
 # groups (2 x 100, 2 x 1,000 and 2 x 5,000 files of 46 x 55 x 46 voxels of
 # 4 mm): wall and CPU time, peak resident memory, and the input read per
-# second against one plain read of the same files (cat > /dev/null, run just
-# before, so both meet the page cache in the same state).  Prints a table;
-# each study is deleted once it is timed.
+# second against one plain read of the same files (cat > /dev/null).  Before
+# the cat and before fmri-rem the study's files are dropped from the page
+# cache (posix_fadvise DONTNEED, after writing them out), so that both read
+# from the disk; BENCH_WARM=1 leaves the cache alone.  Prints a table; each
+# study is deleted once it is timed.
 #   scripts/bench_scale.sh [build folder]
 # SUBJECTS="100 1000 5000" (per group) and BENCH_DIR (default bench-scale/)
 # choose the studies and where they are written.  Where Debian's python3-nipy
@@ -31,6 +33,20 @@ fi
 
 mkdir -p "$work"
 seconds() { date +%s.%N; }
+# Drops the signal files of folder $1 from the page cache (unless BENCH_WARM=1).
+evict() {
+    [ "${BENCH_WARM:-0}" = 1 ] && return 0
+    /usr/bin/python3 - "$1" <<'EOF2'
+import os, sys
+d = sys.argv[1]
+for n in os.listdir(d):
+    if n.endswith('.bfloat'):
+        fd = os.open(os.path.join(d, n), os.O_RDONLY)
+        os.fdatasync(fd)
+        os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
+        os.close(fd)
+EOF2
+}
 # Value of a line "<label>: value" of /usr/bin/time -v.
 field() { sed -n "s/^[[:space:]]*$1: //p" "$2"; }
 # h:mm:ss or m:ss.ss as seconds.
@@ -53,11 +69,13 @@ for s in $subjects; do
         --converged --smoothing 6 8 --prefix "../$(basename "$study")/" > /dev/null
     bytes=$(find "$study" -name 'subject-*.bfloat' -printf '%s\n' | awk '{ s += $1 } END { print s }')
 
+    evict "$study"
     start=$(seconds)
     find "$study" -name 'subject-*.bfloat' -print0 | xargs -0 cat > /dev/null
     cat_s=$(echo "$(seconds) - $start" | bc -l)
 
     mkdir -p "$run"
+    evict "$study"
     (cd "$run" && /usr/bin/time -v "$build/fmri-rem" "../$(basename "$study")/analysis.rem" \
         > fmri-rem.log 2> time.txt) || {
         echo "Error: fmri-rem failed on $files files (see $run)" >&2
@@ -73,6 +91,7 @@ for s in $subjects; do
                 f, b / 1e9, c, b / 1e6 / c, w, u + y, r / 1024, b / 1e6 / w, w / c }'
     if [ "$s" = 1000 ] && /usr/bin/python3 -c 'import nipy.algorithms.statistics.mixed_effects_stat' \
         2>/dev/null; then
+        evict "$study"
         nipy_line=$(/usr/bin/python3 - "$study" <<'EOF2'
 import os, sys, time, resource
 import numpy as np
