@@ -12,7 +12,7 @@ PROGRAMS = fmri-rem fmri-rem-simulate fmri-rem-summary fmri-rem-import fmri-rem-
            fmri-rem-report
 MAKEFLAGS += --no-print-directory
 
-.PHONY: setup build example check bench calibrate calibrate-smooth fuzz clean
+.PHONY: setup build example check bench bench-scale calibrate calibrate-smooth fuzz clean
 
 setup:
 	@bash scripts/setup.sh
@@ -40,6 +40,12 @@ check: setup
 # Timing of the fast and the plain voxel passes on simulated studies.
 bench: build
 	@bash scripts/bench.sh $(BUILD)
+
+# Wall and CPU time, peak memory and input read rate of "reml converged" on
+# cohort studies of 2 x 100, 2 x 1,000 and 2 x 5,000 files (needs about 10 GB
+# of disk for the largest, deleted after timing; a quarter of an hour or more).
+bench-scale: build
+	@bash scripts/bench_scale.sh $(BUILD)
 
 # Share of p values below 0.05, 0.01, 0.001 on simulated null studies, for
 # "reml classic" and "reml converged" (a few minutes).

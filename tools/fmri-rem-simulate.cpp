@@ -16,13 +16,16 @@
 // the seed: the generator is our own (splitmix64 with Box-Muller).
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -50,7 +53,13 @@ struct options {
     // Spread of each subject's own smooth map of standard-error factors
     // (log scale; 0 keeps one factor per subject and the trend along y).
     float error_spread = 0.0f;
+    bool converged = false;   // "reml converged" in the analysis file; no 200-file cap
+    int threads = 0;          // subjects written at once (0: one per core)
 };
+
+// Files that fmri-rem reads with the classic estimate, and with "reml converged".
+const long kClassicFiles = 200;
+const long kConvergedFiles = 1000000;
 
 // splitmix64 with Box-Muller normal deviates.
 class generator {
@@ -62,6 +71,9 @@ class generator {
         z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
         return z ^ (z >> 31);
     }
+    // Skips count draws of next(), as if they had been made (no normal
+    // deviate may be waiting).
+    void skip(uint64_t count) { state_ += count * 0x9e3779b97f4a7c15ULL; }
     double uniform() {
         return (static_cast<double>(next() >> 11) + 0.5) * (1.0 / 9007199254740992.0);
     }
@@ -93,6 +105,9 @@ const char *kUsage =
     "  --voxel MM          voxel size (default 3)\n"
     "  --groups G          number of groups, 1 to 26 (default 2)\n"
     "  --subjects S        subjects per group (default 12)\n"
+    "  --converged         \"reml converged\" in the analysis file, which lifts the\n"
+    "                      200-file capacity (up to 1000000 subjects in all)\n"
+    "  --threads T         subjects written at once (default: one per core)\n"
     "  --seed N            random seed (default 1)\n"
     "  --smoothing P R     smoothness of the subject maps and ratio smoothing, mm (default 6 8)\n"
     "  --between SD        between-subject standard deviation (default 0.5)\n"
@@ -145,7 +160,11 @@ int parse_options(int argc, char **argv, options *o) {
         } else if (w == "--groups" && need(1)) {
             ok = parse_int(argv[++a], 1, 26, &o->groups);
         } else if (w == "--subjects" && need(1)) {
-            ok = parse_int(argv[++a], 1, 200, &o->subjects);
+            ok = parse_int(argv[++a], 1, kConvergedFiles, &o->subjects);
+        } else if (w == "--converged") {
+            o->converged = true;
+        } else if (w == "--threads" && need(1)) {
+            ok = parse_int(argv[++a], 1, 1024, &o->threads);
         } else if (w == "--seed" && need(1)) {
             char *end = nullptr;
             o->seed = std::strtoull(argv[++a], &end, 10);
@@ -181,9 +200,14 @@ int parse_options(int argc, char **argv, options *o) {
             return 1;
         }
     }
-    if (static_cast<long>(o->groups) * o->subjects > 200) {
-        std::fprintf(stderr,
-                     "Error: at most 200 subjects in all (fmri-rem reads up to 200 files)\n");
+    if (static_cast<long>(o->groups) * o->subjects >
+        (o->converged ? kConvergedFiles : kClassicFiles)) {
+        if (o->converged)
+            std::fprintf(stderr, "Error: at most %ld subjects in all\n", kConvergedFiles);
+        else
+            std::fprintf(stderr,
+                         "Error: at most 200 subjects in all (fmri-rem reads up to 200 files; "
+                         "--converged lifts this)\n");
         return 1;
     }
     return 0;
@@ -282,6 +306,14 @@ bool write_volume(const std::string &dir, const std::string &stem, const volume 
     return ok;
 }
 
+// File stem of subject j (counted over the groups in order).
+std::string subject_stem(const options &o, long j) {
+    char stem[64];
+    std::snprintf(stem, sizeof stem, "subject-%c%02ld",
+                  group_char(o, static_cast<int>(j / o.subjects)), j % o.subjects + 1);
+    return stem;
+}
+
 struct blob {
     float cx, cy, cz;  // centre as a fraction of the volume
 };
@@ -306,8 +338,6 @@ int main(int argc, char **argv) {
 
     const volume v{o.nx, o.ny, o.nz};
     const size_t n = v.size();
-    generator rng(o.seed);
-
     // Brain mask: an ellipsoid filling most of the volume.
     std::vector<char> inside(n, 1);
     if (o.mask) {
@@ -380,36 +410,64 @@ int main(int argc, char **argv) {
     conditions.pop_back();
     std::fprintf(analysis, "conditions %s\n", conditions.c_str());
 
-    for (int g = 0; g < o.groups; ++g) {
-        char c = group_char(o, g);
-        std::fprintf(analysis, "event %c  # group %d\n", c, g + 1);
-        for (int s = 0; s < o.subjects; ++s) {
-            double scale = 0.7 + 0.6 * rng.uniform();  // this subject's noise level
-            int dof = o.dof + static_cast<int>(std::floor((rng.uniform() - 0.5) * 0.4 * o.dof));
-            if (dof < 1) dof = 1;
-            const float between_fwhm = o.between_fwhm < 0.0f ? o.prior_fwhm : o.between_fwhm;
-            std::vector<float> u = noise_field(rng, v, between_fwhm, o.voxel);
-            std::vector<float> e = noise_field(rng, v, o.prior_fwhm, o.voxel);
-            std::vector<float> spread;
-            if (o.error_spread > 0.0f) spread = noise_field(rng, v, 20.0f, o.voxel);
-            std::vector<float> effect(n), stderr_frame(n);
-            for (size_t i = 0; i < n; ++i) {
-                if (!inside[i]) {
-                    effect[i] = 0.0f;
-                    stderr_frame[i] = 0.0f;
-                    continue;
-                }
-                double se = o.within * scale * within_shape[i];
-                if (!spread.empty()) se *= std::exp(o.error_spread * spread[i]);
-                double b = mu[g][i] + sd_between[i] * u[i];
-                effect[i] = static_cast<float>(b + se * e[i]);
-                stderr_frame[i] = static_cast<float>(se);
+    if (o.converged) std::fprintf(analysis, "reml converged\n");
+
+    // Subject j (counted over the groups in order) draws its noise level, its
+    // degrees of freedom and two (three with an error spread) noise fields of
+    // n normal deviates, two uniform numbers per pair of deviates.  So its
+    // generator starts where a single one drawing for the subjects in turn
+    // would be, and the subjects are written on several threads with the same
+    // results.
+    const long total = static_cast<long>(o.groups) * o.subjects;
+    const uint64_t fields = o.error_spread > 0.0f ? 3 : 2;
+    const uint64_t draws = 2 + 2 * ((fields * static_cast<uint64_t>(n) + 1) / 2);
+    const float between_fwhm = o.between_fwhm < 0.0f ? o.prior_fwhm : o.between_fwhm;
+    auto write_subject = [&](long j) {
+        const int g = static_cast<int>(j / o.subjects);
+        generator rng(o.seed);
+        rng.skip(static_cast<uint64_t>(j) * draws);
+        double scale = 0.7 + 0.6 * rng.uniform();  // this subject's noise level
+        int dof = o.dof + static_cast<int>(std::floor((rng.uniform() - 0.5) * 0.4 * o.dof));
+        if (dof < 1) dof = 1;
+        std::vector<float> u = noise_field(rng, v, between_fwhm, o.voxel);
+        std::vector<float> e = noise_field(rng, v, o.prior_fwhm, o.voxel);
+        std::vector<float> spread;
+        if (o.error_spread > 0.0f) spread = noise_field(rng, v, 20.0f, o.voxel);
+        std::vector<float> effect(n), stderr_frame(n);
+        for (size_t i = 0; i < n; ++i) {
+            if (!inside[i]) {
+                effect[i] = 0.0f;
+                stderr_frame[i] = 0.0f;
+                continue;
             }
-            char stem[64];
-            std::snprintf(stem, sizeof stem, "subject-%c%02d", c, s + 1);
-            if (!write_volume(o.out, stem, v, o.voxel, {&effect, &stderr_frame}, dof)) return 1;
-            std::fprintf(analysis, "%s%s.bfloat\n", o.prefix.c_str(), stem);
+            double se = o.within * scale * within_shape[i];
+            if (!spread.empty()) se *= std::exp(o.error_spread * spread[i]);
+            double b = mu[g][i] + sd_between[i] * u[i];
+            effect[i] = static_cast<float>(b + se * e[i]);
+            stderr_frame[i] = static_cast<float>(se);
         }
+        return write_volume(o.out, subject_stem(o, j), v, o.voxel, {&effect, &stderr_frame}, dof);
+    };
+    unsigned threads = o.threads > 0 ? static_cast<unsigned>(o.threads)
+                                     : std::max(1u, std::thread::hardware_concurrency());
+    if (static_cast<long>(threads) > total) threads = static_cast<unsigned>(total);
+    std::atomic<long> next{0};
+    std::atomic<bool> failed{false};
+    auto work = [&] {
+        for (long j; !failed && (j = next++) < total;)
+            if (!write_subject(j)) failed = true;
+    };
+    std::vector<std::thread> pool;
+    for (unsigned t = 1; t < threads; ++t) pool.emplace_back(work);
+    work();
+    for (std::thread &t : pool) t.join();
+    if (failed) return 1;
+
+    for (long j = 0; j < total; ++j) {
+        const int g = static_cast<int>(j / o.subjects);
+        if (j % o.subjects == 0)
+            std::fprintf(analysis, "event %c  # group %d\n", group_char(o, g), g + 1);
+        std::fprintf(analysis, "%s%s.bfloat\n", o.prefix.c_str(), subject_stem(o, j).c_str());
     }
     if (std::fclose(analysis) != 0) return 1;
 

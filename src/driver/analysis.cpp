@@ -67,6 +67,23 @@ int estimated_effective_dof(int *dof) {
                        static_cast<long long>(fixed_dof), random_dof, *dof);
 }
 
+// The residue series of nfiles frames of n voxels.  Up to the classic
+// capacity it fits a 32-bit count; beyond it the count is 64 bits, and a
+// series that cannot be held ends the run with a message that says so.
+float *residue_storage(uint32_t nfiles, uint32_t n) {
+    const uint64_t count = static_cast<uint64_t>(nfiles) * n;
+    if (count <= UINT32_MAX) return float_vector(static_cast<uint32_t>(count));
+    void *series = std::malloc(count * sizeof(float));
+    if (series == nullptr) {
+        std::printf(
+            "Error: the residue series of %u files (%.1f GB) does not fit into memory; run "
+            "without -r.\n",
+            nfiles, static_cast<double>(count) * sizeof(float) / 1e9);
+        std::exit(1);
+    }
+    return static_cast<float *>(series);
+}
+
 }  // namespace
 
 int compute_effective_dof(int *dof) {
@@ -131,7 +148,7 @@ int analyze_random_effects_on(const voxel_route &route, int residue_requested, i
 
     Sigma2_FE_map = float_vector(n);
     Sigma2_RE_map = float_vector(n);
-    if (residue_requested) Residue_series = float_vector(nf * n);
+    if (residue_requested) Residue_series = residue_storage(nf, n);
     uint32_t nc = static_cast<uint32_t>(nconditions > 0 ? nconditions : 0);
     P_map = float_matrix(nc, n);
     T_map = float_matrix(nc, n);

@@ -33,7 +33,7 @@ int build_file_list() {
     file_list_entry *previous = nullptr;
     int k = 0;
     for (k = 0; k < REM_input.nfiles; ++k) {
-        std::strncpy(current->name, REM_input.file_name[k], DRIVER_NAME_LENGTH - 1);
+        std::strncpy(current->name, REM_file_name(k), DRIVER_NAME_LENGTH - 1);
         current->name[DRIVER_NAME_LENGTH - 1] = '\0';
         if (current != &file_list_root) previous->next = current;
         previous = current;

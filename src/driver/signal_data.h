@@ -6,52 +6,98 @@
 #ifndef FMRI_REM_SIGNAL_DATA_H
 #define FMRI_REM_SIGNAL_DATA_H
 
+#include <cstddef>
+#include <cstdint>
 #include <vector>
+
+#include <sys/stat.h>
+#include <sys/types.h>
 
 #include "driver.h"
 
 // Loads the signal files as read_signal_files does; with read_on_demand, a
-// regular data file that is long enough is kept open and read as the passes
-// go instead.  Any other file (a pipe, say), every file once no more can be
-// kept open, and a file that a result written before the second pass
+// regular data file that is long enough is read as the passes go instead,
+// a chunk of voxels at a time, opened anew for each chunk.  Any other file (a
+// pipe, say), and a file that a result written before the second pass
 // ("basis.dat", "sigma2") would overwrite, is read into memory at once.
 int load_signal_files(int read_on_demand);
 
-// Reads the data of every file kept open into memory and closes it; 0, or 1
-// after an error message.
+// Reads the data of every file read on demand into memory; 0, or 1 after an
+// error message.
 int hold_signal_data_in_memory(void);
 
-// 0 while every file read on demand has the size and modification time it
-// had when it was opened, else 1 after an error message: the values read on
-// demand would not be those of the file as it was loaded.
+// 0 while every file read on demand is the file (device and inode), of the
+// size and modification time, that was loaded, else 1 after an error
+// message: the values read on demand would not be those of the file as it
+// was loaded.
 int check_signal_files_unchanged(void);
 
+// A file read on demand and what identifies its contents.
+struct streamed_signal_file {
+    file_list_entry *entry;
+    dev_t device;
+    ino_t inode;
+    off_t size;
+    struct timespec modified;
+};
+
+// The files read on demand, in list order, and the voxels of their frames.
+const std::vector<streamed_signal_file> &streamed_signal_files(void);
+uint32_t streamed_frame_voxels(void);
+
+// Whether status (of the file as opened now) is that of file as loaded.
+bool same_signal_file(const streamed_signal_file &file, const struct stat &status);
+
+// Reads count floats at float offset first of the file open on fd; false on
+// a short read or an error.
+bool read_signal_values(int fd, uint64_t first, uint32_t count, float *values);
+
 // The effect and error values of every signal file over one chunk of voxels
-// at a time, from memory or from the files.
+// at a time, from memory or from the files, held voxel by voxel: the values
+// of one voxel are next to each other, in file order.
+//
+// The chunk shrinks as the files grow in number, so that its values take at
+// most about kBufferBytes whatever the number of files.  The files read on
+// demand are opened in batches of at most kBatch (fewer when the limit of
+// open files is lower), their segments of the chunk read in file order into
+// a staging block and transposed into the chunk; the kernel is asked to read
+// the next chunk's segments ahead while the voxels of this one are analysed.
 class signal_chunks {
   public:
+    static const size_t kBufferBytes = size_t(128) << 20;
+    static const int kMaxChunk = 16384;
+    static const int kBatch = 64;
+
     signal_chunks(file_list_entry *const *entries, int nfiles);
 
-    // Voxels per chunk: about 1 MB of values per chunk when they are read
-    // from the files, more when they are all in memory.
+    // Voxels per chunk.
     int chunk_voxels() const { return chunk_; }
 
     // Values of voxels first .. first+count-1 (count at most chunk_voxels());
     // false after an error message.
     bool fetch(int first, int count);
 
-    // Values of file k at a voxel of the chunk fetched last.
-    float effect(int k, int voxel) const { return effect_[k][voxel - first_]; }
-    float error(int k, int voxel) const { return error_[k][voxel - first_]; }
+    // The nfiles effect and error values of a voxel of the chunk fetched last.
+    const float *effects(int voxel) const {
+        return values_.data() + static_cast<size_t>(voxel - first_) * 2 * nfiles_;
+    }
+    const float *errors(int voxel) const { return effects(voxel) + nfiles_; }
+    float effect(int k, int voxel) const { return effects(voxel)[k]; }
+    float error(int k, int voxel) const { return errors(voxel)[k]; }
 
   private:
+    bool read_batch(size_t k0, size_t k1, int first, int count);
+
     file_list_entry *const *entries_;
-    int nfiles_;
+    size_t nfiles_;
     int chunk_;
+    int batch_;
     int first_ = 0;
-    std::vector<const float *> effect_;
-    std::vector<const float *> error_;
-    std::vector<float> buffer_;
+    int next_first_ = 0;  // the chunk to read ahead
+    int next_count_ = 0;
+    std::vector<const streamed_signal_file *> streamed_;  // per file, or null in memory
+    std::vector<float> values_;                           // chunk x 2 x nfiles
+    std::vector<float> staging_;                          // batch x 2 x chunk
 };
 
 #endif

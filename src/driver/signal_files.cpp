@@ -132,10 +132,13 @@ int read_signal_headers(uint32_t *n) {
         }
     }
 
-    // The maps are indexed with 32-bit integers: refuse volumes they cannot hold.
+    // The maps are indexed with 32-bit integers: refuse volumes they cannot
+    // hold.  Up to the classic capacity so is the in-memory study; beyond it
+    // (only with "reml converged") the voxels and files are counted apart,
+    // and a residue series is checked where it is asked for.
     int64_t nvoxels = static_cast<int64_t>(root->nx) * root->ny * root->nz;
-    if (root->nx <= 0 || root->ny <= 0 || root->nz <= 0 ||
-        nvoxels * (count > 2 ? count : 2) > INT32_MAX) {
+    const int64_t factor = count > REM_MAX_FILES ? 2 : (count > 2 ? count : 2);
+    if (root->nx <= 0 || root->ny <= 0 || root->nz <= 0 || nvoxels * factor > INT32_MAX) {
         std::printf("Error: the dimensions of file %s (%d,%d,%d) are not supported.\n", root->name,
                     root->nx, root->ny, root->nz);
         return 1;
@@ -171,37 +174,13 @@ void record_output_geometry() {
                         root->direction, REM_input.nifti_output);
 }
 
-// A signal file kept open, with what identifies its contents.
-struct open_signal_file {
-    file_list_entry *entry;
-    int fd;
-    dev_t device;
-    ino_t inode;
-    off_t size;
-    struct timespec modified;
-};
-
-// The files read on demand, in list order, and the voxels of a frame.
-std::vector<open_signal_file> open_files;
+// The files read as the passes go, in list order, and the voxels of a frame.
+std::vector<streamed_signal_file> streamed;
 uint32_t frame_voxels = 0;
 
-const open_signal_file *find_open_file(const file_list_entry *entry) {
-    // The passes ask for the files in list order: look from the last hit on.
-    static size_t last = 0;
-    const size_t count = open_files.size();
-    for (size_t j = 0; j < count; ++j) {
-        size_t at = (last + j) % count;
-        if (open_files[at].entry == entry) {
-            last = at + 1;
-            return &open_files[at];
-        }
-    }
-    return nullptr;
-}
+}  // namespace
 
-// Reads count floats at float offset first of the file; false on a short
-// read or an error.
-bool read_values(int fd, uint64_t first, uint32_t count, float *values) {
+bool read_signal_values(int fd, uint64_t first, uint32_t count, float *values) {
     char *to = reinterpret_cast<char *>(values);
     size_t left = static_cast<size_t>(count) * sizeof(float);
     off_t at = static_cast<off_t>(first * sizeof(float));
@@ -216,7 +195,13 @@ bool read_values(int fd, uint64_t first, uint32_t count, float *values) {
     return true;
 }
 
-}  // namespace
+const std::vector<streamed_signal_file> &streamed_signal_files(void) {
+    return streamed;
+}
+
+uint32_t streamed_frame_voxels(void) {
+    return frame_voxels;
+}
 
 int read_signal_files(void) {
     uint32_t n = 0;
@@ -248,146 +233,66 @@ bool overwritten_by_results(const struct stat &file) {
 }  // namespace
 
 int hold_signal_data_in_memory(void) {
-    int result = 0;
-    for (open_signal_file &file : open_files) {
-        if (result == 0) {
-            file.entry->effect = float_vector(frame_voxels);
-            file.entry->effect_stderr = float_vector(frame_voxels);
-            if (!read_values(file.fd, 0, frame_voxels, file.entry->effect) ||
-                !read_values(file.fd, frame_voxels, frame_voxels, file.entry->effect_stderr)) {
-                std::printf("Error reading the floating point data from file %s\n",
-                            file.entry->name);
-                result = 1;
-            }
+    for (streamed_signal_file &file : streamed) {
+        if (load_signal_data(file.entry, frame_voxels) != 0) {
+            streamed.clear();
+            return 1;
         }
-        ::close(file.fd);
     }
-    open_files.clear();
-    return result;
+    streamed.clear();
+    return 0;
 }
-
-namespace {
-
-// Values first .. first+count-1 of frame 0 (effect) or 1 (standard error) of
-// entry: a pointer into the entry's own data when they are in memory, or
-// buffer (count floats) filled from the file.  Null after an error message.
-const float *signal_values(const file_list_entry *entry, int frame, int first, int count,
-                           float *buffer) {
-    const float *frame_data = frame == 0 ? entry->effect : entry->effect_stderr;
-    if (frame_data != nullptr) return frame_data + first;
-    const open_signal_file *file = find_open_file(entry);
-    if (file == nullptr ||
-        !read_values(file->fd, static_cast<uint64_t>(frame) * frame_voxels + first,
-                     static_cast<uint32_t>(count), buffer)) {
-        std::printf("Error reading the floating point data from file %s\n", entry->name);
-        return nullptr;
-    }
-    return buffer;
-}
-
-}  // namespace
 
 int load_signal_files(int read_on_demand) {
     if (!read_on_demand) return read_signal_files();
     uint32_t n = 0;
     if (read_signal_headers(&n) != 0) return 1;
     frame_voxels = n;
+    streamed.clear();
     const off_t needed = static_cast<off_t>(2) * n * static_cast<off_t>(sizeof(float));
-    // Descriptors left free for the result files and the libraries.
-    const int spare = 16;
-    struct rlimit limit;
-    const rlim_t most_open = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
-    bool keep_open = true;
+    // Each file is opened once here, to be identified and measured, and then
+    // again for every chunk of voxels: no descriptor is held between chunks,
+    // so the number of files is not limited by the number of open files.
     for (file_list_entry *entry = &file_list_root; entry != nullptr; entry = entry->next) {
-        if (keep_open) {
-            int fd = ::open(entry->name, O_RDONLY | O_CLOEXEC);
-            if (fd >= 0 && most_open != RLIM_INFINITY &&
-                static_cast<rlim_t>(fd) + spare >= most_open) {
-                ::close(fd);
-                fd = -1;
-                errno = EMFILE;
-            }
-            if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
-                // No more files can be open at once: hold the data in memory.
-                if (hold_signal_data_in_memory() != 0) return 1;
-                keep_open = false;
-            } else if (fd < 0) {
-                std::printf("Error: cannot open file %s.\n", entry->name);
-                return 1;
-            } else {
-                struct stat status;
-                if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
-                    !overwritten_by_results(status)) {
-                    if (status.st_size < needed) {
-                        std::printf("Error reading the floating point data from file %s\n",
-                                    entry->name);
-                        ::close(fd);
-                        return 1;
-                    }
-                    // Ask for the data to be read ahead while the headers are
-                    // still being dealt with.
-                    ::posix_fadvise(fd, 0, needed, POSIX_FADV_WILLNEED);
-                    open_files.push_back(
-                        {entry, fd, status.st_dev, status.st_ino, status.st_size, status.st_mtim});
-                    continue;
-                }
-                ::close(fd);
-            }
+        int fd = ::open(entry->name, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            std::printf("Error: cannot open file %s.\n", entry->name);
+            return 1;
         }
+        struct stat status;
+        if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+            !overwritten_by_results(status)) {
+            ::close(fd);
+            if (status.st_size < needed) {
+                std::printf("Error reading the floating point data from file %s\n", entry->name);
+                return 1;
+            }
+            streamed.push_back(
+                {entry, status.st_dev, status.st_ino, status.st_size, status.st_mtim});
+            continue;
+        }
+        // A pipe, say, or a file that a result would overwrite: read now.
+        ::close(fd);
         if (load_signal_data(entry, n) != 0) return 1;
     }
     record_output_geometry();
     return 0;
 }
 
+bool same_signal_file(const streamed_signal_file &file, const struct stat &status) {
+    return status.st_dev == file.device && status.st_ino == file.inode &&
+           status.st_size == file.size && status.st_mtim.tv_sec == file.modified.tv_sec &&
+           status.st_mtim.tv_nsec == file.modified.tv_nsec;
+}
+
 int check_signal_files_unchanged(void) {
-    for (const open_signal_file &file : open_files) {
+    for (const streamed_signal_file &file : streamed) {
         struct stat status;
-        if (::fstat(file.fd, &status) != 0 || status.st_size != file.size ||
-            status.st_mtim.tv_sec != file.modified.tv_sec ||
-            status.st_mtim.tv_nsec != file.modified.tv_nsec) {
+        if (::stat(file.entry->name, &status) != 0 || !same_signal_file(file, status)) {
             std::printf("Error: the signal file %s changed during the analysis.\n",
                         file.entry->name);
             return 1;
         }
     }
     return 0;
-}
-
-namespace {
-
-// Voxels per chunk when the values are in memory, and bytes of values read
-// from the files per chunk otherwise: the chunk shrinks as the files grow in
-// number.
-const int kChunk = 4096;
-const int kChunkBytes = 1 << 20;
-
-}  // namespace
-
-signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles)
-    : entries_(entries),
-      nfiles_(nfiles),
-      chunk_(kChunk),
-      effect_(static_cast<size_t>(nfiles)),
-      error_(static_cast<size_t>(nfiles)) {
-    if (open_files.empty()) return;
-    int voxels = kChunkBytes / (2 * static_cast<int>(sizeof(float)) * (nfiles > 0 ? nfiles : 1));
-    if (voxels < 64) voxels = 64;
-    chunk_ = voxels < kChunk ? voxels : kChunk;
-    buffer_.resize(2 * static_cast<size_t>(nfiles) * static_cast<size_t>(chunk_));
-}
-
-bool signal_chunks::fetch(int first, int count) {
-    float *buffer = buffer_.empty() ? nullptr : buffer_.data();
-    const size_t chunk = static_cast<size_t>(chunk_);
-    for (int k = 0; k < nfiles_; ++k) {
-        const size_t at = 2 * static_cast<size_t>(k) * chunk;
-        effect_[k] = signal_values(entries_[k], 0, first, count, buffer ? buffer + at : nullptr);
-        if (effect_[k] == nullptr) return false;
-        error_[k] =
-            signal_values(entries_[k], 1, first, count, buffer ? buffer + at + chunk : nullptr);
-        if (error_[k] == nullptr) return false;
-    }
-    first_ = first;
-    return true;
 }

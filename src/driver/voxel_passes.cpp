@@ -31,7 +31,7 @@ int thread_index() {
 // What one thread works with.
 struct thread_state {
     rem_workspace *ws;
-    std::vector<float> effects, errors, fitted, event_sum;
+    std::vector<float> errors, fitted, event_sum;
 };
 
 class thread_states {
@@ -41,7 +41,6 @@ class thread_states {
         const size_t n = static_cast<size_t>(setup.nfiles);
         for (thread_state &s : states_) {
             s.ws = rem_workspace_create(setup.model);
-            s.effects.resize(n);
             s.errors.resize(n);
             s.fitted.resize(n);
             s.event_sum.resize(n);
@@ -123,13 +122,11 @@ int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_
     auto voxel = [&](int i) {
         thread_state &s = states.mine();
         // The model squares the errors; their absolute values are passed.
-        for (int k = 0; k < nfiles; ++k) {
-            s.effects[k] = values.effect(k, i);
-            s.errors[k] = std::fabs(values.error(k, i));
-        }
+        const float *errors = values.errors(i);
+        for (int k = 0; k < nfiles; ++k) s.errors[k] = std::fabs(errors[k]);
         float fe = 0.0f, re = 0.0f;
         const int result =
-            kernel->estimate(s.ws, s.effects.data(), s.errors.data(), setup.dofs, &fe, &re);
+            kernel->estimate(s.ws, values.effects(i), s.errors.data(), setup.dofs, &fe, &re);
         Sigma2_FE_map[i] = fe;
         Sigma2_RE_map[i] = re;
         return result;
@@ -162,10 +159,7 @@ int statistics_pass(const voxel_pass_setup &setup, int residue_requested, int nc
     std::vector<std::pair<double, double>> domain(static_cast<size_t>(values.chunk_voxels()));
     auto voxel = [&](int i) {
         thread_state &s = states.mine();
-        for (int k = 0; k < nfiles; ++k) {
-            s.effects[k] = values.effect(k, i);
-            s.errors[k] = values.error(k, i);
-        }
+        const float *effects = values.effects(i);
         // A voxel whose random variance is exactly 0 is skipped: zeros
         // throughout.  A converged estimate of 0 is an estimate like any
         // other: then only a voxel without a fixed-effects variance (one that
@@ -177,11 +171,10 @@ int statistics_pass(const voxel_pass_setup &setup, int residue_requested, int nc
             if (residue_requested)
                 for (int k = 0; k < nfiles; ++k) Residue_series[k * n + i] = 0.0f;
         } else {
-            kernel->fit(s.ws, re, s.effects.data(), s.errors.data(), s.fitted.data(),
-                        s.event_sum.data());
+            kernel->fit(s.ws, re, effects, values.errors(i), s.fitted.data(), s.event_sum.data());
             if (residue_requested)
                 for (int k = 0; k < nfiles; ++k)
-                    Residue_series[k * n + i] = s.effects[k] - s.fitted[k];
+                    Residue_series[k * n + i] = effects[k] - s.fitted[k];
         }
         for (int c = 0; c < nconditions; ++c) {
             rem_test_result r = {0.0f, 0.0f, 0.0f, 0.0f, 0.0f};

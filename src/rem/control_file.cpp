@@ -148,19 +148,20 @@ const char kEventCharacterMissing[] = "Error: `event' requires a character argum
 
 // Takes one file line: the path and an optional weight (default 1.0).
 bool add_file(const char *word, const char *rest, bool record_weight_given) {
-    if (REM.nfiles >= REM_MAX_FILES) {
-        printf("Error: line %d of file '%s' lists more than %d files.\n", g_line, g_path,
-               REM_MAX_FILES);
+    // "reml converged" lifts the capacity of the classic estimate.
+    const int most =
+        REM_input.reml_method == REM_REML_CONVERGED ? REM_MAX_CONVERGED_FILES : REM_MAX_FILES;
+    if (REM.nfiles >= most) {
+        printf("Error: line %d of file '%s' lists more than %d files.\n", g_line, g_path, most);
         return false;
     }
-    snprintf(REM_input.file_name[REM.nfiles], REM_NAME_LENGTH, "%s", word);
     float weight = 1.0f;
     if (sscanf(rest, "%f", &weight) == 1) {
         if (record_weight_given) REM_input.weights_given = 1;
     } else {
         weight = 1.0f;
     }
-    REM_input.file_weight[REM.nfiles] = weight;
+    REM_store_file(REM.nfiles, word, weight);
     REM.nfiles++;
     return true;
 }
@@ -405,8 +406,7 @@ int REMInternal_read_control_file_overlapping_events(FILE *file) {
             for (int i = REM.range_start[e][r]; i <= REM.range_stop[e][r]; ++i) covered[i] = 1;
     for (int i = 0; i < REM.nfiles; ++i) {
         if (!covered[i])
-            printf("Warning: file %d [ %s ] is not included in any events!\n", i,
-                   REM_input.file_name[i]);
+            printf("Warning: file %d [ %s ] is not included in any events!\n", i, REM_file_name(i));
     }
     free_int_vector(covered);
     return 0;

@@ -86,13 +86,15 @@ struct evaluation {
     int rank;         // p, the columns kept
 };
 
-double x_at(const problem &pr, int i, int j) {
-    return static_cast<double>(pr.x[static_cast<size_t>(i) * pr.k + j]);
-}
-
-// Everything at tau2 = t.
-evaluation evaluate(const problem &pr, double t, const scratch_layout &s) {
-    const int n = pr.n, k = pr.k;
+// Everything at tau2 = t.  K is the number of columns when it is known at
+// compile time (0: pr.k): the same operations in the same order, with the
+// short loops over the columns unrolled.
+template <int K>
+evaluation evaluate_columns(const problem &pr, double t, const scratch_layout &s) {
+    const int n = pr.n, k = K > 0 ? K : pr.k;
+    auto x_at = [&pr, k](const problem &, int i, int j) {
+        return static_cast<double>(pr.x[static_cast<size_t>(i) * k + j]);
+    };
     for (int i = 0; i < n; ++i) {
         s.w[i] = 1.0 / (pr.v[i] + t);
         s.root[i] = std::sqrt(s.w[i]);
@@ -198,6 +200,21 @@ evaluation evaluate(const problem &pr, double t, const scratch_layout &s) {
     ev.observed = y_p3_y - 0.5 * trace_p2;
     ev.expected = 0.5 * trace_p2;
     return ev;
+}
+
+evaluation evaluate(const problem &pr, double t, const scratch_layout &s) {
+    switch (pr.k) {
+        case 1:
+            return evaluate_columns<1>(pr, t, s);
+        case 2:
+            return evaluate_columns<2>(pr, t, s);
+        case 3:
+            return evaluate_columns<3>(pr, t, s);
+        case 4:
+            return evaluate_columns<4>(pr, t, s);
+        default:
+            return evaluate_columns<0>(pr, t, s);
+    }
 }
 
 }  // namespace

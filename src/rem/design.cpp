@@ -89,15 +89,21 @@ void REMInternal_define_design_matrix(void) {
     REM.beta = float_vector(static_cast<uint32_t>(k));
     for (int j = 0; j < k; ++j) REM.beta[j] = 0.0f;
     g_allocated.beta = REM.beta;
+    // The n x n matrices of the classic arithmetic exist up to its capacity;
+    // beyond it (only with "reml converged") the voxels are fitted in
+    // storage that grows as n k, and these stay null.
+    const bool square = n <= REM_MAX_FILES;
     for (int m = 0; m < kMatrixCount; ++m) {
         const int rows = kMatrices[m].rows_are_files ? n : k;
         const int columns = kMatrices[m].columns_are_files ? n : k;
-        REM.*kMatrices[m].field = zero_matrix(rows, columns);
+        const bool by_files = kMatrices[m].rows_are_files && kMatrices[m].columns_are_files;
+        REM.*kMatrices[m].field = by_files && !square ? nullptr : zero_matrix(rows, columns);
         g_allocated.matrix[m] = REM.*kMatrices[m].field;
         g_allocated.rows[m] = rows;
     }
     g_allocated.present = true;
-    for (int i = 0; i < n; ++i) REM.identity[i][i] = 1.0f;
+    if (square)
+        for (int i = 0; i < n; ++i) REM.identity[i][i] = 1.0f;
 
     // The user's own design: its values as they are.
     if (REM_input.design_layout) {
@@ -115,7 +121,7 @@ void REMInternal_define_design_matrix(void) {
             const int start = REM.range_start[e][r];
             const int stop = REM.range_stop[e][r];
             float sum = 0.0f;
-            for (int i = start; i <= stop; ++i) sum += REM_input.file_weight[i];
+            for (int i = start; i <= stop; ++i) sum += REM_file_weight(i);
             float mean = sum / static_cast<float>(stop - start + 1);
             scale = fabsf(mean);
         }
@@ -146,7 +152,7 @@ void REMInternal_define_design_matrix(void) {
                 const int start = REM.range_start[e][r];
                 const int stop = REM.range_stop[e][r];
                 if (i < start || i > stop) continue;
-                const float v = REM_input.file_weight[i] / scale;
+                const float v = REM_file_weight(i) / scale;
                 if (REM.event_shape[e] == 0) {
                     REM.design[i][e] = v;
                 } else {

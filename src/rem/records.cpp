@@ -4,6 +4,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <string>
+#include <vector>
+
 #include "rem.h"
 
 rem_input REM_input;
@@ -49,4 +52,39 @@ int REM_get_condition_string(int index, char *text) {
     if (index < 0 || index >= REM.nconditions) return 1;
     strcpy(text, REM.condition_name[index]);
     return 0;
+}
+
+namespace {
+
+// Names and weights of the files beyond the records' arrays, in file order.
+std::vector<std::string> g_more_names;
+std::vector<float> g_more_weights;
+
+}  // namespace
+
+const char *REM_file_name(int index) {
+    if (index < REM_MAX_FILES) return REM_input.file_name[index];
+    return g_more_names[static_cast<size_t>(index - REM_MAX_FILES)].c_str();
+}
+
+float REM_file_weight(int index) {
+    if (index < REM_MAX_FILES) return REM_input.file_weight[index];
+    return g_more_weights[static_cast<size_t>(index - REM_MAX_FILES)];
+}
+
+void REM_store_file(int index, const char *name, float weight) {
+    if (index < REM_MAX_FILES) {
+        snprintf(REM_input.file_name[index], REM_NAME_LENGTH, "%s", name);
+        REM_input.file_weight[index] = weight;
+        if (index == 0) {  // a new list: forget the files of an earlier one
+            g_more_names.clear();
+            g_more_weights.clear();
+        }
+        return;
+    }
+    const size_t at = static_cast<size_t>(index - REM_MAX_FILES);
+    g_more_names.resize(at);
+    g_more_weights.resize(at);
+    g_more_names.emplace_back(name, strnlen(name, REM_NAME_LENGTH - 1));
+    g_more_weights.push_back(weight);
 }

@@ -144,6 +144,8 @@ int rem_reference_fit(rem_workspace *ws, float sigma2_re, const float *effect, c
             for (int jj = 0; jj < k; ++jj) f.normal_inverse[j][jj] = 0.0f;
         return REM_VOXEL_DONE;
     }
+    // Beyond the classic capacity there are no n x n matrices.
+    if (ws->lean) return rem_lean_fit(ws, sigma2_re, effect, error, fitted, event_sum);
 
     set_fixed_variance(ws, error);
     set_weighting(ws, sigma2_re);

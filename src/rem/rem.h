@@ -17,6 +17,10 @@ extern "C" {
 #define REM_MAX_RANGES 100
 #define REM_MAX_CONDITIONS 100
 #define REM_NAME_LENGTH 1024 /* buffer size: at most 1023 characters of text */
+// With "reml converged" the files are not limited to REM_MAX_FILES: the
+// names and weights of the files beyond it live in the model's own storage
+// (REM_file_name, REM_file_weight), up to this many files.
+#define REM_MAX_CONVERGED_FILES 1000000
 
 typedef struct {
     int nfiles;
@@ -87,6 +91,13 @@ int REM_EventCharFromInteger(int number, char *c);
 char REM_EventChar(int number);
 int REM_get_event_number(int index);
 int REM_get_condition_string(int index, char *text);
+// Name and weight of file index (0 <= index < nfiles): the records' arrays
+// for the first REM_MAX_FILES files, the model's storage beyond them.
+const char *REM_file_name(int index);
+float REM_file_weight(int index);
+// Stores them for file index (0 <= index < REM_MAX_CONVERGED_FILES, files
+// stored in order); an index beyond the arrays needs "reml converged".
+void REM_store_file(int index, const char *name, float weight);
 
 // ---- control file (control_file.cpp) ----
 int REM_read_control_file(const char *path);

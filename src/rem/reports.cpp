@@ -36,8 +36,8 @@ void REM_describe_input(void) {
         }
         printf("measurement files:\n");
         for (int i = 0; i < REM_input.nfiles; ++i)
-            printf("file[%d] = %s , magnitude = %g\n", i, REM_input.file_name[i],
-                   static_cast<double>(REM_input.file_weight[i]));
+            printf("file[%d] = %s , magnitude = %g\n", i, REM_file_name(i),
+                   static_cast<double>(REM_file_weight(i)));
         return;
     }
     for (int e = 0; e < REM.nevents; ++e) {
@@ -45,8 +45,8 @@ void REM_describe_input(void) {
         const int start = REM.range_start[e][0];
         const int stop = REM.range_stop[e][0];
         for (int i = start; i <= stop; ++i)
-            printf("file[%d] = %s , magnitude = %g\n", i - start, REM_input.file_name[i],
-                   static_cast<double>(REM_input.file_weight[i]));
+            printf("file[%d] = %s , magnitude = %g\n", i - start, REM_file_name(i),
+                   static_cast<double>(REM_file_weight(i)));
     }
 }
 

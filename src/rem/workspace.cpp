@@ -56,6 +56,12 @@ void allocate_fit(rem_workspace *ws) {
     const int n = ws->n, k = ws->k;
     rem_fit_matrices &f = ws->fit;
     f.beta = array<float>(static_cast<size_t>(k));
+    ws->owns_fit = 1;
+    if (ws->lean) {
+        f.normal_matrix = matrix(k, k);
+        f.normal_inverse = matrix(k, k);
+        return;
+    }
     f.v_inverse = matrix(n, n);
     f.v_inverse_design = matrix(n, k);
     f.normal_matrix = matrix(k, k);
@@ -68,7 +74,6 @@ void allocate_fit(rem_workspace *ws) {
     f.fixed_variance = matrix(n, n);
     f.fixed_variance_squared = matrix(n, n);
     f.work = matrix(n, n);
-    ws->owns_fit = 1;
 }
 
 void free_fit(rem_workspace *ws) {
@@ -99,7 +104,8 @@ void allocate_common(rem_workspace *ws, bool fast) {
     ws->ld = static_cast<int>(ld);
     ws->t = array<float>(ld);
     ws->pinv = matrix(k, k);
-    rem_workspace_reserve_inversion(ws, n > k ? n : k);
+    // The float64 inversions are of order n only in the classic arithmetic.
+    rem_workspace_reserve_inversion(ws, n > k && !ws->lean ? n : k);
     int rows = 1;
     for (int c = 0; c < ws->model->nconditions; ++c)
         if (ws->model->condition_nrows[c] > rows) rows = ws->model->condition_nrows[c];
@@ -127,11 +133,13 @@ void allocate_common(rem_workspace *ws, bool fast) {
     ws->w = array<float>(ld);
     ws->row = array<float>(ld);
     ws->coef = array<float>(kk);
-    ws->Rt = array<float>(nn * ld);
-    ws->first = array<int>(nn);
-    ws->last = array<int>(nn);
-    ws->start = array<int>(nn);
-    ws->stop = array<int>(nn);
+    if (!ws->lean) {  // R and its spans, for the classic estimate
+        ws->Rt = array<float>(nn * ld);
+        ws->first = array<int>(nn);
+        ws->last = array<int>(nn);
+        ws->start = array<int>(nn);
+        ws->stop = array<int>(nn);
+    }
     ws->converged_scratch = array<double>(rem_converged_reml_scratch_size(n, k));
 }
 
@@ -140,6 +148,7 @@ rem_workspace *new_workspace(const rem_model_view *model) {
     ws->model = model;
     ws->n = model->nfiles > 0 ? model->nfiles : 0;
     ws->k = model->nbasis > 0 ? model->nbasis : 0;
+    ws->lean = model->identity == nullptr && ws->n > 0;
     return ws;
 }
 

@@ -33,6 +33,11 @@ struct rem_workspace {
 
     rem_fit_matrices fit;  // the reference kernel's matrices
     int owns_fit;          // 0 when fit holds REM's own matrices
+    // 1 for a model without n x n matrices (more files than the classic
+    // capacity): fit holds beta, normal_matrix and normal_inverse only, the
+    // fast kernel's Rt and spans are absent, and the fit of a voxel that the
+    // fast route cannot take is rem_lean_fit's.
+    int lean;
 
     // Scratch of both kernels.
     float *t;      // n (padded to ld): a matrix times y
@@ -96,6 +101,10 @@ int rem_reference_fit(rem_workspace *ws, float sigma2_re, const float *effect, c
                       float *fitted, float *event_sum);
 // The fast kernel's fit (fast_kernel.cpp).
 int rem_fast_fit(rem_workspace *ws, float sigma2_re, const float *effect, const float *error,
+                 float *fitted, float *event_sum);
+// The final fit as the reference kernel gives it for W = (S^2 + sigma2.I)^-1,
+// in storage that grows as n k (lean_fit.cpp); for lean workspaces.
+int rem_lean_fit(rem_workspace *ws, float sigma2_re, const float *effect, const float *error,
                  float *fitted, float *event_sum);
 // The test on the workspace's last fit (f_test.cpp), shared by both kernels.
 int rem_kernel_test(rem_workspace *ws, int condition, int resels, int dof, rem_test_result *result);

@@ -191,3 +191,52 @@ TEST(VoxelKernels, MatchTheModelsOperationsBitForBit) {
     }
     rem_fast_select_instruction_set(best.c_str());
 }
+
+// Without n x n matrices (a model beyond the classic capacity), the fit of
+// the converged kernels, whose voxels that the fast route cannot take are
+// fitted in n k storage: the model's REM_fit_final value for value, bit for
+// bit where it is a number, and not a number where it is not (the bits of a
+// not-a-number are left open).
+TEST(VoxelKernels, FitWithoutSquareMatricesMatchesTheModel) {
+    auto same = [](float a, float b) { return std::isnan(a) ? std::isnan(b) : bits(a) == bits(b); };
+    uint64_t seed = 101;
+    for (const rem_kernel *kernel : {&rem_converged_kernel, &rem_converged_reference_kernel}) {
+        for (const Design &d : designs) {
+            build_model(d.n, d.events, d.weights);
+            int count = 0;
+            ASSERT_EQ(REM_define_conditions(d.conditions, &count), 0);
+            rem_model_view model = rem_current_model();
+            model.identity = nullptr;  // as beyond the capacity
+            rem_workspace *ws = rem_workspace_create(&model);
+            Random rng(seed++);
+            for (int v = 0; v < 40; ++v) {
+                Voxel x = draw_voxel(rng, d.n, v % 2 ? Data::Special : Data::Normal);
+                for (float &e : x.s)
+                    if (rng.uniform() < 0.2) e = -e;
+                const float s0 = x.s[0];
+                const float variances[] = {0.7f, 0.0f, -(s0 * s0), 1e-41f - s0 * s0, kNaN, kInf};
+                for (float sigma2 : variances) {
+                    const std::string at = std::string(d.name) + " voxel " + std::to_string(v) +
+                                           " variance " + std::to_string(sigma2);
+                    std::vector<float> p(2 * d.n), f(2 * d.n);
+                    REM_fit_final(sigma2, d.n, x.y.data(), x.s.data(), p.data(), p.data() + d.n);
+                    kernel->fit(ws, sigma2, x.y.data(), x.s.data(), f.data(), f.data() + d.n);
+                    for (int i = 0; i < 2 * d.n; ++i)
+                        EXPECT_TRUE(same(p[i], f[i]))
+                            << at << " value " << i << ": " << p[i] << " and " << f[i];
+                    for (int a = 0; a < REM.nbasis; ++a) {
+                        EXPECT_TRUE(same(REM.beta[a], rem_workspace_beta(ws)[a])) << at;
+                        for (int b = 0; b < REM.nbasis; ++b)
+                            EXPECT_TRUE(same(REM.normal_inverse[a][b],
+                                             rem_workspace_normal_inverse(ws)[a][b]))
+                                << at << " normal_inverse " << a << b;
+                    }
+                }
+            }
+            if (kernel == &rem_converged_kernel) {  // the special values took the n k fit
+                EXPECT_GT(rem_workspace_reference_count(ws), 0) << d.name;
+            }
+            rem_workspace_free(ws);
+        }
+    }
+}

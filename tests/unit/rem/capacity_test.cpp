@@ -1,0 +1,48 @@
+// Studies beyond the classic capacity of 200 files, which only "reml
+// converged" allows: names and weights past the records' arrays, and a
+// design without the n x n matrices of the classic arithmetic.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "rem.h"
+#include "test_support.h"
+
+TEST(Capacity, ConvergedReadsMoreFilesThanTheClassicCapacity) {
+    test_support::TempDir dir;
+    const std::string path = dir.file("analysis.rem");
+    // 150 files of event p, then 150 of event c with a weight of 2 each.
+    for (const char *method : {"classic", "converged"}) {
+        std::string text = std::string("reml ") + method + "\nconditions p-c\nevent p\n";
+        for (int i = 0; i < 300; ++i) {
+            if (i == 150) text += "event c\n";
+            text += "f" + std::to_string(i) + ".bfloat" + (i < 150 ? "\n" : " 2\n");
+        }
+        test_support::write_file(path, text);
+        testing::internal::CaptureStdout();
+        const int result = REM_read_control_file(path.c_str());
+        const std::string out = testing::internal::GetCapturedStdout();
+        SCOPED_TRACE(method);
+        if (std::string(method) == "classic") {
+            EXPECT_EQ(result, 1);
+            EXPECT_NE(out.find("lists more than 200 files."), std::string::npos);
+            continue;
+        }
+        ASSERT_EQ(result, 0) << out.substr(0, 300);
+        EXPECT_EQ(REM.nfiles, 300);
+        EXPECT_EQ(REM_input.nfiles, 300);
+        for (int i : {0, 199, 200, 299}) {
+            EXPECT_EQ(std::string(REM_file_name(i)), "f" + std::to_string(i) + ".bfloat");
+            EXPECT_EQ(REM_file_weight(i), i < 150 ? 1.0f : 2.0f);
+        }
+        EXPECT_NE(out.find("file[149] = f299.bfloat , magnitude = 2\n"), std::string::npos);
+        // The design: weights divided by their mean, one column per event.
+        EXPECT_EQ(REM.design[0][0], 1.0f);
+        EXPECT_EQ(REM.design[299][1], 1.0f);
+        EXPECT_EQ(REM.design[299][0], 0.0f);
+        EXPECT_EQ(REM.identity, nullptr);
+        EXPECT_EQ(REM.hat, nullptr);
+        EXPECT_NE(REM.estimator, nullptr);
+        EXPECT_EQ(REM_check_design(), 0);
+    }
+}
