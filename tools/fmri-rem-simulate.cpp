@@ -53,8 +53,8 @@ struct options {
     // Spread of each subject's own smooth map of standard-error factors
     // (log scale; 0 keeps one factor per subject and the trend along y).
     float error_spread = 0.0f;
-    bool converged = false;   // "reml converged" in the analysis file; no 200-file cap
-    int threads = 0;          // subjects written at once (0: one per core)
+    bool converged = false;  // "reml converged" in the analysis file; no 200-file cap
+    int threads = 0;         // subjects written at once (0: one per core)
 };
 
 // Files that fmri-rem reads with the classic estimate, and with "reml converged".
