@@ -20,7 +20,7 @@ void REM_describe_input(void) {
         for (int e = 0; e < REM.nbasis; ++e) printf(" %c", REM_EventChar(REM.event_number[e]));
         printf(":\n");
         for (int i = 0; i < REM.nfiles; ++i) {
-            printf("file[%d] = %s", i, REM_input.file_name[i]);
+            printf("file[%d] = %s", i, REM_file_name(i));
             for (int e = 0; e < REM.nbasis; ++e)
                 printf(" , %c = %g", REM_EventChar(REM.event_number[e]),
                        static_cast<double>(REM.design[i][e]));

@@ -46,3 +46,24 @@ TEST(Capacity, ConvergedReadsMoreFilesThanTheClassicCapacity) {
         EXPECT_EQ(REM_check_design(), 0);
     }
 }
+
+// The design layout beyond 200 files: names and values of every file, and the
+// description of the input names the files past the records' arrays.
+TEST(Capacity, ConvergedDesignLayoutBeyondTheClassicCapacity) {
+    test_support::TempDir dir;
+    const std::string path = dir.file("analysis.rem");
+    std::string text = "reml converged\nconditions p a\ndesign p a\nmeasurements\n";
+    for (int i = 0; i < 300; ++i)
+        text += "f" + std::to_string(i) + ".bfloat 1 " + std::to_string(i - 150) + "\n";
+    test_support::write_file(path, text);
+    testing::internal::CaptureStdout();
+    const int result = REM_read_control_file(path.c_str());
+    const std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(result, 0) << out.substr(0, 300);
+    EXPECT_EQ(REM.nfiles, 300);
+    EXPECT_EQ(std::string(REM_file_name(299)), "f299.bfloat");
+    EXPECT_EQ(REM.design[299][0], 1.0f);
+    EXPECT_EQ(REM.design[299][1], 149.0f);
+    EXPECT_EQ(REM.design[0][1], -150.0f);
+    EXPECT_NE(out.find("file[299] = f299.bfloat , p = 1 , a = 149\n"), std::string::npos);
+}
