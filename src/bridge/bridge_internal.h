@@ -28,6 +28,8 @@ bool is_file(const std::string &path);
 bool is_dir(const std::string &path);
 void make_dirs(const std::string &path);  // like mkdir -p; throws
 std::string parent_dir(const std::string &path);
+// The path with links and ".." resolved; the path itself when it cannot be.
+std::string full_path(const std::string &path);
 std::string join_path(const std::string &dir, const std::string &name);
 std::string read_text(const std::string &path);  // throws
 // Writes under a hidden temporary name beside `path` and renames it on success.

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -38,6 +39,14 @@ void make_dirs(const std::string &path) {
     if (parent != path) make_dirs(parent);
     if (mkdir(path.c_str(), 0777) != 0 && errno != EEXIST)
         throw failure("cannot create the folder " + path + ": " + std::strerror(errno));
+}
+
+std::string full_path(const std::string &path) {
+    char *resolved = realpath(path.c_str(), nullptr);
+    if (resolved == nullptr) return path;
+    std::string s = resolved;
+    std::free(resolved);
+    return s;
 }
 
 std::string parent_dir(const std::string &path) {

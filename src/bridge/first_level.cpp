@@ -42,14 +42,6 @@ bool ends_with(const std::string &s, const char *end) {
     return s.size() >= n && s.compare(s.size() - n, n, end) == 0;
 }
 
-std::string real_name(const std::string &path) {
-    char *resolved = realpath(path.c_str(), nullptr);
-    if (resolved == nullptr) return path;
-    std::string s = resolved;
-    std::free(resolved);
-    return s;
-}
-
 using header_ptr = std::unique_ptr<nifti_image, void (*)(nifti_image *)>;
 
 header_ptr read_header(const std::string &path, const std::string &at) {
@@ -188,7 +180,7 @@ map_cell read_map_cell(const table &t, size_t r, int col) {
 void check_error_is_not_effect(const table &t, size_t r, const map_cell &effect,
                                const map_cell &error, const std::string &kind) {
     if (std::max(effect.volume, 0) != std::max(error.volume, 0)) return;
-    if (effect.path != error.path && real_name(effect.path) != real_name(error.path)) return;
+    if (effect.path != error.path && full_path(effect.path) != full_path(error.path)) return;
     throw failure(t.path + " line " + std::to_string(t.lines[r]) + ": the effect and the " + kind +
                   " are the same map (" + effect.path +
                   (effect.volume >= 0 ? " volume " + std::to_string(effect.volume) : "") +

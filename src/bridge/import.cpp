@@ -45,15 +45,6 @@ std::string safe_name(const std::string &id) {
     return s;
 }
 
-// A file's full name for the record in geometry.json.
-std::string full_path(const std::string &path) {
-    char *resolved = realpath(path.c_str(), nullptr);
-    if (resolved == nullptr) return path;
-    std::string s = resolved;
-    std::free(resolved);
-    return s;
-}
-
 std::vector<row> read_rows(const table &t) {
     const std::string dir = parent_dir(t.path);
     auto where = [&](size_t r, int c) {

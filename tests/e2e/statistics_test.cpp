@@ -12,16 +12,10 @@
 
 namespace {
 
+using e2e::t_two_sided;
 using rem_test::Mat;
 using rem_test::Vec;
 using test_support::read_floats;
-
-// P(|T| > t) for Student's t with an even number of degrees of freedom.
-double t_two_sided(double t, int nu) {
-    double c2 = nu / (nu + t * t), term = 1.0, sum = 1.0;
-    for (int j = 2; j <= nu - 2; j += 2) sum += (term *= (j - 1.0) / j * c2);
-    return 1.0 - std::fabs(t) / std::sqrt(nu + t * t) * sum;
-}
 
 // Eight files in two events with 20 degrees of freedom each, the variance
 // ratio smoothed with 2 mm on voxels of 2 mm: r = 8^0.3333 = 1.99986,

@@ -3,6 +3,7 @@
 #ifndef FMRI_REM_E2E_STUDY_H
 #define FMRI_REM_E2E_STUDY_H
 
+#include <cmath>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -11,6 +12,13 @@
 #include "test_support.h"
 
 namespace e2e {
+
+// P(|T| > t) for Student's t with an even number of degrees of freedom.
+inline double t_two_sided(double t, int nu) {
+    double c2 = nu / (nu + t * t), term = 1.0, sum = 1.0;
+    for (int j = 2; j <= nu - 2; j += 2) sum += (term *= (j - 1.0) / j * c2);
+    return 1.0 - std::fabs(t) / std::sqrt(nu + t * t) * sum;
+}
 
 struct geometry {
     int nx = 10, ny = 5, nz = 4;
