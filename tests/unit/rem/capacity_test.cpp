@@ -4,61 +4,57 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "rem.h"
 #include "test_support.h"
 
-TEST(Capacity, ConvergedReadsMoreFilesThanTheClassicCapacity) {
+namespace {
+
+// Reads text as an analysis file: the result, then what was printed.
+std::pair<int, std::string> read_text(const std::string &text) {
     test_support::TempDir dir;
-    const std::string path = dir.file("analysis.rem");
+    test_support::write_file(dir.file("analysis.rem"), text);
+    testing::internal::CaptureStdout();
+    const int result = REM_read_control_file(dir.file("analysis.rem").c_str());
+    return {result, testing::internal::GetCapturedStdout()};
+}
+
+}  // namespace
+
+TEST(Capacity, ConvergedReadsMoreFilesThanTheClassicCapacity) {
     // 150 files of event p, then 150 of event c with a weight of 2 each.
-    for (const char *method : {"classic", "converged"}) {
-        std::string text = std::string("reml ") + method + "\nconditions p-c\nevent p\n";
-        for (int i = 0; i < 300; ++i) {
-            if (i == 150) text += "event c\n";
-            text += "f" + std::to_string(i) + ".bfloat" + (i < 150 ? "\n" : " 2\n");
-        }
-        test_support::write_file(path, text);
-        testing::internal::CaptureStdout();
-        const int result = REM_read_control_file(path.c_str());
-        const std::string out = testing::internal::GetCapturedStdout();
-        SCOPED_TRACE(method);
-        if (std::string(method) == "classic") {
-            EXPECT_EQ(result, 1);
-            EXPECT_NE(out.find("lists more than 200 files."), std::string::npos);
-            continue;
-        }
-        ASSERT_EQ(result, 0) << out.substr(0, 300);
-        EXPECT_EQ(REM.nfiles, 300);
-        EXPECT_EQ(REM_input.nfiles, 300);
-        for (int i : {0, 199, 200, 299}) {
-            EXPECT_EQ(std::string(REM_file_name(i)), "f" + std::to_string(i) + ".bfloat");
-            EXPECT_EQ(REM_file_weight(i), i < 150 ? 1.0f : 2.0f);
-        }
-        EXPECT_NE(out.find("file[149] = f299.bfloat , magnitude = 2\n"), std::string::npos);
-        // The design: weights divided by their mean, one column per event.
-        EXPECT_EQ(REM.design[0][0], 1.0f);
-        EXPECT_EQ(REM.design[299][1], 1.0f);
-        EXPECT_EQ(REM.design[299][0], 0.0f);
-        EXPECT_EQ(REM.identity, nullptr);
-        EXPECT_EQ(REM.hat, nullptr);
-        EXPECT_NE(REM.estimator, nullptr);
-        EXPECT_EQ(REM_check_design(), 0);
+    std::string files = "conditions p-c\nevent p\n";
+    for (int i = 0; i < 300; ++i)
+        files += (i == 150 ? "event c\nf" : "f") + std::to_string(i) +
+                 (i < 150 ? ".bfloat\n" : ".bfloat 2\n");
+    EXPECT_EQ(read_text("reml classic\n" + files).first, 1);
+    const auto [result, out] = read_text("reml converged\n" + files);
+    ASSERT_EQ(result, 0) << out.substr(0, 300);
+    EXPECT_EQ(REM.nfiles, 300);
+    EXPECT_EQ(REM_input.nfiles, 300);
+    for (int i : {0, 199, 200, 299}) {
+        EXPECT_EQ(std::string(REM_file_name(i)), "f" + std::to_string(i) + ".bfloat");
+        EXPECT_EQ(REM_file_weight(i), i < 150 ? 1.0f : 2.0f);
     }
+    EXPECT_NE(out.find("file[149] = f299.bfloat , magnitude = 2\n"), std::string::npos);
+    // The design: weights divided by their mean, one column per event.
+    EXPECT_EQ(REM.design[0][0], 1.0f);
+    EXPECT_EQ(REM.design[299][1], 1.0f);
+    EXPECT_EQ(REM.design[299][0], 0.0f);
+    EXPECT_EQ(REM.identity, nullptr);
+    EXPECT_EQ(REM.hat, nullptr);
+    EXPECT_NE(REM.estimator, nullptr);
+    EXPECT_EQ(REM_check_design(), 0);
 }
 
 // The design layout beyond 200 files: names and values of every file, and the
 // description of the input names the files past the records' arrays.
 TEST(Capacity, ConvergedDesignLayoutBeyondTheClassicCapacity) {
-    test_support::TempDir dir;
-    const std::string path = dir.file("analysis.rem");
     std::string text = "reml converged\nconditions p a\ndesign p a\nmeasurements\n";
     for (int i = 0; i < 300; ++i)
         text += "f" + std::to_string(i) + ".bfloat 1 " + std::to_string(i - 150) + "\n";
-    test_support::write_file(path, text);
-    testing::internal::CaptureStdout();
-    const int result = REM_read_control_file(path.c_str());
-    const std::string out = testing::internal::GetCapturedStdout();
+    const auto [result, out] = read_text(text);
     ASSERT_EQ(result, 0) << out.substr(0, 300);
     EXPECT_EQ(REM.nfiles, 300);
     EXPECT_EQ(std::string(REM_file_name(299)), "f299.bfloat");

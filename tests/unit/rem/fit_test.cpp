@@ -15,7 +15,6 @@ using namespace rem_test;
 
 namespace {
 
-const float kNaN = std::numeric_limits<float>::quiet_NaN();
 const float kPMin = static_cast<float>(std::exp(-100.0));  // 3.78e-44, a denormal
 
 // Relative closeness; a NaN expectation asks for a NaN.

@@ -20,15 +20,6 @@ using namespace rem_test;
 
 namespace {
 
-const float kInf = std::numeric_limits<float>::infinity();
-const float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-uint32_t bits(float v) {
-    uint32_t u;
-    std::memcpy(&u, &v, sizeof u);
-    return u;
-}
-
 #define EXPECT_BITS(model, kernel, what) \
     EXPECT_EQ(bits(model), bits(kernel)) \
         << (what) << ": model " << (model) << ", kernel " << (kernel)
@@ -80,6 +71,30 @@ Voxel draw_voxel(Random &rng, int n, Data data) {
     return v;
 }
 
+// The final fit at sigma2 of the model and of the kernel: fitted values,
+// event sums, beta and normal_inverse, bit for bit; with nan_bits_open any
+// not-a-number matches a not-a-number.
+void compare_fit(const rem_kernel *kernel, rem_workspace *ws, const Voxel &v, float sigma2,
+                 bool nan_bits_open, const std::string &at) {
+    const int n = static_cast<int>(v.y.size()), k = REM.nbasis;
+    auto same = [&](float a, float b) {
+        return nan_bits_open && std::isnan(a) ? std::isnan(b) : bits(a) == bits(b);
+    };
+    std::vector<float> p(2 * n, 7.0f), f(2 * n, 8.0f);  // fitted, then event sums
+    ASSERT_EQ(REM_fit_final(sigma2, n, v.y.data(), v.s.data(), p.data(), p.data() + n), 0) << at;
+    ASSERT_EQ(kernel->fit(ws, sigma2, v.y.data(), v.s.data(), f.data(), f.data() + n),
+              REM_VOXEL_DONE)
+        << at;
+    for (int i = 0; i < 2 * n; ++i)
+        EXPECT_TRUE(same(p[i], f[i])) << at << " value " << i << ": " << p[i] << ", " << f[i];
+    for (int a = 0; a < k; ++a) {
+        EXPECT_TRUE(same(REM.beta[a], rem_workspace_beta(ws)[a])) << at << " beta " << a;
+        for (int b = 0; b < k; ++b)
+            EXPECT_TRUE(same(REM.normal_inverse[a][b], rem_workspace_normal_inverse(ws)[a][b]))
+                << at << " normal_inverse " << a << b;
+    }
+}
+
 // One voxel through the model's operations and the kernel: REML, then the
 // final fit for several variances, each followed by every condition's test.
 // Without `reml` the estimate is left out and the fit starts from a fixed
@@ -87,7 +102,7 @@ Voxel draw_voxel(Random &rng, int n, Data data) {
 // estimate and the fits at the first two variances.
 void compare_voxel(const rem_kernel *kernel, rem_workspace *ws, Voxel v, bool reml, bool ordinary,
                    Random &rng, const std::string &where) {
-    const int n = static_cast<int>(v.y.size()), k = REM.nbasis;
+    const int n = static_cast<int>(v.y.size());
     const long handed_on = rem_workspace_reference_count(ws);
     float fe_p = 7.0f, re_p = 0.7f, fe_f = 8.0f, re_f = 0.7f;
     if (reml) {
@@ -110,19 +125,7 @@ void compare_voxel(const rem_kernel *kernel, rem_workspace *ws, Voxel v, bool re
     for (int vi = 0; vi < 8; ++vi) {
         const float sigma2 = variances[vi];
         const std::string at = where + " fit variance " + std::to_string(vi);
-        std::vector<float> p(2 * n, 7.0f), f(2 * n, 8.0f);  // fitted, then event sums
-        ASSERT_EQ(REM_fit_final(sigma2, n, v.y.data(), v.s.data(), p.data(), p.data() + n), 0);
-        ASSERT_EQ(kernel->fit(ws, sigma2, v.y.data(), v.s.data(), f.data(), f.data() + n),
-                  REM_VOXEL_DONE)
-            << at;
-        for (int i = 0; i < 2 * n; ++i)
-            EXPECT_BITS(p[i], f[i], at + (i < n ? " fitted " : " event_sum ") + std::to_string(i));
-        for (int a = 0; a < k; ++a) {
-            EXPECT_BITS(REM.beta[a], rem_workspace_beta(ws)[a], at + " beta");
-            for (int b = 0; b < k; ++b)
-                EXPECT_BITS(REM.normal_inverse[a][b], rem_workspace_normal_inverse(ws)[a][b],
-                            at + " normal_inverse");
-        }
+        compare_fit(kernel, ws, v, sigma2, false, at);
         for (int c = 0; c < REM.nconditions; ++c) {
             float q[5] = {7, 7, 7, 7, 7};
             rem_test_result g = {8, 8, 8, 8, 8};
@@ -198,7 +201,6 @@ TEST(VoxelKernels, MatchTheModelsOperationsBitForBit) {
 // bit where it is a number, and not a number where it is not (the bits of a
 // not-a-number are left open).
 TEST(VoxelKernels, FitWithoutSquareMatricesMatchesTheModel) {
-    auto same = [](float a, float b) { return std::isnan(a) ? std::isnan(b) : bits(a) == bits(b); };
     uint64_t seed = 101;
     for (const rem_kernel *kernel : {&rem_converged_kernel, &rem_converged_reference_kernel}) {
         for (const Design &d : designs) {
@@ -215,23 +217,10 @@ TEST(VoxelKernels, FitWithoutSquareMatricesMatchesTheModel) {
                     if (rng.uniform() < 0.2) e = -e;
                 const float s0 = x.s[0];
                 const float variances[] = {0.7f, 0.0f, -(s0 * s0), 1e-41f - s0 * s0, kNaN, kInf};
-                for (float sigma2 : variances) {
-                    const std::string at = std::string(d.name) + " voxel " + std::to_string(v) +
-                                           " variance " + std::to_string(sigma2);
-                    std::vector<float> p(2 * d.n), f(2 * d.n);
-                    REM_fit_final(sigma2, d.n, x.y.data(), x.s.data(), p.data(), p.data() + d.n);
-                    kernel->fit(ws, sigma2, x.y.data(), x.s.data(), f.data(), f.data() + d.n);
-                    for (int i = 0; i < 2 * d.n; ++i)
-                        EXPECT_TRUE(same(p[i], f[i]))
-                            << at << " value " << i << ": " << p[i] << " and " << f[i];
-                    for (int a = 0; a < REM.nbasis; ++a) {
-                        EXPECT_TRUE(same(REM.beta[a], rem_workspace_beta(ws)[a])) << at;
-                        for (int b = 0; b < REM.nbasis; ++b)
-                            EXPECT_TRUE(same(REM.normal_inverse[a][b],
-                                             rem_workspace_normal_inverse(ws)[a][b]))
-                                << at << " normal_inverse " << a << b;
-                    }
-                }
+                for (float sigma2 : variances)
+                    compare_fit(kernel, ws, x, sigma2, true,
+                                std::string(d.name) + " voxel " + std::to_string(v) + " variance " +
+                                    std::to_string(sigma2));
             }
             if (kernel == &rem_converged_kernel) {  // the special values took the n k fit
                 EXPECT_GT(rem_workspace_reference_count(ws), 0) << d.name;

@@ -67,7 +67,6 @@ TEST(ModelCheckDeathTest, OperationsRefuse) {
 // weighting stays the unit start.  With as many events as files the start is
 // 0/0 (R0 = 0, n - k = 0): again no step runs and the estimate is 0.
 TEST(RemlIterate, ExactCases) {
-    const float kNaN = std::numeric_limits<float>::quiet_NaN();
     struct Case {
         int n;
         std::vector<float> y, s;
