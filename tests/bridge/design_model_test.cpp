@@ -50,11 +50,8 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
         mean_age += ps[s].age / SUBJECTS;
         share_male += ps[s].male / double(SUBJECTS);
     }
-    const nifti_layout grid{{NX, NY, NZ, 1},
-                            NIFTI_TYPE_FLOAT32,
-                            {{2, 0, 0, -3}, {0, 2, 0, -2}, {0, 0, 2, -1}, {0, 0, 0, 1}},
-                            0,
-                            2};
+    nifti_layout grid = bridge_test::grid(NX, NY, NZ, 2, 1, 2);
+    grid.affine[0][3] = -3, grid.affine[1][3] = -2, grid.affine[2][3] = -1;
     // Per participant and session (0 pre, 1 post): effect and variance as
     // the files hold them.
     std::vector<std::vector<double>> effect[2], variance[2];
