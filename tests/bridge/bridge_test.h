@@ -6,6 +6,7 @@
 
 #include <nifti1_io.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <string>
@@ -24,6 +25,14 @@ struct nifti_layout {
     float slope = 0, inter = 0;
     bool pair = false;  // .hdr/.img instead of one file
 };
+
+// nx x ny x nz voxels of `voxel` mm, sform code `sform`.
+inline nifti_layout grid(int nx, int ny, int nz, float voxel, int volumes = 1, int sform = 4) {
+    nifti_layout s{{nx, ny, nz, volumes}};
+    s.affine[0][0] = s.affine[1][1] = s.affine[2][2] = voxel;
+    s.sform_code = sform;
+    return s;
+}
 
 // Writes `stored` (the values as the datatype holds them, x fastest, volume
 // after volume) under `prefix` (".nii", ".nii.gz" or, for a pair, ".hdr").
@@ -65,12 +74,35 @@ inline nifti_ptr read_nifti(const std::string &path) {
     return nifti_ptr(nifti_image_read(path.c_str(), 1), nifti_image_free);
 }
 
+// `env`: assignments put before the command.
 inline test_support::CommandResult run_tool(const std::string &tool,
                                             const std::vector<std::string> &args,
-                                            const std::string &dir) {
-    std::string cmd = test_support::shell_quote(std::string(FMRI_REM_BUILD_DIR) + "/" + tool);
+                                            const std::string &dir, const std::string &env = "") {
+    std::string cmd = env + test_support::shell_quote(std::string(FMRI_REM_BUILD_DIR) + "/" + tool);
     for (const std::string &a : args) cmd += " " + test_support::shell_quote(a);
     return test_support::run_command(cmd, dir);
+}
+
+// fmri-rem-import in `dir`: `table` -o study -c `conditions` -s 0 0, then `more`.
+inline test_support::CommandResult import(const std::string &dir, const std::string &table,
+                                          const std::string &conditions,
+                                          const std::vector<std::string> &more = {}) {
+    std::vector<std::string> args = {table, "-o", "study", "-c", conditions, "-s", "0", "0"};
+    args.insert(args.end(), more.begin(), more.end());
+    return run_tool("fmri-rem-import", args, dir);
+}
+
+// Refused: status 1, nothing on standard output, one "Error: " line holding
+// `message`, and nothing left in `dir` that looks written (study, results/nifti).
+inline void expect_refused(const test_support::CommandResult &r, const std::string &message,
+                           const std::string &dir) {
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err.rfind("Error: ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
+    EXPECT_EQ(
+        test_support::run_command("find study results/nifti empty/nifti 2>/dev/null", dir).out, "");
 }
 
 // |z| with two-sided p = 10^-L, i.e. erfc(|z| / sqrt 2) = p, by Newton's

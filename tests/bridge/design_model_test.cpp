@@ -1,5 +1,5 @@
 // The import's designs (covariates, a text covariate, slopes per group,
-// paired sessions, one sample, a design matrix of the user's) through
+// paired sessions, a design matrix of the user's) through
 // fmri-rem-import and fmri-rem, each against a fit made here from the table:
 // the design built in double, the REML variance as the maximum of the
 // likelihood on a grid, weighted least squares, and the t distribution of
@@ -23,29 +23,13 @@ namespace {
 
 const int NX = 4, NY = 3, NZ = 2, NV = NX * NY * NZ, SUBJECTS = 14, DOF = 30;
 
-// One participant of the study table.
+// One participant of the study table; score is a column of the user's design matrix only.
 struct participant {
     bool patient;
     double age;
     bool male;
-    double score;  // a column of the user's design matrix only
+    double score;
 };
-
-struct design_case {
-    const char *what;
-    const char *table;  // "full" (both sessions), "pre" (pre only), "*-nogroup" (no group)
-    std::vector<std::string> options;
-    // A participant's design row, and the conditions: by name, as the result
-    // files name them, and their contrast vectors.
-    std::function<Vec(const participant &)> row;
-    std::vector<std::tuple<std::string, std::string, Vec>> conditions;
-};
-
-double mean_of(const std::vector<participant> &ps, double participant::*field) {
-    double s = 0;
-    for (const participant &p : ps) s += p.*field;
-    return s / ps.size();
-}
 
 // P(|T| > t) with nu degrees of freedom.
 double two_sided(double t, double nu) {
@@ -60,21 +44,23 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
     std::normal_distribution<double> normal(0, 1);
     std::uniform_real_distribution<double> uniform(0.02, 0.12);
     std::vector<participant> ps;
-    for (int s = 0; s < SUBJECTS; ++s)
+    double mean_age = 0, share_male = 0;
+    for (int s = 0; s < SUBJECTS; ++s) {
         ps.push_back({s % 2 == 0, 20 + 3.5 * s - (s % 3) * 4.25, s % 3 == 1, 0.1 * s * s - s});
-    const nifti_layout grid{{NX, NY, NZ, 1},
-                            NIFTI_TYPE_FLOAT32,
-                            {{2, 0, 0, -3}, {0, 2, 0, -2}, {0, 0, 2, -1}, {0, 0, 0, 1}},
-                            0,
-                            2};
+        mean_age += ps[s].age / SUBJECTS;
+        share_male += ps[s].male / double(SUBJECTS);
+    }
+    nifti_layout grid = bridge_test::grid(NX, NY, NZ, 2, 1, 2);
+    grid.affine[0][3] = -3, grid.affine[1][3] = -2, grid.affine[2][3] = -1;
     // Per participant and session (0 pre, 1 post): effect and variance as
     // the files hold them.
     std::vector<std::vector<double>> effect[2], variance[2];
-    std::string head = "participant_id\tgroup\tsession\tage\tsex\teffect\tvariance\tdof\n";
-    std::string full = head, pre = head, full_ng, pre_ng;
+    std::string full = "participant_id\tgroup\tsession\tage\tsex\teffect\tvariance\tdof\n",
+                pre = full, dm = "subject_label\tintercept\tscore\n";  // as nilearn names it
     for (int s = 0; s < SUBJECTS; ++s) {
         const participant &p = ps[s];
         const std::string id = "sub-" + std::to_string(10 + s);
+        dm += id + "\t1\t" + std::to_string(p.score) + "\n";
         for (int session = 0; session < 2; ++session) {
             std::vector<double> e(NV), v(NV);
             for (int i = 0; i < NV; ++i) {
@@ -98,113 +84,71 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
             if (!session) pre += line;
         }
     }
-    // The same tables without the group column.
-    auto drop_group = [](const std::string &t) {
-        std::string out;
-        for (size_t pos = 0; pos < t.size();) {
-            size_t end = t.find('\n', pos);
-            std::string line = t.substr(pos, end - pos);
-            size_t a = line.find('\t'), b = line.find('\t', a + 1);
-            out += line.substr(0, a) + line.substr(b) + "\n";
-            pos = end + 1;
-        }
-        return out;
-    };
     // A participant with one session only, left out of the pairs.
-    full += "sub-99\tcontrols\tpre\t50\tF\tsub-10_pre_effect.nii\tsub-10_pre_variance.nii\t30\n";
-    write_file(tmp.file("full.tsv"), full);
+    write_file(
+        tmp.file("full.tsv"),
+        full +
+            "sub-99\tcontrols\tpre\t50\tF\tsub-10_pre_effect.nii\tsub-10_pre_variance.nii\t30\n");
     write_file(tmp.file("pre.tsv"), pre);
-    write_file(tmp.file("full-nogroup.tsv"), drop_group(full));
-    write_file(tmp.file("pre-nogroup.tsv"), drop_group(pre));
-    std::string dm = "subject_label\tintercept\tscore\n";  // as nilearn names it
-    for (int s = 0; s < SUBJECTS; ++s)
-        dm += "sub-" + std::to_string(10 + s) + "\t1\t" + std::to_string(ps[s].score) + "\n";
     write_file(tmp.file("dm.tsv"), dm);
 
-    const double mean_age = mean_of(ps, &participant::age);
-    double share_male = 0;
-    for (const participant &p : ps) share_male += p.male / double(SUBJECTS);
-    auto groups = [](const participant &p) {
-        return Vec{p.patient ? 1.0 : 0, p.patient ? 0 : 1.0};
-    };
-    const design_case cases[] = {
-        {"two groups and age",
-         "pre",
-         {"--covariates", "age"},
+    const struct {
+        const char *table;  // full: both sessions; pre: pre only
+        std::vector<std::string> options;
+        // A participant's design row, and the conditions: by name, as the
+        // result files name them, and their contrast vectors.
+        std::function<Vec(const participant &)> row;
+        std::vector<std::tuple<std::string, std::string, Vec>> conditions;
+    } cases[] = {
+        {"pre",
+         {"--covariates", "age,sex"},
          [&](const participant &p) {
-             Vec x = groups(p);
-             x.push_back(p.age - mean_age);
-             return x;
+             return Vec{double(p.patient), double(!p.patient), p.age - mean_age,
+                        p.male - share_male};
          },
-         {{"patients-controls", "p-c", {1, -1, 0}}, {"age", "a", {0, 0, 1}}}},
-        {"sex as nuisance",
-         "pre",
-         {"--covariates", "sex"},
-         [&](const participant &p) {
-             Vec x = groups(p);
-             x.push_back(p.male - share_male);
-             return x;
-         },
-         {{"0.5*patients+0.5*controls", "0.5*p+0.5*c", {0.5, 0.5, 0}}, {"sex[M]", "s", {0, 0, 1}}}},
-        {"group by age",
-         "pre",
+         {{"patients-controls", "p-c", {1, -1, 0, 0}},
+          {"age", "a", {0, 0, 1, 0}},
+          {"0.5*patients+0.5*controls", "0.5*p+0.5*c", {0.5, 0.5, 0, 0}},
+          {"sex[M]", "s", {0, 0, 0, 1}}}},
+        {"pre",
          {"--by-group", "age"},
          [&](const participant &p) {
-             Vec x = groups(p);
-             x.push_back(p.patient ? p.age - mean_age : 0);
-             x.push_back(p.patient ? 0 : p.age - mean_age);
-             return x;
+             return Vec{double(p.patient), double(!p.patient), p.patient ? p.age - mean_age : 0,
+                        p.patient ? 0 : p.age - mean_age};
          },
          {{"age:patients-age:controls", "a-b", {0, 0, 1, -1}}, {"controls", "c", {0, 1, 0, 0}}}},
-        {"paired, one sample",
-         "full-nogroup",
+        {"full",
          {"--paired", "post-pre"},
-         [&](const participant &) { return Vec{1}; },
-         {{"all", "a", {1}}}},
-        {"paired, two groups",
-         "full",
-         {"--paired", "post-pre"},
-         [&](const participant &p) { return groups(p); },
+         [&](const participant &p) {
+             return Vec{double(p.patient), double(!p.patient)};
+         },
          {{"patients-controls", "p-c", {1, -1}}, {"patients", "p", {1, 0}}}},
-        {"one sample",
-         "pre-nogroup",
-         {},
-         [&](const participant &) { return Vec{1}; },
-         {{"all", "a", {1}}}},
-        {"own design matrix",
-         "pre",
+        {"pre",
          {"--design-matrix", "dm.tsv"},
          [&](const participant &p) {
              return Vec{1, p.score};
          },
          {{"score", "s", {0, 1}}, {"intercept-2*score", "i-2*s", {1, -2}}}},
     };
-    for (const design_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        const std::string study = std::string("study-") + std::to_string(&c - cases);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.options[0]);
+        run_command("rm -rf study", tmp.path());
         std::string conditions;
         for (const auto &k : c.conditions) conditions += std::get<0>(k) + " ";
-        std::vector<std::string> args = {
-            std::string(c.table) + ".tsv", "-o", study, "-c", conditions, "-s", "0", "0"};
-        args.insert(args.end(), c.options.begin(), c.options.end());
-        CommandResult r = bridge_test::run_tool("fmri-rem-import", args, tmp.path());
+        CommandResult r =
+            bridge_test::import(tmp.path(), std::string(c.table) + ".tsv", conditions, c.options);
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_NE(r.out.find("REML: converged"), std::string::npos) << r.out;
-        const bool paired = c.options.size() && c.options[0] == "--paired";
+        const bool paired = c.options[0] == "--paired";
         EXPECT_EQ(r.out.find("taken as independent") != std::string::npos, paired) << r.out;
         EXPECT_EQ(r.out.find("Left out, without both sessions: sub-99\n") != std::string::npos,
                   paired)
             << r.out;
-        const std::string rem = read_file(tmp.file(study + "/analysis.rem"));
-        for (const auto &k : c.conditions) {
-            if (std::get<0>(k) != std::get<1>(k)) {
-                EXPECT_NE(
-                    rem.find("\n# condition " + std::get<1>(k) + " = " + std::get<0>(k) + "\n"),
-                    std::string::npos)
-                    << rem;
-            }
-        }
-        r = run_command(shell_quote(FMRI_REM_BIN) + " analysis.rem", tmp.file(study));
+        const std::string rem = read_file(tmp.file("study/analysis.rem"));
+        for (const auto &[name, events, l] : c.conditions)  // every name differs from its events
+            EXPECT_NE(rem.find("\n# condition " + events + " = " + name + "\n"), std::string::npos)
+                << rem;
+        r = run_command(shell_quote(FMRI_REM_BIN) + " analysis.rem", tmp.file("study"));
         ASSERT_EQ(r.status, 0) << r.out;
 
         Mat X;
@@ -212,7 +156,7 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
         const size_t k = X[0].size();
         // Without ratio smoothing the test's dof join the design's and the files'.
         const double nu = std::rint(1 / (1.0 / (SUBJECTS - k) + 1.0 / (SUBJECTS * DOF)));
-        const std::vector<float> sigma2 = read_floats(tmp.file(study + "/sigma2.bfloat"));
+        const std::vector<float> sigma2 = read_floats(tmp.file("study/sigma2.bfloat"));
         ASSERT_EQ(sigma2.size(), 2u * NV);
         for (int v = 0; v < NV; ++v) {
             Vec y(SUBJECTS), se(SUBJECTS);
@@ -231,13 +175,10 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
                 const double sd =
                     std::sqrt(rem_test::dot(l, rem_test::mat_vec(fit.normal_inverse, l)));
                 const double t = value / sd, code = std::copysign(-std::log10(two_sided(t, nu)), t);
-                const std::string file = tmp.file(study + "/") + "%-" + events + ".bfloat";
-                auto map = [&](char m) {
-                    std::string f = file;
-                    f[f.rfind('%')] = m;
-                    return read_floats(f);
+                auto map = [&](const char *m) {
+                    return read_floats(tmp.file("study/" + std::string(m) + events + ".bfloat"));
                 };
-                const std::vector<float> T = map('T'), P = map('P'), S = map('S');
+                const std::vector<float> T = map("T-"), P = map("P-"), S = map("S-");
                 ASSERT_EQ(S.size(), 2u * NV);
                 EXPECT_NEAR(T[v], t, 2e-3 * std::fabs(t) + 1e-4);
                 EXPECT_NEAR(P[v], code, 2e-3 * std::fabs(code) + 1e-4);

@@ -144,9 +144,8 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
     const std::string out = study + "/nifti/";
     std::vector<float> sigma2 = read_floats(study + "/sigma2.bfloat");
     ASSERT_EQ(sigma2.size(), 3u * N);
-    // tolerance: relative, for values computed apart from the program
     auto check_map = [&](const std::string &name, int intent, double p1, double p2,
-                         const std::vector<float> &expected, double tolerance = 0) {
+                         const std::vector<float> &expected) {
         SCOPED_TRACE(name);
         bridge_test::nifti_ptr m = bridge_test::read_nifti(out + name);
         ASSERT_NE(m, nullptr);
@@ -162,56 +161,29 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
         EXPECT_EQ(m->intent_p2, static_cast<float>(p2));
         ASSERT_EQ(m->nvox, expected.size());
         for (size_t i = 0; i < expected.size(); ++i) {
-            if (tolerance > 0 && std::isnan(expected[i])) continue;
             const bool analysed = sigma2[2 * N + i % N] != 0.0f;
             const float want = analysed && std::isfinite(expected[i]) ? expected[i] : 0.0f;
             const float got = m->datatype == NIFTI_TYPE_UINT8
                                   ? static_cast<unsigned char *>(m->data)[i]
                                   : static_cast<float *>(m->data)[i];
-            if (tolerance > 0)
-                ASSERT_NEAR(got, want, tolerance * std::fabs(want) + 1e-6) << i;
-            else
-                ASSERT_EQ(bits(got), bits(want)) << i;
+            ASSERT_EQ(bits(got), bits(want)) << i;
         }
     };
+    // The z and -log10 p maps are checked against scipy by the intent test.
     for (std::string c : {"p", "c", "p-c", "p,c"}) {
         const std::string label = "contrast-" + bridge::condition_label(c);
-        std::vector<float> P = read_floats(study + "/P-" + c + ".bfloat");
         std::vector<float> T = read_floats(study + "/T-" + c + ".bfloat");
-        std::vector<float> S = read_floats(study + "/S-" + c + ".bfloat");
+        std::vector<float> S = read_floats(study + "/S-" + c + ".bfloat"), var(N);
         const std::string hdr = read_file(study + "/T-" + c + ".hdr");
         const int dof = std::atoi(hdr.c_str() + hdr.find("degrees-of-freedom") + 18);
         ASSERT_GT(dof, 0);
-        std::vector<float> stat = T, z(N), var(N);
         if (c == "p,c") {
-            for (float &t : stat) t = t * t;
-            check_map(label + "_stat-F_statmap.nii.gz", NIFTI_INTENT_FTEST, 2, dof, stat);
+            for (float &t : T) t = t * t;
+            check_map(label + "_stat-F_statmap.nii.gz", NIFTI_INTENT_FTEST, 2, dof, T);
         } else {
-            check_map(label + "_stat-t_statmap.nii.gz", NIFTI_INTENT_TTEST, dof, 0, stat);
+            check_map(label + "_stat-t_statmap.nii.gz", NIFTI_INTENT_TTEST, dof, 0, T);
         }
-        // -log10 p: for t, fmri-rem's own P (two-sided, in float) where it
-        // is not floored; for F, the closed-form tail of F(2, dof).  z from it.
-        std::vector<float> logp(N);
-        for (int i = 0; i < N; ++i) {
-            double L = std::fabs(P[i]);
-            if (c == "p,c") {
-                const double f = static_cast<double>(T[i]) * T[i];
-                L = 0.5 * dof * std::log1p(2 * f / dof) / std::log(10.0);
-            } else if (L > 40) {
-                L = NAN;  // beyond the floor of P: checked by the nibabel pass below
-            }
-            logp[i] = static_cast<float>(c != "p,c" && T[i] < 0 ? -L : L);
-            double zr = bridge_test::z_reference(L);
-            if (c == "p,c")
-                zr = L >= std::log10(2.0) ? bridge_test::z_reference(L - std::log10(2.0))
-                                          : -bridge_test::z_reference(
-                                                -std::log10(2 * -std::expm1(-L * std::log(10.0))));
-            z[i] = static_cast<float>(c != "p,c" && T[i] < 0 ? -zr : zr);
-            if (std::isnan(L)) z[i] = logp[i] = NAN;
-            var[i] = S[N + i] * S[N + i];
-        }
-        check_map(label + "_stat-z_statmap.nii.gz", NIFTI_INTENT_ZSCORE, 0, 0, z, 2e-5);
-        check_map(label + "_stat-logp_statmap.nii.gz", NIFTI_INTENT_NONE, 0, 0, logp, 2e-5);
+        for (int i = 0; i < N; ++i) var[i] = S[N + i] * S[N + i];
         check_map(label + "_stat-effect_statmap.nii.gz", NIFTI_INTENT_ESTIMATE, 0, 0,
                   std::vector<float>(S.begin(), S.begin() + N));
         check_map(label + "_stat-variance_statmap.nii.gz", NIFTI_INTENT_ESTIMATE, 0, 0, var);
@@ -231,14 +203,4 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
     EXPECT_TRUE(c.out.find("IS GOOD") != std::string::npos &&
                 c.out.find("BAD") == std::string::npos)
         << c.out;
-}
-
-// The z quantile down to p = 1e-44 and past the range of double.
-TEST(Bridge, ZFromLog10PAgreesWithAnIndependentQuantile) {
-    for (double L : {0.01, 0.5, 1.3, 3.0, 10.0, 20.0, 44.0, 100.0, 300.0, 320.0}) {
-        const double z = bridge::z_from_log10p(L), want = bridge_test::z_reference(L);
-        EXPECT_NEAR(z, want, 1e-13 * want) << L;
-        EXPECT_EQ(bridge::z_from_log10p(-L), z);
-    }
-    EXPECT_NEAR(bridge::z_from_log10p(-std::log10(0.05)), 1.959963984540054, 1e-14);
 }

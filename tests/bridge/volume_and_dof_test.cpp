@@ -3,6 +3,7 @@
 // freedom (numbers, dof files, SPM t maps, values that are not integers).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -18,10 +19,7 @@ const std::vector<double> kB = {2, -3, 1.5, 4}, kT = {4, 2, -0.5, 8};
 const std::vector<float> kSe = {0.5f, 1.5f, 3.0f, 0.5f};
 
 nifti_layout grid(int volumes = 1) {
-    nifti_layout s{{2, 2, 1, volumes}};
-    s.affine[0][0] = s.affine[1][1] = s.affine[2][2] = 2;
-    s.sform_code = 4;
-    return s;
+    return bridge_test::grid(2, 2, 1, 2, volumes);
 }
 
 // An uncompressed NIfTI file whose description reads `descrip`.
@@ -81,103 +79,77 @@ const char kHead[] = "participant_id\tgroup\teffect\ttstat\tstderr\tdof";
 
 }  // namespace
 
+// Table cells below are separated by '|'.
+std::string tabs(std::string s) {
+    std::replace(s.begin(), s.end(), '|', '\t');
+    return s;
+}
+
 TEST(Bridge, VolumesAndDegreesOfFreedomOfEachRow) {
     TempDir tmp;
     write_inputs(tmp);
+    const std::string bt = "bucket.nii.gz[1]|bucket.nii.gz[2]||20", c2 = "coef.nii|spmT_0002.nii||";
     struct good_case {
-        const char *what;
-        std::string extra_columns, rows;
-        std::vector<int> dofs;  // per row (each row's effect is b, its error |b / t|)
-        size_t unit_from;       // the rows from this one have errors of 1 instead
-        const char *out, *err;  // part of standard output; start of standard error
+        const char *extra_columns;
+        std::vector<std::string> rows;  // from the effect; its value is b, its error |b / t|
+        std::vector<int> dofs;          // per row
+        size_t unit_from;               // the rows from this one have errors of 1 instead
+        const char *note;  // part of standard output, or the start of standard error ("Warning")
     } cases[] = {
-        {"AFNI selector", "", "s1\ta\tbucket.nii.gz[1]\tbucket.nii.gz[2]\t\t20\n", {20}, 9, "", ""},
-        {"AFNI sub-brick labels",
-         "",
-         "s1\ta\tlabelled.nii.gz[condA#0_Coef]\tlabelled.nii.gz[condA#0_Tstat]\t\t20\n",
-         {20},
-         9,
-         "",
-         ""},
-        {"own volume columns",
-         "\teffect_volume\ttstat_volume",
-         "s1\ta\tbucket.nii.gz\tbucket.nii.gz\t\t20\t1\t2\n",
-         {20},
-         9,
-         "",
-         ""},
-        {"shared volume overridden for the t",
-         "\tvolume\ttstat_volume",
-         "s1\ta\tbucket.nii.gz\tbucket.nii.gz\t\t20\t1\t2\n",
-         {20},
-         9,
-         "",
-         ""},
-        {"an SPM t map as error and dof",
-         "",
-         "s1\ta\tcoef.nii\tspmT_0001.nii\t\tspmT_0001.nii\n",
+        {"", {bt}, {20}, 9, ""},
+        {"", {"labelled.nii.gz[condA#0_Coef]|labelled.nii.gz[condA#0_Tstat]||20"}, {20}, 9, ""},
+        {"|effect_volume|tstat_volume", {"bucket.nii.gz|bucket.nii.gz||20|1|2"}, {20}, 9, ""},
+        {"|volume|tstat_volume", {"bucket.nii.gz|bucket.nii.gz||20|1|2"}, {20}, 9, ""},
+        {"",
+         {"coef.nii|spmT_0001.nii||spmT_0001.nii"},
          {23},
          9,
-         "rounded down: 23.4 -> 23 (line 2).\n",
-         ""},
-        {"dof as number, SPM t map, file, AFNI t and t intent",
-         "",
-         "s1\ta\tcoef.nii\tspmT_0002.nii\t\t12.7\n"
-         "s2\ta\tcoef.nii\tspmT_0002.nii\t\tspmT_0002.nii\n"
-         "s3\ta\tcoef.nii\tspmT_0002.nii\t\tdof.txt\n"
-         "s4\ta\tcoef.nii\tspmT_0002.nii\t\t30\n"
-         "s5\ta\tcoef.nii\tspmT_0002.nii\t\tlabelled.nii.gz[condA#0_Tstat]\n"
-         "s6\ta\tcoef.nii\tspmT_0002.nii\t\ttmap.nii\n",
+         "rounded down: 23.4 -> 23 (line 2)."},
+        {"",
+         {c2 + "12.7", c2 + "spmT_0002.nii", c2 + "dof.txt", c2 + "30",
+          c2 + "labelled.nii.gz[condA#0_Tstat]", c2 + "tmap.nii"},
          {12, 187, 41, 30, 412, 33},
          9,
-         "rounded down: 12.7 -> 12 (line 2) and 1 more row.\n",
-         ""},
-        {"errors all 1",
-         "",
-         "s1\ta\tbucket.nii.gz[1]\t\tones.nii\t20\n",
+         "rounded down: 12.7 -> 12 (line 2) and 1 more row.\n"},
+        {"",
+         {"bucket.nii.gz[1]||ones.nii|20"},
          {20},
          0,
-         "",
-         "Warning: every standard error of the study is 1 (|effect / t| = 1"},
-        {"one row whose t is its effect",
-         "",
-         "s1\ta\tbucket.nii.gz[1]\tbucket.nii.gz[2]\t\t20\n"
-         "s2\ta\tbucket.nii.gz[1]\tcoef.nii\t\t20\n",
+         "Warning: every standard error of the study is 1"},
+        {"",
+         {bt, "bucket.nii.gz[1]|coef.nii||20"},
          {20, 20},
          1,
-         "",
-         "Warning: the standard errors of table line 3 are 1 at every voxel"},
-        {"no qform and no sform",
-         "",
-         "s1\ta\tunoriented.nii\tspmT_0002.nii\t\t20\n",
+         "Warning: the standard errors of table line 3 are 1"},
+        {"",
+         {"unoriented.nii|spmT_0002.nii||20"},
          {20},
          9,
-         "",
-         "Warning: 1 NIfTI file has neither qform nor sform (e.g. unoriented.nii): placed by voxel "
-         "size alone"},
+         "Warning: 1 NIfTI file has neither qform nor sform (e.g. unoriented.nii)"},
     };
-    int k = 0;
     for (const good_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        write_file(tmp.file("t.tsv"), kHead + c.extra_columns + "\n" + c.rows);
-        const std::string study = "study" + std::to_string(++k);
-        CommandResult r = bridge_test::run_tool(
-            "fmri-rem-import", {"t.tsv", "-o", study, "-c", "a", "-s", "0", "0"}, tmp.path());
+        std::string table = kHead + tabs(c.extra_columns) + "\n";
+        for (size_t s = 0; s < c.rows.size(); ++s)
+            table += "s" + std::to_string(s + 1) + "\ta\t" + tabs(c.rows[s]) + "\n";
+        SCOPED_TRACE(table);
+        run_command("rm -rf study", tmp.path());
+        write_file(tmp.file("t.tsv"), table);
+        CommandResult r = bridge_test::import(tmp.path(), "t.tsv", "a");
         ASSERT_EQ(r.status, 0) << r.err;
-        EXPECT_NE(r.out.find(c.out), std::string::npos) << r.out;
-        EXPECT_EQ(r.out.find("rounded down") != std::string::npos, *c.out != '\0') << r.out;
-        EXPECT_EQ(r.err.compare(0, std::strlen(c.err), c.err), 0) << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), *c.err ? 1 : 0) << r.err;
+        const bool warns = std::strncmp(c.note, "Warning", 7) == 0;
+        EXPECT_NE(r.out.find(warns ? "" : c.note), std::string::npos) << r.out;
+        EXPECT_EQ(r.out.find("rounded down") != std::string::npos, *c.note && !warns) << r.out;
+        EXPECT_EQ(r.err.rfind(warns ? c.note : "", 0), 0u) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), warns ? 1 : 0) << r.err;
         for (size_t s = 0; s < c.dofs.size(); ++s) {
-            const std::string id = study + "/signal/s" + std::to_string(s + 1);
-            std::vector<float> got = read_floats(tmp.file(id + ".bfloat"));
+            const std::string id = tmp.file("study/signal/s" + std::to_string(s + 1));
+            std::vector<float> got = read_floats(id + ".bfloat");
             ASSERT_EQ(got.size(), 8u);
             for (int i = 0; i < 4; ++i) {
                 EXPECT_EQ(got[i], static_cast<float>(kB[i])) << i;
                 EXPECT_EQ(got[4 + i], s >= c.unit_from ? 1.0f : kSe[i]) << i;
             }
-            EXPECT_NE(read_file(tmp.file(id + ".hdr"))
-                          .find("degrees-of-freedom " + std::to_string(c.dofs[s]) + "\n"),
+            EXPECT_NE(read_file(id + ".hdr").find("freedom " + std::to_string(c.dofs[s]) + "\n"),
                       std::string::npos);
         }
     }
@@ -186,47 +158,34 @@ TEST(Bridge, VolumesAndDegreesOfFreedomOfEachRow) {
 TEST(Bridge, VolumeAndDofCellsThatAreRefused) {
     TempDir tmp;
     write_inputs(tmp);
-    const std::string head = std::string(kHead) + "\tvolume\teffect_volume\n";
-    struct bad_case {
-        const char *what, *row, *message;
+    const struct {
+        const char *row, *message;  // from the effect to effect_volume
     } cases[] = {
-        {"same volume by selector", "s1\ta\tbucket.nii.gz[1]\tbucket.nii.gz[1]\t\t20\t\t\n",
-         "t.tsv line 2: the effect and the tstat are the same map ("},
-        {"same volume by the shared column", "s1\ta\tbucket.nii.gz\tbucket.nii.gz\t\t20\t1\t\n",
-         "t.tsv line 2: the effect and the tstat are the same map ("},
-        {"same 3-D file", "s1\ta\tcoef.nii\t\tcoef.nii\t20\t\t\n",
-         "the effect and the stderr are the same map"},
-        {"a range", "s1\ta\tbucket.nii.gz[1..2]\tbucket.nii.gz[2]\t\t20\t\t\n",
-         "line 2, column 3 (effect): the selector [1..2] is not one volume"},
-        {"a label without AFNI's extension",
-         "s1\ta\tbucket.nii.gz[Coef]\tbucket.nii.gz[2]\t\t20\t\t\n",
+        {"bucket.nii.gz[1]|bucket.nii.gz[1]||20||",
+         "line 2: the effect and the tstat are the same map"},
+        {"bucket.nii.gz|bucket.nii.gz||20|1|", "line 2: the effect and the tstat are the same map"},
+        {"coef.nii||coef.nii|20||", "the effect and the stderr are the same map"},
+        {"bucket.nii.gz[1..2]|bucket.nii.gz[2]||20||",
+         "column 3 (effect): the selector [1..2] is not one volume"},
+        {"bucket.nii.gz[Coef]|bucket.nii.gz[2]||20||",
          "column 3 (effect): bucket.nii.gz has no AFNI sub-brick labels"},
-        {"an unknown label", "s1\ta\tlabelled.nii.gz[Coef]\tbucket.nii.gz[2]\t\t20\t\t\n",
-         "labelled.nii.gz has no sub-brick labelled Coef (its labels: Full_Fstat, condA#0_Coef, "
-         "condA#0_Tstat)"},
-        {"selector and column disagree", "s1\ta\tbucket.nii.gz[1]\tbucket.nii.gz[2]\t\t20\t\t2\n",
+        {"labelled.nii.gz[Coef]|bucket.nii.gz[2]||20||",
+         "has no sub-brick labelled Coef (its labels: Full_Fstat, condA#0_Coef, condA#0_Tstat)"},
+        {"bucket.nii.gz[1]|bucket.nii.gz[2]||20||2",
          "column 8 (effect_volume): volume 2 where the cell bucket.nii.gz[1] selects volume 1"},
-        {"dof from an F map", "s1\ta\tcoef.nii\tspmT_0001.nii\t\tspmF_0003.nii\t\t\n",
+        {"coef.nii|spmT_0001.nii||spmF_0003.nii||",
          "spmF_0003.nii is an SPM F map; name the contrast's spmT file"},
-        {"dof from an image without SPM's description",
-         "s1\ta\tcoef.nii\tspmT_0001.nii\t\tones.nii\t\t\n",
-         "ones.nii gives no degrees of freedom"},
-        {"dof from an AFNI sub-brick that is no t",
-         "s1\ta\tcoef.nii\tspmT_0001.nii\t\tlabelled.nii.gz[condA#0_Coef]\t\t\n",
+        {"coef.nii|spmT_0001.nii||ones.nii||", "ones.nii gives no degrees of freedom"},
+        {"coef.nii|spmT_0001.nii||labelled.nii.gz[condA#0_Coef]||",
          "labelled.nii.gz gives no degrees of freedom"},
-        {"an AFNI dataset", "s1\ta\tstats+tlrc.HEAD\tspmT_0001.nii\t\t20\t\t\n",
-         "stats+tlrc.HEAD is an AFNI dataset; convert it with 3dAFNItoNIFTI"},
+        {"stats+tlrc.HEAD|spmT_0001.nii||20||",
+         "is an AFNI dataset; convert it with 3dAFNItoNIFTI"},
     };
-    for (const bad_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        write_file(tmp.file("t.tsv"), head + c.row);
-        CommandResult r = bridge_test::run_tool(
-            "fmri-rem-import", {"t.tsv", "-o", "study", "-c", "a", "-s", "0", "0"}, tmp.path());
-        EXPECT_EQ(r.status, 1);
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.err.compare(0, 7, "Error: "), 0) << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
-        EXPECT_EQ(run_command("find study -type f 2>/dev/null", tmp.path()).out, "");
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.row);
+        write_file(tmp.file("t.tsv"),
+                   std::string(kHead) + "\tvolume\teffect_volume\ns1\ta\t" + tabs(c.row) + "\n");
+        bridge_test::expect_refused(bridge_test::import(tmp.path(), "t.tsv", "a"), c.message,
+                                    tmp.path());
     }
 }

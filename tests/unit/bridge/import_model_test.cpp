@@ -31,49 +31,40 @@ const table kStudy = study_table({{"s1", "patients", "pre", "20", "F"},
 
 // Mean age 34, share of M 1/2.
 TEST(ImportModel, ColumnsNamesAndEvents) {
+    const table no_group = study_table(kStudy.rows, false);
     struct model_case {
-        const char *what;
-        table t;
+        const table &t;
         bridge::model_options o;
-        std::vector<std::pair<std::string, char>> columns;
+        const char *names, *events;               // of the columns
         std::vector<std::vector<double>> values;  // of the columns after the groups
-        bool design;
     } cases[] = {
-        {"age centred, sex as indicator",
-         kStudy,
+        {kStudy,
          {{"age", "sex"}, {}, "", true},
-         {{"patients", 'p'}, {"controls", 'c'}, {"age", 'a'}, {"sex[M]", 's'}},
-         {{-14, -4, -3, 6, 10, 5}, {-0.5, 0.5, 0.5, -0.5, 0.5, -0.5}},
-         true},
-        {"raw values",
-         kStudy,
+         "patients controls age sex[M]",
+         "pcas",
+         {{-14, -4, -3, 6, 10, 5}, {-0.5, 0.5, 0.5, -0.5, 0.5, -0.5}}},
+        {kStudy,
          {{"age"}, {}, "", false},
-         {{"patients", 'p'}, {"controls", 'c'}, {"age", 'a'}},
-         {{20, 30, 31, 40, 44, 39}},
-         true},
-        {"slopes per group, centred on the overall mean",
-         kStudy,
+         "patients controls age",
+         "pca",
+         {{20, 30, 31, 40, 44, 39}}},
+        {kStudy,
          {{}, {"age"}, "", true},
-         {{"patients", 'p'}, {"controls", 'c'}, {"age:patients", 'a'}, {"age:controls", 'b'}},
-         {{-14, -4, -3, 0, 0, 0}, {0, 0, 0, 6, 10, 5}},
-         true},
-        {"no group column: one group, all",
-         study_table(kStudy.rows, false),
-         {{"age"}, {}, "", true},
-         {{"all", 'a'}, {"age", 'b'}},
-         {{-14, -4, -3, 6, 10, 5}},
-         true},
+         "patients controls age:patients age:controls",
+         "pcab",
+         {{-14, -4, -3, 0, 0, 0}, {0, 0, 0, 6, 10, 5}}},
+        {no_group, {{"age"}, {}, "", true}, "all age", "ab", {{-14, -4, -3, 6, 10, 5}}},
     };
     for (const model_case &c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.names);
         bridge::study_model m = bridge::build_model(c.t, bridge::single_rows(c.t), c.o);
-        EXPECT_EQ(m.design, c.design);
-        ASSERT_EQ(m.columns.size(), c.columns.size());
-        for (size_t k = 0; k < c.columns.size(); ++k) {
-            EXPECT_EQ(m.columns[k].name, c.columns[k].first);
-            EXPECT_EQ(m.columns[k].event, c.columns[k].second);
-        }
-        const size_t groups = c.columns.size() - c.values.size();
+        EXPECT_TRUE(m.design);
+        std::string names, events;
+        for (const auto &col : m.columns) names += (names.empty() ? "" : " ") + col.name;
+        for (const auto &col : m.columns) events += col.event;
+        EXPECT_EQ(names, c.names);
+        EXPECT_EQ(events, c.events);
+        const size_t groups = m.columns.size() - c.values.size();
         for (size_t k = 0; k < c.values.size(); ++k)
             for (size_t u = 0; u < 6; ++u)
                 EXPECT_NEAR(m.columns[groups + k].values[u], c.values[k][u], 1e-12);
@@ -122,7 +113,6 @@ TEST(ImportModel, ConditionsByName) {
         {"-controls+patients", "-c+p", "-controls+patients"},
         {"patients-age:patients-controls", "p-ac", "patients-age:patients-controls"},
         {"0.5*patients+0.5*controls", "0.5*p+0.5*c", "0.5*patients+0.5*controls"},
-        {"p-2*c", "p-2*c", ""},
         {"age:patients,age:controls", "a,b", "age:patients,age:controls"},
         {"0.25*age:controls-p", "0.25*b-p", "0.25*age:controls-p"},
     };
@@ -144,7 +134,6 @@ TEST(ImportModel, ConditionsByName) {
         {"0*patients", "has the coefficient 0; give a number other than 0"},
         {"p,,c", "has a row without an event"},
         {"patients-", "has a row without an event"},
-        {"p-,c", "has a row without an event"},
         {"p+patients", "names p twice in one row"},
         {"2*", "uses nothing after *"},
         {"  ", "--conditions names no condition"},
