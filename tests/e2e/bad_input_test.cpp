@@ -77,7 +77,7 @@ TEST(BadInput, MessagesAndStatus) {
         if (c.status == 0)
             EXPECT_NE(r.out.find(c.tail), std::string::npos) << r.out;
         else
-            EXPECT_EQ(r.out.substr(r.out.size() - std::min(r.out.size(), c.tail.size())), c.tail);
+            EXPECT_EQ(e2e::tail(r.out, c.tail.size()), c.tail);
         EXPECT_EQ(r.err, "");
         EXPECT_EQ(test_support::file_exists(dir.file(".vistra")), c.status == 0);
     }
