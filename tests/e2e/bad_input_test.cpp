@@ -58,6 +58,9 @@ TEST(BadInput, MessagesAndStatus) {
         {"printf 'smoothing 0 4\\nconditions a\\nevent a\\na1.bfloat\\na2.bfloat\\nevent b\\n' > "
          "study.rem",
          "Error: event b covers no file: the design cannot be estimated.\n"},
+        {"printf 'smoothing 0 4\\nconditions a\\nsmoothness estimated\\nevent a\\na1.bfloat\\n"
+         "event b\\nb1.bfloat\\n' > study.rem",
+         "Error: the smoothness cannot be estimated: the design leaves no residuals.\n"},
         // Degrees of freedom whose sum is beyond an int.
         {"sed -i 's/^degrees.*/degrees-of-freedom 2147483647/' a1.hdr a2.hdr",
          "Degrees of freedom: fixed = 4294967374, random = 4, smoothed = 108\n", 0},
