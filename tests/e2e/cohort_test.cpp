@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../unit/rem/reml_likelihood.h"
 #include "study.h"
 #include "test_support.h"
 
@@ -51,21 +52,6 @@ struct two_groups {
         }
         return -0.5 * sum;
     }
-    // The maximiser over [0, hi] by ever finer grids.
-    double maximum(double hi) const {
-        double lo = 0.0, best = 0.0;
-        for (int level = 0; level < 8; ++level) {
-            const double h = (hi - lo) / 200;
-            double best_value = -HUGE_VAL;
-            for (int p = 0; p <= 200; ++p) {
-                const double value = loglik(lo + p * h);
-                if (value > best_value) best_value = value, best = lo + p * h;
-            }
-            lo = std::max(0.0, best - h);
-            hi = best + h;
-        }
-        return best;
-    }
 };
 
 }  // namespace
@@ -78,14 +64,11 @@ TEST(Cohort, ThousandsOfFilesAgreeWithAFloat64FitOnAnyThreadsAndDescriptorLimit)
     s.extra_header = "reml converged\n";
     const int nv = s.g.voxels();
     rem_test::Random rng(24);
-    for (int g = 0; g < 2; ++g) {
+    for (int g = 0; g < 2; ++g)
         for (int k = 0; k < kPerGroup; ++k) {
-            e2e::signal_file f{
-                std::string(g ? "../study/c" : "../study/p") + std::to_string(k) + ".bfloat",
-                g ? 'c' : 'p',
-                30,
-                {},
-                {}};
+            e2e::signal_file f{};
+            f.event = "pc"[g], f.dof = 30;
+            f.name = "../study/" + std::string(1, f.event) + std::to_string(k) + ".bfloat";
             for (int v = 0; v < nv; ++v) {
                 const double tau2 = 0.02 * (v % 12), se = rng.uniform(0.3, 1.2);
                 const double mean = g == 0 ? 0.05 * (v % 7) : 0.0;
@@ -95,7 +78,6 @@ TEST(Cohort, ThousandsOfFilesAgreeWithAFloat64FitOnAnyThreadsAndDescriptorLimit)
             }
             s.files.push_back(f);
         }
-    }
     std::filesystem::create_directory(dir.file("study"));
     s.write(dir.file("study"));
 
@@ -126,12 +108,10 @@ TEST(Cohort, ThousandsOfFilesAgreeWithAFloat64FitOnAnyThreadsAndDescriptorLimit)
     for (int v = 0; v < nv; v += 7) {
         SCOPED_TRACE("voxel " + std::to_string(v));
         two_groups data;
-        for (const e2e::signal_file &f : s.files) {
-            data.y.push_back(f.effect[v]);
-            data.s.push_back(f.error[v]);
-            data.group.push_back(f.event == 'p' ? 0 : 1);
-        }
-        const double tau2 = data.maximum(1.0);
+        e2e::samples(s, v, &data.y, &data.s);
+        for (const e2e::signal_file &f : s.files) data.group.push_back(f.event == 'c');
+        const double tau2 =
+            rem_test::grid_maximum([&](double x) { return data.loglik(x); }, 0.0, 1.0);
         EXPECT_NEAR(sigma2[nv + v], tau2, 1e-4 * tau2 + 1e-6);
         // The test of p-c with the smoothed estimate.
         double mean[2], weight[2];

@@ -23,38 +23,31 @@ using test_support::write_floats;
 
 namespace {
 
-// Every file of a folder (hidden ones too), name to contents.
-std::map<std::string, std::string> folder_contents(const std::string &dir) {
-    std::map<std::string, std::string> files;
-    for (const auto &entry : std::filesystem::directory_iterator(dir))
-        files[entry.path().filename().string()] = read_file(entry.path().string());
-    return files;
-}
-
-struct Run {
+struct Setting {
     std::string env;
     const char *label;
 };
 
-const std::vector<Run> plain_and_fast = {{"FMRI_REM_PLAIN=1 OMP_NUM_THREADS=1", "plain"},
-                                         {"OMP_NUM_THREADS=1", "fast, 1 thread"},
-                                         {"OMP_NUM_THREADS=2", "fast, 2 threads"},
-                                         {"OMP_NUM_THREADS=4", "fast, 4 threads"},
-                                         {"OMP_NUM_THREADS=5", "fast, 5 threads"}};
+const std::vector<Setting> plain_and_fast = {{"FMRI_REM_PLAIN=1 OMP_NUM_THREADS=1", "plain"},
+                                             {"OMP_NUM_THREADS=1", "fast, 1 thread"},
+                                             {"OMP_NUM_THREADS=2", "fast, 2 threads"},
+                                             {"OMP_NUM_THREADS=4", "fast, 4 threads"},
+                                             {"OMP_NUM_THREADS=5", "fast, 5 threads"}};
 
 // Runs fmri-rem with args once per setting, each in its own folder (after
-// the shell command prepare, when given, has run there), and compares each
-// run with the first one.
+// the shell command prepare, when given, has run there on a copy of the small
+// study), and compares every file (hidden ones too) and the output with the
+// first run's.
 void compare_runs(const TempDir &dir, const std::vector<std::string> &args,
-                  const std::vector<Run> &runs = plain_and_fast, const std::string &prepare = "",
-                  int status = 0) {
+                  const std::vector<Setting> &runs = plain_and_fast,
+                  const std::string &prepare = "", int status = 0) {
     if (!prepare.empty() && !test_support::file_exists(dir.file("study"))) {
-        std::filesystem::create_directory(dir.file("study"));  // the small study, copied in
+        std::filesystem::create_directory(dir.file("study"));
         e2e::small_study().write(dir.file("study"));
     }
-    std::map<std::string, std::string> reference;
+    std::map<std::string, std::string> reference, files;
     std::string reference_out;
-    for (const Run &run : runs) {
+    for (const Setting &run : runs) {
         const std::string folder = dir.file(std::string("run-") + std::to_string(&run - &runs[0]));
         std::filesystem::create_directory(folder);
         if (!prepare.empty()) {
@@ -65,7 +58,9 @@ void compare_runs(const TempDir &dir, const std::vector<std::string> &args,
             args, folder, "", run.env + " FMRI_REM_FFTW_WISDOM=" + shell_quote(dir.file("wisdom")));
         ASSERT_EQ(result.status, status) << run.label << "\n" << result.out;
         EXPECT_EQ(result.err, "") << run.label;
-        const auto files = folder_contents(folder);
+        files.clear();
+        for (const auto &entry : std::filesystem::directory_iterator(folder))
+            files[entry.path().filename().string()] = read_file(entry.path().string());
         if (&run == &runs[0]) {
             reference = files;
             reference_out = result.out;
@@ -74,103 +69,102 @@ void compare_runs(const TempDir &dir, const std::vector<std::string> &args,
         }
         EXPECT_EQ(result.out, reference_out) << run.label;
         ASSERT_EQ(files.size(), reference.size()) << run.label;
-        for (const auto &[name, contents] : reference) {
-            ASSERT_EQ(files.count(name), 1u) << run.label << ": " << name;
-            EXPECT_TRUE(files.at(name) == contents) << run.label << ": " << name << " differs";
-        }
+        for (const auto &[name, contents] : reference)
+            EXPECT_TRUE(files[name] == contents) << run.label << ": " << name << " differs";
     }
 }
 
 void simulate(const TempDir &dir, const std::string &options) {
-    const std::string simulate =
-        shell_quote(std::string(FMRI_REM_BUILD_DIR) + "/fmri-rem-simulate");
-    ASSERT_EQ(run_command(simulate + " -o study --prefix ../study/ " + options, dir.path()).status,
-              0);
+    ASSERT_EQ(e2e::simulate(dir.path(), "-o study --prefix ../study/ " + options), 0);
 }
 
 }  // namespace
 
-// More voxels than one chunk of the parallel passes, no ratio smoothing (so
-// the second pass fits the raw REML variances), residues requested.
-TEST(FastPath, SameFilesAndOutputAsThePlainPasses) {
-    TempDir dir;
-    simulate(dir, "--size 24 20 10 --subjects 6 --smoothing 4 0 --seed 3");
-    compare_runs(dir, {"-r", "-i", "../study/analysis.rem"});
-}
-
 // A study of one file ends at the first test with the incomplete beta
 // function's message, printed once, after the progress lines of the voxels
 // before it; a design with a value that is not a number (a ramp over one
-// file) sends every voxel to the reference kernel.  Every route and thread
+// file) sends every voxel to the reference kernel; signal files that the run
+// overwrites with a result before the second pass ("sigma2" and, through a
+// link, "basis.dat") must keep the data they had when the run began, as in
+// the plain passes, which hold every file in memory.  Every route and thread
 // count ends the same way.
-TEST(FastPath, FatalEndAndReferenceKernelOnEveryRoute) {
+TEST(FastPath, FatalEndReferenceKernelAndOverwrittenSignalFiles) {
 #ifndef FMRI_REM_OPENMP
     GTEST_SKIP() << "fmri-rem is built without OpenMP: single-threaded";
 #endif
-    TempDir one, ramp;
-    compare_runs(one, {"one.rem"}, plain_and_fast,
-                 "printf 'smoothing 0 4\\nconditions a\\nevent a\\na1.bfloat\\n' > one.rem", 1);
-    compare_runs(ramp, {"ramp.rem"}, plain_and_fast,
-                 "printf 'smoothing 0 4\\nconditions a b a-b\\nevent a\\n0 2\\n\\nevent b\\n3 "
-                 "5\\n\\nevent r ramp\\n4 4\\n\\nmeasurements\\na1.bfloat\\na2.bfloat\\n"
-                 "a3.bfloat\\nb1.bfloat\\nb2.bfloat\\nb3.bfloat\\n' > ramp.rem");
-}
-
-// Values that send voxels down the kernel's general route: zero, negative,
-// infinite and not-a-number effects and errors, tiny and huge errors.  With
-// ratio smoothing, and a correction for multiple comparisons.
-TEST(FastPath, SpecialValuesAndSmoothing) {
-    TempDir dir;
-    simulate(dir, "--size 20 12 8 --subjects 5 --smoothing 3 6 --seed 4 --no-mask");
-    const float inf = std::numeric_limits<float>::infinity();
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const float specials[] = {0.0f, -0.0f, -2.0f, inf, -inf, nan, 1e-30f, 1e20f, 1e-40f, 3e38f};
-    const int nspecial = static_cast<int>(sizeof specials / sizeof specials[0]);
-    int f = 0;
-    for (const auto &entry : std::filesystem::directory_iterator(dir.file("study"))) {
-        if (entry.path().extension() != ".bfloat") continue;
-        std::vector<float> data = read_floats(entry.path().string());
-        const size_t nv = data.size() / 2;
-        for (size_t v = 37 + 11 * f; v < nv; v += 97 + f) {
-            const int which = static_cast<int>((v / 7 + f) % nspecial);
-            data[v % 3 == 0 ? v : nv + v] = specials[which];
-        }
-        write_floats(entry.path().string(), data);
-        ++f;
+    const struct {
+        const char *analysis, *prepare;
+        int status;
+    } cases[] = {
+        {"one.rem", "printf 'smoothing 0 4\\nconditions a\\nevent a\\na1.bfloat\\n' > one.rem", 1},
+        {"ramp.rem",
+         "printf 'smoothing 0 4\\nconditions a b a-b\\nevent a\\n0 2\\n\\nevent b\\n3 "
+         "5\\n\\nevent r ramp\\n4 4\\n\\nmeasurements\\na1.bfloat\\na2.bfloat\\n"
+         "a3.bfloat\\nb1.bfloat\\nb2.bfloat\\nb3.bfloat\\n' > ramp.rem",
+         0},
+        {"study.rem",
+         "mv a3.bfloat sigma2.bfloat && mv a3.hdr sigma2.hdr && "
+         "sed -i s/a3.bfloat/sigma2.bfloat/ study.rem",
+         0},
+        {"study.rem", "mv b2.bfloat basis.dat && ln -s basis.dat b2.bfloat", 0},
+        {"study.rem", "mv a1.bfloat x && ln -s x sigma2.bfloat && ln -s x a1.bfloat", 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.prepare);
+        TempDir dir;
+        compare_runs(dir, {c.analysis}, plain_and_fast, c.prepare, c.status);
     }
-    std::string analysis = read_file(dir.file("study/analysis.rem"));
-    analysis = "multiple-comparisons 120\n" + analysis;
-    test_support::write_file(dir.file("study/analysis.rem"), analysis);
-    compare_runs(dir, {"-r", "../study/analysis.rem"});
 }
 
-// The fast passes read the signal data from the files a chunk of voxels at a
-// time, and the more files there are, the fewer voxels a chunk has.  With
-// few file descriptors allowed, the data are held in memory instead, from
-// the start or once the limit is near.  All give the same files and output.
-TEST(FastPath, ManyFilesReadOnDemandOrHeldInMemory) {
-    TempDir dir;
-    simulate(dir, "--size 24 16 10 --subjects 70 --smoothing 4 6 --seed 5");
-    compare_runs(dir, {"../study/analysis.rem"},
-                 {{"ulimit -n 20; OMP_NUM_THREADS=2", "in memory"},
-                  {"OMP_NUM_THREADS=1", "read on demand, 1 thread"},
-                  {"OMP_NUM_THREADS=2", "read on demand, 2 threads"},
-                  {"ulimit -n 90; OMP_NUM_THREADS=2", "read on demand, then in memory"}});
-}
-
-// Signal files that the run overwrites with a result before the second pass
-// ("sigma2" and, through a link, "basis.dat"): their data must be those they
-// had when the run began, as in the plain passes, which hold every file in
-// memory.
-TEST(FastPath, SignalFilesOverwrittenByResults) {
-    const char *setups[] = {
-        "mv a3.bfloat sigma2.bfloat && mv a3.hdr sigma2.hdr && "
-        "sed -i s/a3.bfloat/sigma2.bfloat/ study.rem",
-        "mv b2.bfloat basis.dat && ln -s basis.dat b2.bfloat",
-        "mv a1.bfloat x && ln -s x sigma2.bfloat && ln -s x a1.bfloat"};
-    for (const char *setup : setups) {
-        SCOPED_TRACE(setup);
-        TempDir runs;
-        compare_runs(runs, {"study.rem"}, {{"FMRI_REM_PLAIN=1", "plain"}, {"", "fast"}}, setup);
+// Simulated studies: more voxels than one chunk of the parallel passes, no
+// ratio smoothing (the second pass fits the raw REML variances), residues;
+// values that send voxels down the kernel's general route (zero, negative,
+// infinite and not-a-number effects and errors, tiny and huge errors) with
+// ratio smoothing and a correction for multiple comparisons; and many files.
+// The fast passes read the signal data a chunk of voxels at a time, and the
+// more files there are, the fewer voxels a chunk has; with few file
+// descriptors allowed, the data are held in memory instead, from the start
+// or once the limit is near.
+TEST(FastPath, SimulatedStudiesGiveThePlainPassesFilesAndOutput) {
+    const float inf = std::numeric_limits<float>::infinity();
+    const float specials[] = {0.0f, -0.0f, -2.0f, inf, -inf, NAN, 1e-30f, 1e20f, 1e-40f, 3e38f};
+    const struct {
+        const char *options;
+        std::vector<std::string> args;
+        std::vector<Setting> runs;
+    } cases[] = {
+        {"--size 24 20 10 --subjects 6 --smoothing 4 0 --seed 3",
+         {"-r", "-i", "../study/analysis.rem"},
+         plain_and_fast},
+        {"--size 20 12 8 --subjects 5 --smoothing 3 6 --seed 4 --no-mask",
+         {"-r", "../study/analysis.rem"},
+         plain_and_fast},
+        {"--size 24 16 10 --subjects 70 --smoothing 4 6 --seed 5",
+         {"../study/analysis.rem"},
+         {{"ulimit -n 20; OMP_NUM_THREADS=2", "in memory"},
+          {"OMP_NUM_THREADS=1", "read on demand, 1 thread"},
+          {"OMP_NUM_THREADS=2", "read on demand, 2 threads"},
+          {"ulimit -n 90; OMP_NUM_THREADS=2", "read on demand, then in memory"}}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.options);
+        TempDir dir;
+        simulate(dir, c.options);
+        if (&c == &cases[1]) {
+            int f = 0;
+            for (const auto &entry : std::filesystem::directory_iterator(dir.file("study"))) {
+                if (entry.path().extension() != ".bfloat") continue;
+                std::vector<float> data = read_floats(entry.path().string());
+                const size_t nv = data.size() / 2;
+                for (size_t v = 37 + 11 * f; v < nv; v += 97 + f)
+                    data[v % 3 == 0 ? v : nv + v] = specials[(v / 7 + f) % 10];
+                write_floats(entry.path().string(), data);
+                ++f;
+            }
+            test_support::write_file(
+                dir.file("study/analysis.rem"),
+                "multiple-comparisons 120\n" + read_file(dir.file("study/analysis.rem")));
+        }
+        compare_runs(dir, c.args, c.runs);
     }
 }

@@ -25,7 +25,7 @@ using test_support::read_floats;
 // smoothed variance.  The 9 x 9 voxels (fewer than 100) show progress at
 // every voxel.
 TEST(Statistics, AgainstDoublePrecision) {
-    const int nv = 81, n = 8, nu = 26;
+    const int nv = 81, nu = 26;
     const Mat X = {{1, 0}, {1, 0}, {1, 0}, {1, 0}, {0, 1}, {0, 1}, {0, 1}, {0, 1}};
     const char *names[] = {"a", "b", "a-b"};
     const double contrasts[3][2] = {{1, 0}, {0, 1}, {1, -1}};
@@ -60,13 +60,10 @@ TEST(Statistics, AgainstDoublePrecision) {
         }
         int compared = 0;
         for (int v = 0; v < nv; ++v) {
-            Vec y(n), se(n);
-            double fe = 0.0;  // the files' variances weighted by their degrees of freedom
-            for (int i = 0; i < n; ++i) {
-                y[i] = s.files[i].effect[v];
-                se[i] = s.files[i].error[v];
-                fe += 20.0 / 160.0 * se[i] * se[i];
-            }
+            Vec y, se;
+            e2e::samples(s, v, &y, &se);
+            // The files' variances weighted by their degrees of freedom.
+            const double fe = 20.0 / 160.0 * rem_test::dot(se, se);
             EXPECT_NEAR(sigma2[v], fe, 1e-5 * fe) << "voxel " << v;
             const double re = rem_test::reml(X, y, se);  // NaN: the step count is in doubt
             if (!std::isnan(re)) {

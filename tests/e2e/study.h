@@ -3,6 +3,7 @@
 #ifndef FMRI_REM_E2E_STUDY_H
 #define FMRI_REM_E2E_STUDY_H
 
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 #include <string>
@@ -18,6 +19,19 @@ inline double t_two_sided(double t, int nu) {
     double c2 = nu / (nu + t * t), term = 1.0, sum = 1.0;
     for (int j = 2; j <= nu - 2; j += 2) sum += (term *= (j - 1.0) / j * c2);
     return 1.0 - std::fabs(t) / std::sqrt(nu + t * t) * sum;
+}
+
+// The last n characters of text (all of it when shorter).
+inline std::string tail(const std::string &text, size_t n) {
+    return text.substr(text.size() - std::min(text.size(), n));
+}
+
+// Runs the built simulator in dir; its exit status.
+inline int simulate(const std::string &dir, const std::string &options) {
+    return test_support::run_command(
+               test_support::shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-simulate") + " " + options,
+               dir)
+        .status;
 }
 
 struct geometry {
@@ -83,6 +97,12 @@ struct study {
         test_support::write_file(dir + "/" + analysis, text);
     }
 };
+
+// The effects and errors of every file at voxel v.
+inline void samples(const study &s, int v, rem_test::Vec *y, rem_test::Vec *se) {
+    y->clear(), se->clear();
+    for (const signal_file &f : s.files) y->push_back(f.effect[v]), se->push_back(f.error[v]);
+}
 
 // a1..a3 around 1, b1..b3 around -0.5, 20 degrees of freedom each, 10 x 5 x 4 voxels of 2 mm.
 inline study small_study() {

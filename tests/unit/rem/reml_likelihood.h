@@ -33,26 +33,26 @@ inline double reml_loglik(const Mat &X, const Vec &y, const Vec &s, double tau2)
     return -0.5 * (log_v - log_det(fit.normal_inverse) + dot(y, mat_vec(fit.R, y)));
 }
 
-// The maximiser over [lo, hi]: 400 points, then 400 over the two intervals
-// around the best one, and so on.
-inline double reml_grid_maximum(const Mat &X, const Vec &y, const Vec &s, double lo, double hi) {
+// The maximiser of f over [lo, hi]: 400 points, then 400 over the two
+// intervals around the best one, and so on.
+template <class F>
+double grid_maximum(F f, double lo, double hi) {
     double best = lo;
     for (int level = 0; level < 8; ++level) {
-        const int points = 400;
         double best_value = -HUGE_VAL;
-        const double h = (hi - lo) / points;
-        for (int p = 0; p <= points; ++p) {
-            const double t = lo + p * h;
-            const double value = reml_loglik(X, y, s, t);
-            if (value > best_value) {
-                best_value = value;
-                best = t;
-            }
+        const double h = (hi - lo) / 400;
+        for (int p = 0; p <= 400; ++p) {
+            const double value = f(lo + p * h);
+            if (value > best_value) best_value = value, best = lo + p * h;
         }
         lo = std::max(lo, best - h);
         hi = std::min(hi, best + h);
     }
     return best;
+}
+
+inline double reml_grid_maximum(const Mat &X, const Vec &y, const Vec &s, double lo, double hi) {
+    return grid_maximum([&](double t) { return reml_loglik(X, y, s, t); }, lo, hi);
 }
 
 }  // namespace rem_test

@@ -48,15 +48,11 @@ void write_results(const std::string &dir) {
                 if (d2 <= 2) p[at(i, j, k)] = -(4.0f - 0.5f * d2);
                 t[at(i, j, k)] = 1.5f * p[at(i, j, k)];
             }
-    for (auto [stem, v] : {std::make_pair("sigma2", &sigma2),
-                           {"P-a", &p},
-                           {"T-a", &t},
-                           {"P-a-b", &zero},
-                           {"T-a-b", &zero},
-                           {"T-a,b", &zero},
-                           {"T-0.5*a+0.5*b", &zero}}) {
-        write_file(dir + "/" + stem + ".hdr", header(v->size() / kN, 40));
-        write_floats(dir + "/" + stem + ".bfloat", *v);
+    const char *stems[] = {"sigma2", "P-a", "T-a", "P-a-b", "T-a-b", "T-a,b", "T-0.5*a+0.5*b"};
+    const std::vector<float> *maps[] = {&sigma2, &p, &t, &zero, &zero, &zero, &zero};
+    for (int m = 0; m < 7; ++m) {
+        write_file(dir + "/" + stems[m] + ".hdr", header(maps[m]->size() / kN, 40));
+        write_floats(dir + "/" + stems[m] + ".bfloat", *maps[m]);
     }
     write_file(dir + "/basis.dat",
                "x eventa eventb \n0 1.000000 0.000000 \n1 1.000000 0.000000 \n"
