@@ -145,12 +145,15 @@ TEST(Bridge, AnalyzeImagesPlacedAsSpmPlacesThem) {
         for (int row = 0; row < 3; ++row)
             for (int col = 0; col < 4; ++col) {
                 EXPECT_NEAR(g["affine"][row][col].get<double>(), c.affine[row][col], 1e-12);
-                if (nibabel) EXPECT_TRUE(in >> v && std::fabs(v - c.affine[row][col]) < 1e-12);
+                if (nibabel) {
+                    EXPECT_TRUE(in >> v && std::fabs(v - c.affine[row][col]) < 1e-12);
+                }
             }
         for (size_t i = 0; i < stored.size(); ++i) {
             ASSERT_EQ(got[i], static_cast<float>(stored[i] * c.slope + c.inter)) << i;
-            if (nibabel)
+            if (nibabel) {
                 ASSERT_TRUE(in >> v && std::fabs(v - stored[i] * c.slope - c.inter) < 1e-6) << i;
+            }
         }
     }
 }
