@@ -10,6 +10,7 @@
 #include <cmath>
 #include <functional>
 #include <random>
+#include <sstream>
 
 #include "../unit/rem/reml_likelihood.h"
 #include "bridge_test.h"
@@ -90,6 +91,13 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
         full +
             "sub-99\tcontrols\tpre\t50\tF\tsub-10_pre_effect.nii\tsub-10_pre_variance.nii\t30\n");
     write_file(tmp.file("pre.tsv"), pre);
+    // The same rows without a group column: one sample, the group `all'.
+    std::string one_sample;
+    std::istringstream lines(pre);
+    for (std::string line; std::getline(lines, line);)
+        one_sample += line.substr(0, line.find('\t')) +
+                      line.substr(line.find('\t', line.find('\t') + 1)) + "\n";
+    write_file(tmp.file("one-sample.tsv"), one_sample);
     write_file(tmp.file("dm.tsv"), dm);
 
     const struct {
@@ -123,6 +131,10 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
              return Vec{double(p.patient), double(!p.patient)};
          },
          {{"patients-controls", "p-c", {1, -1}}, {"patients", "p", {1, 0}}}},
+        {"one-sample",
+         {"--reml", "converged"},
+         [&](const participant &) { return Vec{1}; },
+         {{"all", "a", {1}}}},
         {"pre",
          {"--design-matrix", "dm.tsv"},
          [&](const participant &p) {
