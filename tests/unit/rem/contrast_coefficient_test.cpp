@@ -39,33 +39,28 @@ std::vector<std::vector<int>> integer_contrast(int c) {
     return L;
 }
 
-// The contrast values L beta and the matrix L N L' of condition c, with int
-// operands where the coefficients enter.
-std::vector<float> integer_products(int c, const float *beta, float *const *N, float **M) {
+// The test of condition c with integer coefficients on beta and N: the
+// arithmetic of the test, with int operands where the coefficients enter.
+rem_test_result integer_test(rem_workspace *ws, int c, const float *beta, float *const *N,
+                             int resels, int dof) {
     const std::vector<std::vector<int>> L = integer_contrast(c);
     const int m = static_cast<int>(L.size()), k = REM.nbasis;
-    std::vector<float> values(static_cast<size_t>(m), 0.0f);
+    std::vector<float> values(static_cast<size_t>(m));
+    float largest = 0.0f;
     for (int r = 0; r < m; ++r) {
-        for (int j = 0; j < k; ++j) values[r] += L[r][j] * beta[j];
+        float v = 0.0f;
+        for (int j = 0; j < k; ++j) v += L[r][j] * beta[j];
+        values[r] = v;
+        if (std::fabs(v) > std::fabs(largest)) largest = v;
+    }
+    float **M = float_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(m));
+    for (int r = 0; r < m; ++r)
         for (int s = 0; s < m; ++s) {
             float sum = 0.0f;
             for (int i = 0; i < k; ++i)
                 for (int j = 0; j < k; ++j) sum += L[r][i] * N[i][j] * L[s][j];
             M[r][s] = sum;
         }
-    }
-    return values;
-}
-
-// The test of condition c with integer coefficients on beta and N.
-rem_test_result integer_test(rem_workspace *ws, int c, const float *beta, float *const *N,
-                             int resels, int dof) {
-    const int m = REM.condition_nrows[c];
-    float **M = float_matrix(static_cast<uint32_t>(m), static_cast<uint32_t>(m));
-    const std::vector<float> values = integer_products(c, beta, N, M);
-    float largest = 0.0f;
-    for (float v : values)
-        if (std::fabs(v) > std::fabs(largest)) largest = v;
     rem_workspace_reserve_test(ws, m);
     rem_workspace_invert(ws, m, M);
     const float F = rem_contrast_F(m, values.data(), [M](int r, int s) { return M[r][s]; });
@@ -113,14 +108,17 @@ TEST(ContrastCoefficients, SignsGiveTheIntegerArithmeticsBits) {
             rem_contrast_covariance(
                 m, 3, REM.condition_contrast[c], [&N](int i, int j) { return N[i][j]; },
                 [&M](int r, int s, float v) { M[r][s] = v; });
-            float want_rows[3][3];
-            float *want_M[3] = {want_rows[0], want_rows[1], want_rows[2]};
-            const std::vector<float> want = integer_products(c, beta, N, want_M);
+            const std::vector<std::vector<int>> L = integer_contrast(c);
             for (int r = 0; r < m; ++r) {
-                EXPECT_EQ(bits(want[r]), bits(values[r]))
-                    << "trial " << trial << " condition " << c;
-                for (int s = 0; s < m; ++s)
-                    EXPECT_EQ(bits(want_M[r][s]), bits(M[r][s])) << trial << " condition " << c;
+                float v = 0.0f;
+                for (int j = 0; j < 3; ++j) v += L[r][j] * beta[j];
+                EXPECT_EQ(bits(v), bits(values[r])) << "trial " << trial << " condition " << c;
+                for (int s = 0; s < m; ++s) {
+                    float sum = 0.0f;
+                    for (int i = 0; i < 3; ++i)
+                        for (int j = 0; j < 3; ++j) sum += L[r][i] * N[i][j] * L[s][j];
+                    EXPECT_EQ(bits(sum), bits(M[r][s])) << "trial " << trial << " condition " << c;
+                }
             }
         }
     }
