@@ -249,6 +249,20 @@ void reset_records() {
 
 }  // namespace
 
+// A header line of one word out of two: 0 and *value = 0 for the first, 1 for
+// the second; -1 after the keyword's message for anything else.
+static int decode_choice(const char *keyword, const char *rest, const char *first,
+                         const char *second, int *value) {
+    char choice[kLineLength];
+    const bool one_word = count_words(rest) == 1 && read_word(rest, choice) != nullptr;
+    if (one_word && (strcmp(choice, first) == 0 || strcmp(choice, second) == 0)) {
+        *value = strcmp(choice, first) == 0 ? 0 : 1;
+        return 0;
+    }
+    printf("Error: `%s' requires one argument: %s or %s.\n", keyword, first, second);
+    return -1;
+}
+
 int REMInternal_decode_keyword(const char *line) {
     char word[kLineLength];
     const char *after = read_word(line, word);
@@ -290,33 +304,12 @@ int REMInternal_decode_keyword(const char *line) {
         snprintf(REM_input.conditions, REM_NAME_LENGTH, "%s", rest);
         return 0;
     }
-    if (strcmp(word, "reml") == 0) {
-        char method[kLineLength];
-        const bool one_word = count_words(rest) == 1 && read_word(rest, method) != nullptr;
-        if (one_word && strcmp(method, "classic") == 0) {
-            REM_input.reml_method = REM_REML_CLASSIC;
-        } else if (one_word && strcmp(method, "converged") == 0) {
-            REM_input.reml_method = REM_REML_CONVERGED;
-        } else {
-            printf("Error: `reml' requires one argument: classic or converged.\n");
-            return -1;
-        }
-        return 0;
-    }
+    if (strcmp(word, "reml") == 0)
+        return decode_choice("reml", rest, "classic", "converged", &REM_input.reml_method);
     if (strcmp(word, "design") == 0) return REMInternal_decode_design_line(rest);
-    if (strcmp(word, "smoothness") == 0) {
-        char how[kLineLength];
-        const bool one_word = count_words(rest) == 1 && read_word(rest, how) != nullptr;
-        if (one_word && strcmp(how, "stated") == 0) {
-            REM_input.smoothness_method = REM_SMOOTHNESS_STATED;
-        } else if (one_word && strcmp(how, "estimated") == 0) {
-            REM_input.smoothness_method = REM_SMOOTHNESS_ESTIMATED;
-        } else {
-            printf("Error: `smoothness' requires one argument: stated or estimated.\n");
-            return -1;
-        }
-        return 0;
-    }
+    if (strcmp(word, "smoothness") == 0)
+        return decode_choice("smoothness", rest, "stated", "estimated",
+                             &REM_input.smoothness_method);
     if (is_event_word(word)) {
         if (!read_event_character(
                 rest,
