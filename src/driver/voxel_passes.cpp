@@ -34,6 +34,10 @@ struct thread_state {
     std::vector<float> errors, fitted, event_sum;
 };
 
+// Voxels handed to a thread at once; a kernel that estimates several voxels
+// side by side takes them as one group.
+const int kGroup = REM_CONVERGED_GROUP;
+
 class thread_states {
   public:
     thread_states(const voxel_pass_setup &setup)
@@ -41,7 +45,9 @@ class thread_states {
         const size_t n = static_cast<size_t>(setup.nfiles);
         for (thread_state &s : states_) {
             s.ws = rem_workspace_create(setup.model);
-            s.errors.resize(n);
+            // Room for the error values of a whole group where the kernel
+            // estimates groups.
+            s.errors.resize(setup.route.kernel->estimate_many != nullptr ? kGroup * n : n);
             s.fitted.resize(n);
             s.event_sum.resize(n);
         }
@@ -69,21 +75,23 @@ class thread_states {
     const char *kernel_name_ = "";
 };
 
-// One pass: for each chunk of voxels, voxel(state, i) runs on the threads
-// and returns the voxel's status; then the main thread hands the statuses to
+// One pass: for each chunk of voxels, group(first, last, status) runs on the
+// threads for groups of up to kGroup voxels [first, last) and sets each
+// voxel's status; then the main thread hands the statuses to
 // report(i, status) in voxel order (false ends the pass) and prints the
 // progress line of every step-th voxel.  0, or 1 when the signal data could
 // not be read or report said so.
-template <class Voxel, class Report>
-int run_pass(const voxel_pass_setup &setup, signal_chunks &values, const char *what, Voxel voxel,
+template <class Group, class Report>
+int run_pass(const voxel_pass_setup &setup, signal_chunks &values, const char *what, Group group,
              Report report) {
     const int chunk = values.chunk_voxels();
     std::vector<int> status(static_cast<size_t>(chunk));
     for (int c0 = 0; c0 < setup.nvoxels; c0 += chunk) {
         const int c1 = setup.nvoxels - c0 < chunk ? setup.nvoxels : c0 + chunk;
         if (!values.fetch(c0, c1 - c0)) return 1;
-#pragma omp parallel for num_threads(setup.route.threads) schedule(dynamic, 16)
-        for (int i = c0; i < c1; ++i) status[static_cast<size_t>(i - c0)] = voxel(i);
+#pragma omp parallel for num_threads(setup.route.threads) schedule(dynamic, 1)
+        for (int g = c0; g < c1; g += kGroup)
+            group(g, c1 - g < kGroup ? c1 : g + kGroup, &status[static_cast<size_t>(g - c0)]);
         for (int i = c0; i < c1; ++i) {
             if (!report(i, status[static_cast<size_t>(i - c0)])) return 1;
             if (i % setup.step == 0) {
@@ -119,17 +127,31 @@ int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_
     states.set_kernel_name(setup.route.kernel->name);
     const rem_kernel *kernel = setup.route.kernel;
     const int nfiles = setup.nfiles;
-    auto voxel = [&](int i) {
+    // The model squares the errors; their absolute values are passed.
+    auto group = [&](int first, int last, int *status) {
         thread_state &s = states.mine();
-        // The model squares the errors; their absolute values are passed.
-        const float *errors = values.errors(i);
-        for (int k = 0; k < nfiles; ++k) s.errors[k] = std::fabs(errors[k]);
-        float fe = 0.0f, re = 0.0f;
-        const int result =
-            kernel->estimate(s.ws, values.effects(i), s.errors.data(), setup.dofs, &fe, &re);
-        Sigma2_FE_map[i] = fe;
-        Sigma2_RE_map[i] = re;
-        return result;
+        const float *effects[kGroup], *errors[kGroup];
+        float fe[kGroup], re[kGroup];
+        for (int i = first; i < last; ++i) {
+            const int v = kernel->estimate_many != nullptr ? i - first : 0;
+            float *to = s.errors.data() + static_cast<size_t>(v) * nfiles;
+            const float *from = values.errors(i);
+            for (int k = 0; k < nfiles; ++k) to[k] = std::fabs(from[k]);
+            effects[v] = values.effects(i);
+            errors[v] = to;
+            if (kernel->estimate_many != nullptr) continue;
+            fe[0] = re[0] = 0.0f;
+            status[i - first] = kernel->estimate(s.ws, effects[0], to, setup.dofs, fe, re);
+            Sigma2_FE_map[i] = fe[0];
+            Sigma2_RE_map[i] = re[0];
+        }
+        if (kernel->estimate_many == nullptr) return;
+        for (int v = 0; v < last - first; ++v) fe[v] = re[v] = 0.0f;
+        kernel->estimate_many(s.ws, last - first, effects, errors, setup.dofs, fe, re, status);
+        for (int i = first; i < last; ++i) {
+            Sigma2_FE_map[i] = fe[i - first];
+            Sigma2_RE_map[i] = re[i - first];
+        }
     };
     int count = 0, unsettled = 0, capped = 0;
     auto report = [&](int, int status) {
@@ -138,7 +160,7 @@ int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_
         if (status == REM_VOXEL_CAPPED) ++capped;
         return true;
     };
-    const int result = run_pass(setup, values, "RE variance", voxel, report);
+    const int result = run_pass(setup, values, "RE variance", group, report);
     *unestimable += count;
     *did_not_settle += unsettled;
     *at_cap += capped;
@@ -195,7 +217,10 @@ int statistics_pass(const voxel_pass_setup &setup, int residue_requested, int nc
         }
         return true;
     };
-    return run_pass(setup, values, "statistics", voxel, report);
+    auto group = [&](int first, int last, int *status) {
+        for (int i = first; i < last; ++i) status[i - first] = voxel(i);
+    };
+    return run_pass(setup, values, "statistics", group, report);
 }
 
 void store_condition_results(int c, int voxel, int skipped, int correct, float t, float p_raw,

@@ -34,6 +34,7 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "converged.h"
 #include "rem.h"
 #include "util.h"
 #include "weighting.h"
@@ -41,10 +42,8 @@
 
 namespace {
 
-// Relative size below which a column of M is taken as a combination of the
-// columns before it (a zero column, a repeated event): it is left out, as
-// the pseudo-inverse of the classic route leaves out its direction.
-const double kDependentColumn = 1e-10;
+using converged::evaluation;
+using converged::kDependentColumn;
 
 // Pointers into the caller's scratch.
 struct scratch_layout {
@@ -77,13 +76,6 @@ struct problem {
     const float *x;   // n x k, rows first
     const double *y;  // n effects, scaled
     const double *v;  // n squared error values, scaled
-};
-
-struct evaluation {
-    double score;     // S
-    double observed;  // J
-    double expected;  // I
-    int rank;         // p, the columns kept
 };
 
 // Everything at tau2 = t.  K is the number of columns when it is known at
@@ -225,6 +217,75 @@ size_t rem_converged_reml_scratch_size(int n, int k) {
     return 2 * kk * kk + nn * kk + 3 * nn + 2 * kk + 2 * nn;
 }
 
+namespace converged {
+
+bool scale_voxel(int n, const float *effect, const float *error, double *y, double *v,
+                 size_t stride, double *scale) {
+    double sum = 0.0;
+    for (int i = 0; i < n; ++i) {
+        const double e = static_cast<double>(error[i]);
+        if (!(e > 0.0) || !std::isfinite(e) || !std::isfinite(effect[i])) return false;
+        sum += e * e;
+    }
+    if (n < 1) return false;
+    sum /= n;
+    const double root_scale = std::sqrt(sum);
+    for (int i = 0; i < n; ++i) {
+        y[i * stride] = static_cast<double>(effect[i]) / root_scale;
+        v[i * stride] = static_cast<double>(error[i]) * static_cast<double>(error[i]) / sum;
+    }
+    *scale = sum;
+    return true;
+}
+
+bool next_point(newton *s, const evaluation &ev, int n) {
+    ++s->iterations;
+    if (s->iterations == 1) {
+        // No residual degrees of freedom, or the score points below 0: the
+        // maximum over tau2 >= 0 is at 0.
+        if (ev.rank >= n || !(ev.score > 0.0)) return true;
+        s->status = REM_CONVERGED_CAPPED;
+    } else {
+        if (ev.score > 0.0) {
+            s->lo = s->t;
+        } else if (ev.score < 0.0) {
+            s->hi = s->t;
+        } else {  // 0: the maximum; NaN (an overflow): no further step
+            if (ev.score == 0.0) s->status = 0;
+            return true;
+        }
+        if (s->hi - s->lo < 1e-10 * (1.0 + s->lo)) {
+            s->status = 0;
+            return true;
+        }
+    }
+    if (s->iterations >= REM_CONVERGED_ITERATION_CAP) return true;
+
+    double step = ev.score / ev.expected;
+    if (ev.observed > 0.0 && ev.observed < 2.0 * ev.expected) step = ev.score / ev.observed;
+    double next = s->t + step;
+    const bool outside = !(next > s->lo && next < s->hi);
+    const bool slow = std::isfinite(s->hi) && std::fabs(step) > 0.5 * s->change_before;
+    // Only a step down can leave the bracket, and only from a finite hi (an
+    // infinite one would take a step that is not a number).
+    if (outside || slow) {
+        if (!std::isfinite(s->hi)) return true;
+        next = 0.5 * (s->lo + s->hi);
+    }
+    const double tolerance = 1e-10 * (1.0 + s->t);
+    if (std::fabs(next - s->t) < tolerance) {  // the score is zero to this precision
+        s->t = next;
+        s->status = 0;
+        return true;
+    }
+    s->change_before = s->last_change;
+    s->last_change = std::fabs(next - s->t);
+    s->t = next;
+    return false;
+}
+
+}  // namespace converged
+
 int rem_converged_reml(int n, int k, const float *design, const float *effect, const float *error,
                        double *scratch, double *tau2, int *iterations) {
     *tau2 = 0.0;
@@ -233,73 +294,16 @@ int rem_converged_reml(int n, int k, const float *design, const float *effect, c
     const scratch_layout s = lay_out(n, k, scratch);
     double *y = s.kept + k;
     double *v = y + n;
-
-    // Every error value must be positive and finite, every effect finite.
-    // The problem is solved in units of the mean squared error value, so
-    // that the stopping rule does not depend on the units of the data.
     double scale = 0.0;
-    for (int i = 0; i < n; ++i) {
-        const double e = static_cast<double>(error[i]);
-        if (!(e > 0.0) || !std::isfinite(e) || !std::isfinite(effect[i])) return -1;
-        scale += e * e;
-    }
-    if (n < 1) return -1;
-    scale /= n;
-    const double root_scale = std::sqrt(scale);
-    for (int i = 0; i < n; ++i) {
-        y[i] = static_cast<double>(effect[i]) / root_scale;
-        v[i] = static_cast<double>(error[i]) * static_cast<double>(error[i]) / scale;
-    }
+    if (!converged::scale_voxel(n, effect, error, y, v, 1, &scale)) return -1;
     const problem pr{n, k, design, y, v};
 
-    double t = 0.0;
-    evaluation ev = evaluate(pr, t, s);
-    *iterations = 1;
-    // No residual degrees of freedom, or the score points below 0: the
-    // maximum over tau2 >= 0 is at 0.
-    if (ev.rank >= n || !(ev.score > 0.0)) return 0;
-
-    double lo = 0.0, hi = HUGE_VAL;  // S(lo) > 0; S(hi) < 0 once hi is finite
-    double last_change = HUGE_VAL, change_before = HUGE_VAL;
-    int status = REM_CONVERGED_CAPPED;
-    while (*iterations < REM_CONVERGED_ITERATION_CAP) {
-        double step = ev.score / ev.expected;
-        if (ev.observed > 0.0 && ev.observed < 2.0 * ev.expected) step = ev.score / ev.observed;
-        double next = t + step;
-        const bool outside = !(next > lo && next < hi);
-        const bool slow = std::isfinite(hi) && std::fabs(step) > 0.5 * change_before;
-        // Only a step down can leave the bracket, and only from a finite hi
-        // (an infinite one would take a step that is not a number).
-        if (outside || slow) {
-            if (!std::isfinite(hi)) break;
-            next = 0.5 * (lo + hi);
-        }
-        const double tolerance = 1e-10 * (1.0 + t);
-        if (std::fabs(next - t) < tolerance) {  // the score is zero to this precision
-            t = next;
-            status = 0;
-            break;
-        }
-        change_before = last_change;
-        last_change = std::fabs(next - t);
-        t = next;
-        ev = evaluate(pr, t, s);
-        ++*iterations;
-        if (ev.score > 0.0) {
-            lo = t;
-        } else if (ev.score < 0.0) {
-            hi = t;
-        } else {  // 0: the maximum; NaN (an overflow): no further step
-            if (ev.score == 0.0) status = 0;
-            break;
-        }
-        if (hi - lo < 1e-10 * (1.0 + lo)) {
-            status = 0;
-            break;
-        }
+    converged::newton state;
+    while (!converged::next_point(&state, evaluate(pr, state.t, s), n)) {
     }
-    *tau2 = t * scale;
-    return status;
+    *iterations = state.iterations;
+    *tau2 = state.t * scale;
+    return state.status;
 }
 
 // The converged estimate as the first pass of a kernel: the fixed-effects
@@ -318,7 +322,10 @@ int rem_converged_estimate(rem_workspace *ws, const float *effect, const float *
     return status == REM_CONVERGED_CAPPED ? REM_VOXEL_CAPPED : REM_VOXEL_DONE;
 }
 
+// The converged kernel estimates a group of voxels side by side; its
+// reference route takes them one by one.
 const rem_kernel rem_converged_kernel = {"converged", rem_converged_estimate, rem_fast_fit,
-                                         rem_kernel_test};
-const rem_kernel rem_converged_reference_kernel = {
-    "converged, reference fit", rem_converged_estimate, rem_reference_fit, rem_kernel_test};
+                                         rem_kernel_test, rem_converged_estimate_many};
+const rem_kernel rem_converged_reference_kernel = {"converged, reference fit",
+                                                   rem_converged_estimate, rem_reference_fit,
+                                                   rem_kernel_test, nullptr};

@@ -289,4 +289,4 @@ int rem_fast_fit(rem_workspace *ws, float sigma2_re, const float *effect, const 
     return REM_VOXEL_DONE;
 }
 
-const rem_kernel rem_fast_kernel = {"fast", fast_estimate, rem_fast_fit, rem_kernel_test};
+const rem_kernel rem_fast_kernel = {"fast", fast_estimate, rem_fast_fit, rem_kernel_test, nullptr};

@@ -164,7 +164,7 @@ int rem_reference_fit(rem_workspace *ws, float sigma2_re, const float *effect, c
 }
 
 const rem_kernel rem_reference_kernel = {"reference", rem_reference_estimate, rem_reference_fit,
-                                         rem_kernel_test};
+                                         rem_kernel_test, nullptr};
 
 // ---- the model's operations on REM itself ----
 

@@ -146,6 +146,15 @@ int REM_REML_iterate(int n, const float *effect, const float *error, const int *
 size_t rem_converged_reml_scratch_size(int n, int k);
 int rem_converged_reml(int n, int k, const float *design, const float *effect, const float *error,
                        double *scratch, double *tau2, int *iterations);
+// The same estimate for count voxels (effects[v] and errors[v], n values
+// each), several iterated side by side in the lanes of vector instructions;
+// tau2[v], iterations[v] and status[v] (the return value above) are each bit
+// for bit what rem_converged_reml gives for voxel v.  scratch holds
+// rem_converged_reml_many_scratch_size(n, k) doubles.
+size_t rem_converged_reml_many_scratch_size(int n, int k);
+void rem_converged_reml_many(int n, int k, const float *design, int count,
+                             const float *const *effects, const float *const *errors,
+                             double *scratch, double *tau2, int *iterations, int *status);
 
 // ---- final fit and F test (fit.cpp) ----
 int REM_fit_final(float sigma2_re, int n, const float *effect, const float *error, float *fitted,
@@ -234,7 +243,16 @@ typedef struct {
     // The test of condition c on the last fit; REM_VOXEL_DONE or
     // REM_VOXEL_IBETA_DOMAIN_ERROR.
     int (*test)(rem_workspace *ws, int condition, int resels, int dof, rem_test_result *result);
+    // The first pass over up to REM_CONVERGED_GROUP voxels at once, each with
+    // estimate's results and status (result[v]); 0, or 1 for too many.
+    // Null when the kernel has only the voxel-by-voxel estimate.
+    int (*estimate_many)(rem_workspace *ws, int count, const float *const *effects,
+                         const float *const *errors, const int *dof, float *sigma2_fe,
+                         float *sigma2_re, int *result);
 } rem_kernel;
+
+// The most voxels that a kernel's estimate_many takes at once.
+#define REM_CONVERGED_GROUP 16
 
 extern const rem_kernel rem_reference_kernel;
 extern const rem_kernel rem_fast_kernel;

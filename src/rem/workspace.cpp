@@ -140,7 +140,11 @@ void allocate_common(rem_workspace *ws, bool fast) {
         ws->start = array<int>(nn);
         ws->stop = array<int>(nn);
     }
-    ws->converged_scratch = array<double>(rem_converged_reml_scratch_size(n, k));
+    // One scratch for the converged estimate of one voxel or of several side
+    // by side.
+    const size_t one = rem_converged_reml_scratch_size(n, k);
+    const size_t many = rem_converged_reml_many_scratch_size(n, k);
+    ws->converged_scratch = array<double>(one > many ? one : many);
 }
 
 rem_workspace *new_workspace(const rem_model_view *model) {

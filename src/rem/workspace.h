@@ -106,6 +106,11 @@ int rem_fast_fit(rem_workspace *ws, float sigma2_re, const float *effect, const 
 // in storage that grows as n k (lean_fit.cpp); for lean workspaces.
 int rem_lean_fit(rem_workspace *ws, float sigma2_re, const float *effect, const float *error,
                  float *fitted, float *event_sum);
+// The converged kernel's first pass over a group of voxels
+// (converged_lanes.cpp).
+int rem_converged_estimate_many(rem_workspace *ws, int count, const float *const *effects,
+                                const float *const *errors, const int *dof, float *sigma2_fe,
+                                float *sigma2_re, int *result);
 // The test on the workspace's last fit (f_test.cpp), shared by both kernels.
 int rem_kernel_test(rem_workspace *ws, int condition, int resels, int dof, rem_test_result *result);
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
@@ -175,4 +176,68 @@ TEST(ConvergedReml, RefusalsAndTheFirstPass) {
     EXPECT_EQ(fe, 0.0f);
     EXPECT_EQ(re, 0.0f);
     rem_workspace_free(ws);
+}
+
+// Voxels estimated side by side get the bits, iterations and status that
+// each gets on its own: on several designs (one column; a dependent and a
+// zero column, which the factor leaves out; five columns, beyond the
+// unrolled sizes), on groups whose voxels stop after different numbers of
+// steps (maxima at 0 and inside, refused values among them), with the lanes
+// of vector instructions and without.
+TEST(ConvergedReml, SideBySideAsOneByOne) {
+    Mat dependent = groups({7, 8});
+    for (Vec &row : dependent) {
+        row.push_back(row[1]);
+        row.push_back(0.0);
+    }
+    Mat five(30, Vec(5, 0.0));
+    for (int i = 0; i < 30; ++i) {
+        five[i][i % 3] = 1.0;
+        five[i][3] = std::sin(i * 0.7);
+        five[i][4] = (i % 5) * 0.25 - 0.5;
+    }
+    const Mat designs[] = {groups({9}), groups({6, 7}), dependent, five};
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (const char *set : {"scalar", "avx2"}) {
+        const std::string previous = rem_fast_instruction_set();
+        if (rem_fast_select_instruction_set(set) != 0) continue;  // not on this processor
+        for (const Mat &X : designs) {
+            const int n = static_cast<int>(X.size()), k = static_cast<int>(X[0].size());
+            SCOPED_TRACE(std::string(set) + ", " + std::to_string(k) + " columns");
+            std::vector<float> x;
+            for (const Vec &row : X) x.insert(x.end(), row.begin(), row.end());
+            std::vector<std::vector<float>> y, s;
+            for (int v = 0; v < 11; ++v) {
+                const Voxel d =
+                    simulate("", X, Vec(k, 0.5), v % 3 == 0 ? 0.0 : 0.3 * v, 0.2, 1.0 + v, 10 + v);
+                y.emplace_back(d.y.begin(), d.y.end());
+                s.emplace_back(d.s.begin(), d.s.end());
+            }
+            s[4][n - 1] = 0.0f;  // refused
+            y[7][0] = nan;       // refused
+            std::vector<const float *> ey, es;
+            for (int v = 0; v < 11; ++v) {
+                ey.push_back(y[v].data());
+                es.push_back(s[v].data());
+            }
+            std::vector<double> scratch(rem_converged_reml_many_scratch_size(n, k));
+            for (int count : {0, 1, 3, 11}) {
+                double tau2[11];
+                int iterations[11], status[11];
+                rem_converged_reml_many(n, k, x.data(), count, ey.data(), es.data(), scratch.data(),
+                                        tau2, iterations, status);
+                for (int v = 0; v < count; ++v) {
+                    double one = 7;
+                    int steps = 7;
+                    const int alone = rem_converged_reml(n, k, x.data(), ey[v], es[v],
+                                                         scratch.data(), &one, &steps);
+                    EXPECT_EQ(status[v], alone) << "voxel " << v;
+                    EXPECT_EQ(iterations[v], steps) << "voxel " << v;
+                    EXPECT_EQ(std::memcmp(&tau2[v], &one, sizeof one), 0)
+                        << "voxel " << v << ": " << tau2[v] << " alone " << one;
+                }
+            }
+        }
+        ASSERT_EQ(rem_fast_select_instruction_set(previous.c_str()), 0);
+    }
 }
