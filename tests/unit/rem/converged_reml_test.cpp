@@ -198,7 +198,7 @@ TEST(ConvergedReml, SideBySideAsOneByOne) {
     }
     const Mat designs[] = {groups({9}), groups({6, 7}), dependent, five};
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (const char *set : {"scalar", "avx2"}) {
+    for (const char *set : {"scalar", "avx2", "avx512"}) {
         const std::string previous = rem_fast_instruction_set();
         if (rem_fast_select_instruction_set(set) != 0) continue;  // not on this processor
         for (const Mat &X : designs) {
