@@ -120,6 +120,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (status[0] != status[1]) std::abort();
         same(fe[0], fe[1]);
         same(re[0], re[1]);
+        // The converged estimate alone and side by side with other voxels
+        // (the files in reverse order).
+        std::vector<float> y2(y.rbegin(), y.rend()), s2(abs_s.rbegin(), abs_s.rend());
+        const float *effects[3] = {y2.data(), y.data(), y2.data()};
+        const float *errors[3] = {s2.data(), abs_s.data(), s2.data()};
+        float group_fe[3], group_re[3];
+        int group_status[3];
+        rem_converged_kernel.estimate_many(fast, 3, effects, errors, dof.data(), group_fe, group_re,
+                                           group_status);
+        for (int v = 0; v < 3; ++v) {
+            float one_fe = 0, one_re = 0;
+            if (rem_converged_kernel.estimate(reference, effects[v], errors[v], dof.data(), &one_fe,
+                                              &one_re) != group_status[v])
+                std::abort();
+            same(one_fe, group_fe[v]);
+            same(one_re, group_re[v]);
+        }
         for (float variance : {re[0], other_variance}) {
             if (variance == 0.0f) continue;  // such a voxel is skipped
             std::vector<float> out[2] = {std::vector<float>(2 * n), std::vector<float>(2 * n)};

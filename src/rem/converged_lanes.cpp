@@ -39,8 +39,12 @@ using converged::kDependentColumn;
 
 // Vectors are passed by reference: by value their calling convention would
 // depend on the instruction set.
+#ifdef __clang__
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx2")
+#endif
 namespace avx2 {
 const int kLanes = 4;
 typedef double lane __attribute__((vector_size(kLanes * sizeof(double))));
@@ -51,10 +55,18 @@ inline void lane_sqrt(const lane &x, lane *r) {
 }
 #include "converged_lanes.inc"
 }  // namespace avx2
+#ifdef __clang__
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
+#ifdef __clang__
+#pragma clang attribute push(__attribute__((target("avx512f"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx512f")
+#endif
 namespace avx512 {
 const int kLanes = 8;
 typedef double lane __attribute__((vector_size(kLanes * sizeof(double))));
@@ -65,7 +77,11 @@ inline void lane_sqrt(const lane &x, lane *r) {
 }
 #include "converged_lanes.inc"
 }  // namespace avx512
+#ifdef __clang__
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 }  // namespace
 
