@@ -140,10 +140,10 @@ std::vector<cluster> find_clusters(const float *logp, const float *t, const int 
     return sorted;
 }
 
-std::string clusters_tsv(const std::vector<cluster> &clusters) {
-    std::string text =
-        "cluster\tpeak_i\tpeak_j\tpeak_k\tpeak_x_mm\tpeak_y_mm\tpeak_z_mm\tpeak_t\tpeak_logp\t"
-        "voxels\tvolume_mm3\n";
+std::string clusters_tsv(const std::vector<cluster> &clusters, bool f_test) {
+    std::string text = "cluster\tpeak_i\tpeak_j\tpeak_k\tpeak_x_mm\tpeak_y_mm\tpeak_z_mm\t";
+    text += f_test ? "peak_f" : "peak_t";
+    text += "\tpeak_logp\tvoxels\tvolume_mm3\n";
     char line[512];
     for (size_t c = 0; c < clusters.size(); ++c) {
         for (const peak &p : clusters[c].peaks) {

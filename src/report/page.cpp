@@ -103,11 +103,28 @@ std::string run_section(const options &o, const results &r) {
                              ? "not found (it is named in <code>.vistra</code> or given with "
                                "<code>--analysis</code>)"
                              : "<code>" + html_escape(display_path(f.analysis_path)) + "</code>");
+    // A column of zeros and ones is an event (a group): the files it holds
+    // are counted.  Any other column is a covariate: its range is shown.
     std::string per_event;
-    for (size_t e = 0; e < f.events.size(); ++e)
-        per_event += (e ? ", " : "") + event_name(f, f.events[e]) + ": " +
-                     std::to_string(f.files_per_event[e]);
-    row("Files per event", per_event + " (" + std::to_string(f.design.size()) + " files in all)");
+    bool all_events = true;
+    for (size_t e = 0; e < f.events.size(); ++e) {
+        double low = HUGE_VAL, high = -HUGE_VAL;
+        bool indicator = true;
+        for (const auto &values : f.design) {
+            low = std::min(low, values[e]);
+            high = std::max(high, values[e]);
+            indicator = indicator && (values[e] == 0.0 || values[e] == 1.0);
+        }
+        per_event += (e ? ", " : "") + event_name(f, f.events[e]) + ": ";
+        if (indicator) {
+            per_event += std::to_string(f.files_per_event[e]);
+        } else {
+            per_event += "covariate from " + number(low) + " to " + number(high);
+            all_events = false;
+        }
+    }
+    row(all_events ? "Files per event" : "Design columns",
+        per_event + " (" + std::to_string(f.design.size()) + " files in all)");
     const view_axes v = view_of(r.geometry);
     row("Voxels", format("%ld in the volume (%d &times; %d &times; %d voxels of %s &times; %s "
                          "&times; %s mm); %ld analysed, %ld left out (outside the brain, or some "

@@ -49,7 +49,7 @@ bool make_report(const options &given, outcome *out, std::string *error) {
     std::vector<std::pair<std::string, std::string>> files;  // final name, text
     for (const condition_maps &c : r.conditions)
         files.emplace_back(o.results_dir + "/contrast-" + c.label + "_clusters.tsv",
-                           clusters_tsv(c.clusters));
+                           clusters_tsv(c.clusters, c.rows > 1));
     const std::string page = o.output.empty() ? o.results_dir + "/report.html" : o.output;
     if (!o.overview.empty()) {
         std::string png;

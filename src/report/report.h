@@ -57,8 +57,9 @@ std::vector<cluster> find_clusters(const float *logp, const float *t, const int 
                                    const bridge::geometry &geometry, double threshold,
                                    long min_cluster, std::vector<int> *labels = nullptr);
 
-// The text of a cluster table (tab-separated, with a header line).
-std::string clusters_tsv(const std::vector<cluster> &clusters);
+// The text of a cluster table (tab-separated, with a header line); the peak
+// statistic's column is peak_t, or peak_f for a test of several rows.
+std::string clusters_tsv(const std::vector<cluster> &clusters, bool f_test = false);
 
 // What a finished report left behind.
 struct outcome {
