@@ -14,6 +14,7 @@
 #include "test_support.h"
 #include "util.h"
 
+using test_support::repeat;
 using test_support::TempDir;
 using test_support::write_file;
 
@@ -77,11 +78,6 @@ TEST(HelpMenu, DialogueSteps) {
         {'C', "SUB3\n" + sub_prompt + "before link\n"},
         {'b', bad + "3\n"},  // main menu
         {'B', bad + "0\n"},  // sub-menu: "1 to 0" as it stands
-    };
-    auto repeat = [](const std::string &s, int n) {
-        std::string r;
-        while (n-- > 0) r += s;
-        return r;
     };
     const std::pair<std::string, std::string> cases[] = {
         {"3\n1\n\n\n", "HMCLHM"},  // a link, and back to the top-level file's main menu
