@@ -10,7 +10,7 @@
 using namespace test_support;
 using bridge_test::grid;
 
-TEST(Bridge, BadInputEndsWithOneErrorLine) {
+TEST(Bridge, BadInputAndBadModelsEndWithOneErrorLine) {
     TempDir tmp;
     const std::vector<double> ones(100, 1.0);
     bridge_test::write_nifti(tmp.file("e.nii"), grid(5, 5, 4, 2), ones);
@@ -27,45 +27,7 @@ TEST(Bridge, BadInputEndsWithOneErrorLine) {
                R"({"dimensions": [5, 5, 4], "affine": [[2,0,0,0],[0,2,0,0],[0,0,2,0],[0,0,0,1]],)"
                R"( "qform_code": 0, "sform_code": 4})");
     const std::string h = "group\teffect\tvariance\tstderr\tdof\n", ev = "a\te.nii\tv.nii\t\t9\n";
-    struct bad_case {
-        std::string table;              // written to t.tsv; empty: none
-        std::vector<std::string> args;  // "-c" and conditions, or "export" and its arguments
-        const char *message;
-    } cases[] = {
-        {h + ev + "b\tnone.nii\tv.nii\t\t9\n", {}, "none.nii: no such file"},
-        {"", {}, "cannot read t.tsv"},
-        {"group\tvariance\tdof\na\tv.nii\t9\n", {}, "has no column `effect'"},
-        {h + "a\te.nii\tv.nii\tv.nii\t9\n", {}, "column 3 (variance): give only one of stderr,"},
-        {h + "a\te.nii\tv.nii\t\t0.5\n", {}, "(dof): the degrees of freedom must be at least 1"},
-        {h + "a\te.nii\tv.nii\n", {}, "line 2: 3 columns where the header has 5"},
-        {h + ev + "b\tother.nii\tv.nii\t\t9\n", {}, "other.nii is not on the grid of"},
-        {h + "a\tmerged.nii.gz\tv.nii\t\t9\n", {}, "is 4-D (4 volumes): give the volume"},
-        {h + ev + "b\te.nii\tv.nii\t\t9\n", {"-c", "a-q"}, "the condition a-q uses q"},
-        {"", {"export", "empty"}, "no results in empty"},
-        {"", {"export", "results"}, "does not have the dimensions"},
-        {"", {"export", "results", "--geometry", "x.json"}, "the geometry file x.json does not"},
-    };
-    for (const bad_case &c : cases) {
-        SCOPED_TRACE(c.message);
-        run_command("rm -f t.tsv", tmp.path());
-        if (!c.table.empty()) write_file(tmp.file("t.tsv"), c.table);
-        const bool to_export = !c.args.empty() && c.args[0] == "export";
-        // args: the export's after "export", else the conditions instead of a
-        std::vector<std::string> args = {"t.tsv", "-o", "study", "-c", "a", "-s", "6", "8"};
-        if (to_export) args.assign(c.args.begin() + 1, c.args.end());
-        if (!to_export && !c.args.empty()) args[4] = c.args[1];
-        bridge_test::expect_refused(
-            bridge_test::run_tool(to_export ? "fmri-rem-export" : "fmri-rem-import", args,
-                                  tmp.path()),
-            c.message, tmp.path());
-    }
-}
-
-TEST(Bridge, BadModelsEndWithOneErrorLine) {
-    TempDir tmp;
-    bridge_test::write_nifti(tmp.file("e.nii"), {}, {1.0});
-    bridge_test::write_nifti(tmp.file("v.nii"), {}, {0.1});
-    // Six participants; sex follows the group, age is 30 + 2 s unless given.
+    // Models: six participants; sex follows the group, age is 30 + 2 s unless given.
     auto table = [](const std::function<std::string(int)> &age, bool sessions = false) {
         std::string t = "participant_id\tgroup\tsession\tage\tsex\teffect\tvariance\tdof\n";
         for (int s = 0; s < 6; ++s)
@@ -84,36 +46,53 @@ TEST(Bridge, BadModelsEndWithOneErrorLine) {
     write_file(tmp.file("short.tsv"), dm);
     write_file(tmp.file("long.tsv"), dm + "sub-5\t1\nsub-9\t2\n");
     write_file(tmp.file("text.tsv"), dm + "sub-5\tyoung\n");
-    const std::string tables[] = {table(ages), table(ages, true), table(age_is(4, "n/a")),
-                                  table(age_is(2, "forty")),
-                                  table([](int) { return std::string("41"); })};
-    const struct {
-        int table;            // of tables
-        const char *options;  // split at spaces
+    const std::string model = table(ages), sessions = table(ages, true);
+    struct bad_case {
+        std::string table;    // written to t.tsv; empty: none
+        const char *command;  // the import's options, or "export" and its arguments
         const char *message;  // part of the error line
     } cases[] = {
-        {0, "--covariates age,agex", "no column `agex' (its columns: participant_id, group,"},
-        {2, "--covariates age", "t.tsv line 6, column 4 (age): no value given"},
-        {3, "--covariates age", "line 4, column 4 (age): forty is not a number"},
-        {4, "--by-group age", "the covariate `age' has the same value (41) in every file"},
-        {0, "--by-group sex", "--by-group sex: the column holds text"},
-        {0, "--covariates sex", "rank-deficient: column `sex[M]' is a linear combination of `pat"},
-        {1, "--paired post-base", "--paired post-base: give two sessions of the table as FIRST-S"},
-        {0, "-c patients-contrls", "uses contrls, which is not in the model (patients -> p, cont"},
-        {0, "--design-matrix short.tsv", "short.tsv has no row for participant sub-5 of t.tsv"},
-        {0, "--design-matrix long.tsv", "long.tsv line 8: participant sub-9 is not among the fi"},
-        {0, "--design-matrix text.tsv", "text.tsv line 7, column 2 (x): young is not a number"},
-        {1, "--design-matrix short.tsv", "participant sub-0 has several rows in t.tsv"},
+        {h + ev + "b\tnone.nii\tv.nii\t\t9\n", "-c a", "none.nii: no such file"},
+        {"", "-c a", "cannot read t.tsv"},
+        {"group\tvariance\tdof\na\tv.nii\t9\n", "-c a", "has no column `effect'"},
+        {h + "a\te.nii\tv.nii\tv.nii\t9\n", "-c a",
+         "column 3 (variance): give only one of stderr,"},
+        {h + "a\te.nii\tv.nii\t\t0.5\n", "-c a",
+         "(dof): the degrees of freedom must be at least 1"},
+        {h + "a\te.nii\tv.nii\n", "-c a", "line 2: 3 columns where the header has 5"},
+        {h + ev + "b\tother.nii\tv.nii\t\t9\n", "-c a", "other.nii is not on the grid of"},
+        {h + "a\tmerged.nii.gz\tv.nii\t\t9\n", "-c a", "is 4-D (4 volumes): give the volume"},
+        {h + ev + "b\te.nii\tv.nii\t\t9\n", "-c a-q", "the condition a-q uses q"},
+        {"", "export empty", "no results in empty"},
+        {"", "export results", "does not have the dimensions"},
+        {"", "export results --geometry x.json", "the geometry file x.json does not"},
+        {model, "-c p --covariates age,agex", "no column `agex' (its columns: participant_id,"},
+        {table(age_is(4, "n/a")), "-c p --covariates age",
+         "line 6, column 4 (age): no value given"},
+        {table(age_is(2, "forty")), "-c p --covariates age",
+         "line 4, column 4 (age): forty is not"},
+        {table([](int) { return std::string("41"); }), "-c p --by-group age",
+         "the covariate `age' has the same value (41) in every file"},
+        {model, "-c p --by-group sex", "--by-group sex: the column holds text"},
+        {model, "-c p --covariates sex", "rank-deficient: column `sex[M]' is a linear combinatio"},
+        {sessions, "-c p --paired post-base", "--paired post-base: give two sessions of the tab"},
+        {model, "-c p --design-matrix short.tsv", "short.tsv has no row for participant sub-5 o"},
+        {model, "-c p --design-matrix long.tsv", "long.tsv line 8: participant sub-9 is not amon"},
+        {model, "-c p --design-matrix text.tsv", "text.tsv line 7, column 2 (x): young is not a "},
+        {sessions, "-c p --design-matrix short.tsv", "participant sub-0 has several rows in t.tsv"},
     };
-    for (const auto &c : cases) {
+    for (const bad_case &c : cases) {
         SCOPED_TRACE(c.message);
-        write_file(tmp.file("t.tsv"), tables[c.table]);
-        std::vector<std::string> options;
-        std::istringstream in(c.options);
-        for (std::string w; in >> w;) options.push_back(w);
-        const bool own = options[0] == "-c";  // conditions of the case's own
-        bridge_test::expect_refused(bridge_test::import(tmp.path(), "t.tsv", own ? options[1] : "p",
-                                                        own ? std::vector<std::string>{} : options),
-                                    c.message, tmp.path());
+        run_command("rm -f t.tsv", tmp.path());
+        if (!c.table.empty()) write_file(tmp.file("t.tsv"), c.table);
+        std::vector<std::string> args = {"t.tsv", "-o", "study", "-s", "6", "8"};
+        std::istringstream in(c.command);
+        for (std::string w; in >> w;) args.push_back(w);
+        const bool to_export = args[6] == "export";
+        if (to_export) args.erase(args.begin(), args.begin() + 7);
+        bridge_test::expect_refused(
+            bridge_test::run_tool(to_export ? "fmri-rem-export" : "fmri-rem-import", args,
+                                  tmp.path()),
+            c.message, tmp.path());
     }
 }

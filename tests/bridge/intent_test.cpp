@@ -1,7 +1,8 @@
 // A study of three groups (t and F conditions) through fmri-rem-import,
 // fmri-rem and fmri-rem-export, uncorrected and corrected; every exported map
 // is read with nibabel, whose reading of the intent and its parameters,
-// applied to the values with scipy, must give the z and -log10 p maps.
+// applied to the values with scipy, must give the z and the uncorrected
+// -log10 p maps (the corrected p are checked in pvalues_test.cpp).
 #include <gtest/gtest.h>
 
 #include <random>

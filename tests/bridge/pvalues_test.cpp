@@ -131,6 +131,7 @@ TEST(PValues, CorrectedPIsTheEulerCharacteristicWhereItDecreasesAndOneElsewhere)
         }
         EXPECT_NEAR(pv.log10_corrected(r.t), want, 1e-11 * std::fabs(want) + 1e-14);
         EXPECT_EQ(pv.log10_p(r.t), pv.log10_corrected(r.t));
+        EXPECT_EQ(pv.at(r.t).signed_logp, pv.signed_logp(r.t));  // the export's door
     }
     // F: the density of the F field at several points, and near the chi-square
     // field for large nu.

@@ -27,14 +27,10 @@ TEST(BadInput, MessagesAndStatus) {
          "a2.bfloat.\n"},
         {"rm a2.hdr", "Error: cannot open vistra file a2.hdr.\n"},
         {"truncate -s -4 b3.bfloat", "Error reading the floating point data from file b3.bfloat\n"},
-        {"truncate -s 400 b1.bfloat",
-         "Error reading the floating point data from file b1.bfloat\n"},
         {"sed -i 's/^z 4/z 3/' b1.hdr",
          "The dimensions of file b1.bfloat (10,5,3) are not the same as for file a1.bfloat "
          "(10,5,4)\n"},
         {"sed -i 's/^t 2/t 3/' b2.hdr", "File b2.bfloat has 3 time points, not 2.\n"},
-        {"sed -i /degrees/d a3.hdr",
-         "Error: the keyword 'degrees-of-freedom' was not found in a3.hdr\n"},
         {"sed -i s/a2.bfloat/a2.bshort/ study.rem && mv a2.bfloat a2.bshort",
          "File a2.bshort is not a `bfloat' file as assumed.\n"},
         {"mkdir sigma2.hdr",
@@ -44,8 +40,6 @@ TEST(BadInput, MessagesAndStatus) {
          "Error: cannot open the output file P-b.bfloat\nError writing output files.\n"},
         {"sed -i 's/^conditions.*/conditions  /' study.rem",
          "Error: no test conditions are defined.\n"},
-        {"sed -i 's/^conditions.*/conditions a a-q/' study.rem",
-         "Error: one of the events in the conditions (26) is not defined.\n"},
         // One file leaves no degrees of freedom for the test, which the
         // incomplete beta function refuses.
         {"printf 'smoothing 0 4\\nconditions a\\nevent a\\na1.bfloat\\n' > study.rem",
@@ -61,6 +55,10 @@ TEST(BadInput, MessagesAndStatus) {
         {"printf 'smoothing 0 4\\nconditions a\\nsmoothness estimated\\nevent a\\na1.bfloat\\n"
          "event b\\nb1.bfloat\\n' > study.rem",
          "Error: the smoothness cannot be estimated: the design leaves no residuals.\n"},
+        // One voxel: no neighbours (the data files are longer than needed).
+        {"sed -i 's/^\\([xyz]\\) .*/\\1 1/' *.hdr && sed -i '1asmoothness estimated' study.rem",
+         "Error: the smoothness cannot be estimated: no two neighbouring voxels hold data in every "
+         "file.\n"},
         // Degrees of freedom whose sum is beyond an int.
         {"sed -i 's/^degrees.*/degrees-of-freedom 2147483647/' a1.hdr a2.hdr",
          "Degrees of freedom: fixed = 4294967374, random = 4, smoothed = 108\n", 0},

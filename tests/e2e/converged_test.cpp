@@ -2,31 +2,24 @@
 // classic run, except the between-subject variance and what follows from it.
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "../unit/rem/reml_likelihood.h"
 #include "study.h"
 #include "test_support.h"
 
-using rem_test::Mat;
-using rem_test::Vec;
 using test_support::read_floats;
 
 // With and without ratio smoothing, on the fast passes and the plain ones:
 // the printed text, the headers, basis.dat, .vistra and the fixed-effects
-// variance are those of the classic run; the REML frame holds the maximiser
-// of the REML likelihood over tau2 >= 0 (found by a grid search); the test
-// of a-b is a weighted least-squares fit with the smoothed or, without
-// smoothing, the raw estimate, also where that is 0, which the classic
-// second pass would skip.  A voxel with an error of 0 is still skipped.
-// Indicator columns in a design layout are the listed layout's design: the
-// classic run's files, bit for bit, in both kernels.
+// variance are those of the classic run (the estimate and the test against
+// double precision: e2e/statistics_test.cpp).  A voxel with an error of 0 is
+// still skipped.  Indicator columns in a design layout are the listed
+// layout's design: the classic run's files, bit for bit, in both kernels.
 TEST(Converged, SameRunAsClassicExceptTheEstimate) {
     const int nv = 200, skipped = 57;
-    const Mat X = {{1, 0}, {1, 0}, {1, 0}, {0, 1}, {0, 1}, {0, 1}};
     for (const char *smoothing : {"smoothing 0 4", "smoothing 0 0"}) {
         SCOPED_TRACE(smoothing);
         const bool smoothed = std::string(smoothing) != "smoothing 0 0";
@@ -74,30 +67,10 @@ TEST(Converged, SameRunAsClassicExceptTheEstimate) {
 
         const std::vector<float> classic = read_floats(runs[0] + "/sigma2.bfloat");
         const std::vector<float> sigma2 = read_floats(runs[1] + "/sigma2.bfloat");
-        const std::vector<float> t = read_floats(runs[1] + "/T-a-b.bfloat");
         ASSERT_EQ(sigma2.size(), (smoothed ? 3u : 2u) * nv);
-        int zeros = 0;
-        for (int v = 0; v < nv; ++v) {
-            SCOPED_TRACE("voxel " + std::to_string(v));
-            ASSERT_EQ(sigma2[v], classic[v]);
-            const float re = sigma2[nv + v];
-            if (v == skipped) {
-                EXPECT_EQ(sigma2[v] + std::fabs(re) + std::fabs(t[v]), 0.0f);
-                continue;
-            }
-            Vec y, se;
-            e2e::samples(s, v, &y, &se);
-            if (v % 5 == 0) {
-                const double grid = rem_test::reml_grid_maximum(X, y, se, 0.0, 20.0);
-                EXPECT_NEAR(re, grid, 1e-5 * grid + 1e-7);
-            }
-            zeros += re == 0.0f;  // common with 6 files
-            const rem_test::Wls fit = rem_test::wls(X, se, smoothed ? sigma2[2 * nv + v] : re);
-            const Vec beta = rem_test::mat_vec(fit.estimator, y);
-            const Mat &N = fit.normal_inverse;
-            const double t_ab = (beta[0] - beta[1]) / std::sqrt(N[0][0] + N[1][1] - 2 * N[0][1]);
-            EXPECT_NEAR(t[v], t_ab, 1e-4 * std::fabs(t[v]) + 1e-5);
-        }
-        EXPECT_GT(zeros, 10);
+        EXPECT_TRUE(std::equal(classic.begin(), classic.begin() + nv, sigma2.begin()));
+        EXPECT_EQ(sigma2[skipped], 0.0f);
+        EXPECT_EQ(sigma2[nv + skipped], 0.0f);
+        EXPECT_EQ(read_floats(runs[1] + "/T-a-b.bfloat")[skipped], 0.0f);
     }
 }

@@ -81,23 +81,3 @@ TEST(SmoothnessEstimated, PrintsTheWidthAndItsDegreesOfFreedom) {
     for (size_t i = 0; i < n; ++i)
         EXPECT_NEAR(sigma2[2 * n + i], i % 8 == 7 ? 0.0f : sigma2[n + i], 1e-4 * sigma2[n + i]);
 }
-
-// Where no smoothness can be estimated the run ends after one error line
-// (see also the bad-input table): data only on a checkerboard leave no two
-// neighbouring voxels with data.
-TEST(SmoothnessEstimated, RefusedWithoutNeighbours) {
-    test_support::TempDir dir;
-    e2e::study s;
-    s.add_group('a', 3, 1.0f, 20, 5);
-    s.add_group('b', 3, 0.0f, 20, 6);
-    for (int i = 0; i < s.g.voxels(); ++i)
-        if ((i % 10 + i / 10 % 5 + i / 50) % 2) s.files[0].error[i] = 0.0f;
-    s.extra_header = "smoothness estimated\n";
-    s.write(dir.path());
-    auto result = test_support::run_fmri_rem({"study.rem"}, dir.path());
-    EXPECT_EQ(result.status, 1);
-    const std::string message =
-        "Error: the smoothness cannot be estimated: no two neighbouring voxels hold data in every "
-        "file.\n";
-    EXPECT_EQ(e2e::tail(result.out, message.size()), message);
-}

@@ -55,6 +55,11 @@ inline bool file_exists(const std::string &path) {
 std::vector<float> read_floats(const std::string &path);
 void write_floats(const std::string &path, const std::vector<float> &values);
 std::string shell_quote(const std::string &word);
+inline std::string repeat(const std::string &s, int n) {
+    std::string r;
+    while (n-- > 0) r += s;
+    return r;
+}
 
 }  // namespace test_support
 

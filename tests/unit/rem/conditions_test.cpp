@@ -56,8 +56,7 @@ TEST(Conditions, ContrastsFromText) {
     EXPECT_STREQ(name, "-p");
 }
 
-// The other messages are checked with the analysis file (too many conditions)
-// and in whole runs (an event that is not defined).
+// The message of too many conditions is checked with the analysis file.
 TEST(Conditions, Errors) {
     define_events("pc");
     const struct {

@@ -1,8 +1,8 @@
 // Contrast coefficients are floats: for conditions written with signs only
 // (+1, -1 and 0), the test must give the bits of integer coefficients, whose
 // products C++ forms by converting the integer to float.  Checked on the
-// contrast arithmetic with random and special values, and on the whole test
-// of both kernels after their fits.
+// whole test of both kernels after their fits, on random voxels of widely
+// spread magnitudes and special values.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -21,11 +21,6 @@ using namespace rem_test;
 namespace {
 
 const float kSpecial[] = {0.0f, -0.0f, -2.5f, kNaN, kInf, -kInf, 3e38f, 1e-40f, -1e-45f, 1e20f};
-
-float draw(Random &rng) {
-    if (rng.uniform() < 0.25) return kSpecial[static_cast<int>(rng.uniform() * 10)];
-    return static_cast<float>(rng.normal() * std::exp(rng.uniform(-5.0, 5.0)));
-}
 
 // The contrast as integers, as the conditions held it before coefficients.
 std::vector<std::vector<int>> integer_contrast(int c) {
@@ -85,46 +80,6 @@ const char kConditions[] = "1 2 1-2 -3 1,2,3 12-3 2-13,3";
 
 }  // namespace
 
-// The contrast arithmetic alone, on beta and N drawn with special values.
-TEST(ContrastCoefficients, SignsGiveTheIntegerArithmeticsBits) {
-    build_model(9, {{0, {{0, 2}}}, {0, {{3, 5}}}, {1, {{0, 8}}}});
-    int count = 0;
-    ASSERT_EQ(REM_define_conditions(kConditions, &count), 0);
-    const rem_model_view model = rem_current_model();
-    rem_workspace *ws = rem_workspace_create(&model);
-    Random rng(5);
-    float beta[3];
-    float rows[3][3];
-    float *N[3] = {rows[0], rows[1], rows[2]};
-    for (int trial = 0; trial < 400; ++trial) {
-        for (int j = 0; j < 3; ++j) {
-            beta[j] = draw(rng);
-            for (int i = 0; i < 3; ++i) rows[j][i] = draw(rng);
-        }
-        for (int c = 0; c < count; ++c) {
-            const int m = REM.condition_nrows[c];
-            float values[3], M[3][3];
-            rem_contrast_values(m, 3, REM.condition_contrast[c], beta, values);
-            rem_contrast_covariance(
-                m, 3, REM.condition_contrast[c], [&N](int i, int j) { return N[i][j]; },
-                [&M](int r, int s, float v) { M[r][s] = v; });
-            const std::vector<std::vector<int>> L = integer_contrast(c);
-            for (int r = 0; r < m; ++r) {
-                float v = 0.0f;
-                for (int j = 0; j < 3; ++j) v += L[r][j] * beta[j];
-                EXPECT_EQ(bits(v), bits(values[r])) << "trial " << trial << " condition " << c;
-                for (int s = 0; s < m; ++s) {
-                    float sum = 0.0f;
-                    for (int i = 0; i < 3; ++i)
-                        for (int j = 0; j < 3; ++j) sum += L[r][i] * N[i][j] * L[s][j];
-                    EXPECT_EQ(bits(sum), bits(M[r][s])) << "trial " << trial << " condition " << c;
-                }
-            }
-        }
-    }
-    rem_workspace_free(ws);
-}
-
 // The whole test after each kernel's fit, on random voxels with special values.
 TEST(ContrastCoefficients, SignsGiveTheIntegerTestsBitsInBothKernels) {
     for (const rem_kernel *kernel : {&rem_reference_kernel, &rem_fast_kernel}) {
@@ -137,7 +92,7 @@ TEST(ContrastCoefficients, SignsGiveTheIntegerTestsBitsInBothKernels) {
         for (int voxel = 0; voxel < 200; ++voxel) {
             std::vector<float> y(12), s(12), fitted(12), sums(12);
             for (int i = 0; i < 12; ++i) {
-                y[i] = static_cast<float>(rng.normal() * 2.0);
+                y[i] = static_cast<float>(rng.normal() * std::exp(rng.uniform(-5.0, 5.0)));
                 s[i] = static_cast<float>(std::exp(rng.uniform(-2.0, 1.0)));
             }
             if (voxel % 4 == 1) y[voxel % 12] = kSpecial[voxel % 10];

@@ -1,7 +1,7 @@
-// Final fit and F test: the zero-error shortcut, the exact
-// cases of the test (effect size, signs, folding, clamps, floors), and random
-// designs run through the estimate, the fit and the test against a
-// double-precision computation.
+// Final fit and F test: the zero-error shortcut and the exact cases of the
+// test (effect size, signs, folding, clamps, floors).  The estimate and the
+// fit against double precision are checked at every voxel of whole runs
+// (e2e/statistics_test.cpp), the kernels bit for bit in kernel_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -43,8 +43,7 @@ double f_tail(double F, int m, int nu) {
 
 // A negative error value weighs like its magnitude, a NaN goes into the fit,
 // and only an exact zero (of either sign) gives the all-zero fit, beta and
-// normal_inverse included.  (The fit itself is compared with double precision
-// below.)
+// normal_inverse included.
 TEST(FitFinal, ErrorSignsAndTheZeroErrorShortcut) {
     build_model(3, {{0, {{0, 2}}}, {1, {{0, 2}}}});
     using V = std::vector<float>;
@@ -114,77 +113,5 @@ TEST(CalculateF, ExactCases) {
         expect_close(error, c.effect / std::fabs(c.t), 1e-6);  // 0/0 for a zero effect
         expect_close(p_raw, c.p_raw, 1e-5);
         expect_close(p_corrected, c.p_corrected, 1e-5);
-    }
-}
-
-// The raw p is the incomplete beta function at x = nu / (m F + nu) formed in
-// double from the float nu and F, bit for bit, for one row and (doubled and
-// folded) for two.
-TEST(CalculateF, RawPFromXInDouble) {
-    build_model(4, {{0, {{0, 1}}}, {0, {{2, 3}}}});
-    for (int m : {1, 2}) {
-        int count = 0;
-        ASSERT_EQ(REM_define_conditions(m == 1 ? "1" : "1,2", &count), 0);
-        for (float b : {3e-5f, 0.01f, 0.7f, 1.3f, 2.9f, 6.0f}) {
-            for (int dof : {3, 17, 120}) {
-                REM.beta[0] = b;
-                REM.beta[1] = 0.0f;
-                for (int i = 0; i < 2; ++i)
-                    for (int j = 0; j < 2; ++j) REM.normal_inverse[i][j] = i == j ? 0.5f : 0.0f;
-                float t, p_raw, p_corrected, effect, error;
-                ASSERT_EQ(REM_calculate_F(4, 1, 0, dof, &t, &p_raw, &p_corrected, &effect, &error),
-                          0);
-                const float F = b * b * 2.0f / static_cast<float>(m);  // Q = b^2 / 0.5
-                const double x = static_cast<double>(dof) / (m * static_cast<double>(F) + dof);
-                float want = static_cast<float>(ibeta(0.5 * dof, 0.5 * m, x));
-                if (m == 2) {
-                    want = 2 * want;
-                    if (want == 2.0f) want = 1.0f;
-                    if (want > 1.0f) want = 2 - want;
-                }
-                EXPECT_EQ(p_raw, want) << "m " << m << " b " << b << " dof " << dof;
-            }
-        }
-    }
-}
-
-// Random designs (one group, groups, square and ramp events over the same
-// files) through the estimate and the fit at its value, against double
-// precision.  Tolerance: float32 rounding through the inversions and a few EM
-// steps (relative 1e-4, observed 1e-5).
-TEST(EstimateAndFit, RandomDesignsAgreeWithDoublePrecision) {
-    const std::pair<int, std::vector<Event>> designs[] = {
-        {8, {{0, {{0, 7}}}}},
-        {12, {{0, {{0, 5}}}, {0, {{6, 11}}}}},
-        {15, {{0, {{0, 6}}}, {0, {{7, 14}}}, {1, {{0, 14}}}}},
-        {16, {{0, {{0, 3}, {8, 11}}}, {0, {{4, 7}, {12, 15}}}, {1, {{0, 6}}}, {1, {{8, 14}}}}},
-    };
-    Random rng(20261122);
-    for (const auto &d : designs) {
-        const int n = d.first, k = static_cast<int>(d.second.size());
-        build_model(n, d.second);
-        const Mat X = design();
-        for (int trial = 0; trial < 3; ++trial) {
-            const double v = rng.uniform(0.5, 3.0);  // the true random-effects variance
-            std::vector<float> y(n), s(n), out(2 * n);
-            for (int i = 0; i < n; ++i) {
-                s[i] = static_cast<float>(rng.uniform(0.4, 1.6));
-                double mu = 0.0;
-                for (int j = 0; j < k; ++j) mu += X[i][j] * (1.0 + j);
-                y[i] = static_cast<float>(mu + rng.normal() * std::sqrt(s[i] * s[i] + v));
-            }
-            const double sigma2_ref = reml(X, Vec(y.begin(), y.end()), Vec(s.begin(), s.end()));
-            if (std::isnan(sigma2_ref)) continue;  // the step count is in doubt
-            float fe = 0.0f, sigma2 = 0.0f;
-            const std::vector<int> dof(n, 10);
-            ASSERT_EQ(REM_REML_iterate(n, y.data(), s.data(), dof.data(), &fe, &sigma2), 0);
-            EXPECT_NEAR(sigma2, sigma2_ref, 1e-4 * std::fabs(sigma2_ref));
-
-            ASSERT_EQ(REM_fit_final(sigma2, n, y.data(), s.data(), out.data(), out.data() + n), 0);
-            const Vec beta =
-                mat_vec(wls(X, Vec(s.begin(), s.end()), sigma2).estimator, Vec(y.begin(), y.end()));
-            for (int j = 0; j < k; ++j)
-                EXPECT_NEAR(REM.beta[j], beta[j], 1e-4 * (std::fabs(beta[j]) + 0.1));
-        }
     }
 }

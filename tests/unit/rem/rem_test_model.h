@@ -1,17 +1,21 @@
-// Test helpers for the model's statistics: building a small model in the
-// global records, a portable random source, and
+// Test helpers for the model's statistics: reading an analysis file,
+// building a small model in the global records, a portable random source, and
 // independent double-precision weighted least squares and REML.
 #ifndef FMRI_REM_TEST_MODEL_H
 #define FMRI_REM_TEST_MODEL_H
+
+#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "rem.h"
+#include "test_support.h"
 #include "util.h"
 
 namespace rem_test {
@@ -23,6 +27,24 @@ inline uint32_t bits(float v) {
     uint32_t u;
     std::memcpy(&u, &v, sizeof u);
     return u;
+}
+
+struct Outcome {
+    int result;
+    std::string out;
+};
+
+// Reads text as an analysis file; "@" in the output stands for the file's path.
+inline Outcome read_text(const std::string &text) {
+    static test_support::TempDir dir;
+    const std::string path = dir.file("analysis.txt");
+    test_support::write_file(path, text);
+    testing::internal::CaptureStdout();
+    const int result = REM_read_control_file(path.c_str());
+    std::string out = testing::internal::GetCapturedStdout();
+    for (size_t at = out.find(path); at != std::string::npos; at = out.find(path, at + 1))
+        out.replace(at, path.size(), "@");
+    return {result, out};
 }
 
 struct Event {

@@ -1,6 +1,6 @@
 // REML estimate of the random-effects variance: the model check it shares with
-// the final fit, and the exact cases.  Random designs (one group among them)
-// against double precision are in fit_test.cpp, together with the fit.
+// the final fit, and the exact cases.  The estimate against double precision
+// is checked at every voxel of whole runs (e2e/statistics_test.cpp).
 #include <gtest/gtest.h>
 #include <unistd.h>
 

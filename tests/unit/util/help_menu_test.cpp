@@ -14,6 +14,7 @@
 #include "test_support.h"
 #include "util.h"
 
+using test_support::repeat;
 using test_support::TempDir;
 using test_support::write_file;
 
@@ -78,11 +79,6 @@ TEST(HelpMenu, DialogueSteps) {
         {'b', bad + "3\n"},  // main menu
         {'B', bad + "0\n"},  // sub-menu: "1 to 0" as it stands
     };
-    auto repeat = [](const std::string &s, int n) {
-        std::string r;
-        while (n-- > 0) r += s;
-        return r;
-    };
     const std::pair<std::string, std::string> cases[] = {
         {"3\n1\n\n\n", "HMCLHM"},  // a link, and back to the top-level file's main menu
         {"\n", "HM"},              // return alone leaves the main menu
@@ -100,14 +96,10 @@ TEST(HelpMenu, DialogueSteps) {
     for (const auto &c : cases) {
         std::string expected;
         for (char code : c.second) expected += screen.at(code);
+        SCOPED_TRACE(c.first.substr(0, 40));
         const HelpRun run = run_help(home.dir.path(), c.first);
-        EXPECT_EQ(run.result, 0) << c.first.substr(0, 40);
-        const auto differ =
-            std::mismatch(run.out.begin(), run.out.end(), expected.begin(), expected.end());
-        EXPECT_TRUE(run.out == expected)
-            << "answers: " << c.first.substr(0, 40) << "\nfirst difference at "
-            << (differ.first - run.out.begin()) << ": "
-            << std::string(differ.first, std::min(differ.first + 200, run.out.end()));
+        EXPECT_EQ(run.result, 0);
+        EXPECT_EQ(run.out, expected);
     }
 }
 
