@@ -103,6 +103,8 @@ TEST(Report, PlantedBlobsAndTheRunOnThePage) {
     EXPECT_EQ(read_file(dir.file("contrast-aMinusb_clusters.tsv")),
               "cluster\tpeak_i\tpeak_j\tpeak_k\tpeak_x_mm\tpeak_y_mm\tpeak_z_mm\tpeak_t\t"
               "peak_logp\tvoxels\tvolume_mm3\n");
+    EXPECT_EQ(read_file(dir.file("contrast-aAndb_clusters.tsv")).substr(0, 66),
+              "cluster\tpeak_i\tpeak_j\tpeak_k\tpeak_x_mm\tpeak_y_mm\tpeak_z_mm\tpeak_f\t");
 
     const std::string page = read_file(out.page);
     for (const char *fact :
@@ -119,7 +121,10 @@ TEST(Report, PlantedBlobsAndTheRunOnThePage) {
     // With a correction the page says which p it shows, from which |T| on
     // (sqrt(3 nu / (nu - 3)) at nu = 40); names from the analysis file head
     // the sections and label the tables; a NIfTI background on the results'
-    // grid is used.
+    // grid is used.  A column that is not zeros and ones is a covariate.
+    write_file(dir.file("basis.dat"),
+               "x eventa eventb \n0 1.000000 -1.500000 \n1 1.000000 0.000000 \n"
+               "2 0.000000 0.500000 \n3 0.000000 1.000000 \n");
     write_file(dir.file("corrected.rem"),
                "multiple-comparisons 50\n# condition a-b = alpha-beta\n# event a = alpha\n" +
                    read_file(dir.file("study.rem")));
@@ -131,6 +136,7 @@ TEST(Report, PlantedBlobsAndTheRunOnThePage) {
     const std::string other = read_file(dir.file("other.html"));
     for (const char *fact :
          {"corrected for multiple comparisons over 50", "corrected (1 where |T| &lt; 1.8)",
+          "<th>Design columns</th><td>event a (alpha): 2, event b: covariate from -1.5 to 1 (4",
           "Condition <code>alpha-beta</code> (<code>a-b</code>)", "Tests alpha &minus; b"})
         EXPECT_NE(other.find(fact), std::string::npos) << fact;
     EXPECT_TRUE(file_exists(dir.file("contrast-alphaMinusbeta_clusters.tsv")));
