@@ -140,7 +140,7 @@ bool signal_chunks::fetch(int first, int count) {
             return true;
         }
     }
-    chunk_read read{values_[1 - back_].data(), first, count, std::string()};
+    chunk_read read{values_[1 - back_].data(), first, count, false, std::string()};
     if (!read_chunk(read)) {
         std::fputs(read.message.c_str(), stdout);
         return false;
@@ -166,6 +166,10 @@ void signal_chunks::fetch_ahead(int first, int count) {
 }
 
 bool signal_chunks::read_chunk(chunk_read &read) {
+    // The chunk that follows the one read last was asked for as that was
+    // read: the kernel need not be asked again.
+    read.advised = read.first == advised_first_;
+    advised_first_ = -1;
     size_t k = 0;
     while (k < nfiles_) {
         if (cancel_) return false;
@@ -173,6 +177,7 @@ bool signal_chunks::read_chunk(chunk_read &read) {
         if (!read_batch(read, k, k1)) return false;
         k = k1;
     }
+    advised_first_ = read.first + read.count;
     return true;
 }
 
@@ -215,7 +220,7 @@ bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1) {
                            " changed during the analysis.\n";
         } else {
             fds[b] = fd;
-            read_ahead(fd, voxels, first, count);
+            if (!read.advised) read_ahead(fd, voxels, first, count);
             continue;
         }
         if (fd >= 0) ::close(fd);

@@ -74,7 +74,7 @@ bool read_signal_values(int fd, uint64_t first, uint32_t count, float *values);
 // their files, so a run that exits meanwhile cannot be disturbed by it.
 class signal_chunks {
   public:
-    static const size_t kBufferBytes = size_t(64) << 20;
+    static const size_t kBufferBytes = size_t(96) << 20;
     static const int kMaxChunk = 16384;
     static const int kBatch = 64;
 
@@ -111,6 +111,7 @@ class signal_chunks {
     struct chunk_read {
         float *values;
         int first, count;
+        bool advised;         // the kernel was asked for its segments already
         std::string message;  // the error message, printed by fetch
     };
     bool read_chunk(chunk_read &read);
@@ -129,6 +130,7 @@ class signal_chunks {
     std::vector<float> values_[2];  // chunk x 2 x nfiles; the second with ahead
     int back_ = 1;                  // the buffer fetch_ahead reads into
     std::vector<float> staging_;    // batch x 2 x chunk
+    int advised_first_ = -1;        // the chunk whose segments were asked for
     bool ahead_;
     std::thread reader_;
     chunk_read pending_{};  // what the thread reads
