@@ -4,7 +4,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <string>
+#include <system_error>
 
+#ifdef __SSE__
+#include <xmmintrin.h>
+#endif
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -40,10 +45,48 @@ void read_ahead(int fd, uint64_t voxels, int first, int count) {
     }
 }
 
+// Copies voxels v0 .. v1-1 of the segments effect[b] and error[b] of width
+// files into the rows of a chunk of nfiles files, row v0 (at its first
+// file's column) at to.  Four files by four voxels at a time where the
+// processor has the registers for it: the same values, fewer moves.
+void transpose_tile(const float *const *effect, const float *const *error, size_t width, int v0,
+                    int v1, size_t nfiles, float *to) {
+    const size_t row = 2 * nfiles;
+    size_t b = 0;
+#ifdef __SSE__
+    for (; b + 4 <= width; b += 4) {
+        for (size_t frame = 0; frame < 2; ++frame) {
+            const float *const *from = frame == 0 ? effect + b : error + b;
+            float *at = to + b + frame * nfiles;
+            int v = v0;
+            for (; v + 4 <= v1; v += 4, at += 4 * row) {
+                __m128 r0 = _mm_loadu_ps(from[0] + v), r1 = _mm_loadu_ps(from[1] + v);
+                __m128 r2 = _mm_loadu_ps(from[2] + v), r3 = _mm_loadu_ps(from[3] + v);
+                _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+                _mm_storeu_ps(at, r0);
+                _mm_storeu_ps(at + row, r1);
+                _mm_storeu_ps(at + 2 * row, r2);
+                _mm_storeu_ps(at + 3 * row, r3);
+            }
+            for (; v < v1; ++v, at += row)
+                for (size_t j = 0; j < 4; ++j) at[j] = from[j][v];
+        }
+    }
+#endif
+    for (; b < width; ++b) {
+        const float *e = effect[b], *s = error[b];
+        float *at = to + b;
+        for (int v = v0; v < v1; ++v, at += row) {
+            at[0] = e[v];
+            at[nfiles] = s[v];
+        }
+    }
+}
+
 }  // namespace
 
-signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles)
-    : entries_(entries), nfiles_(nfiles > 0 ? static_cast<size_t>(nfiles) : 0) {
+signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead)
+    : entries_(entries), nfiles_(nfiles > 0 ? static_cast<size_t>(nfiles) : 0), ahead_(ahead) {
     // The chunk shrinks as the files grow in number; it need not be larger
     // than the volume.
     const int64_t voxels =
@@ -56,33 +99,95 @@ signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles)
     chunk_ = static_cast<int>(chunk);
 
     // Which files are read on demand: a subsequence of the list, in order.
-    streamed_.assign(nfiles_, nullptr);
+    streamed_.assign(nfiles_, streamed_signal_file{});
     const std::vector<streamed_signal_file> &files = streamed_signal_files();
     size_t at = 0;
     for (size_t k = 0; k < nfiles_ && at < files.size(); ++k)
-        if (files[at].entry == entries[k]) streamed_[k] = &files[at++];
+        if (files[at].entry == entries[k]) streamed_[k] = files[at++];
     batch_ = files.empty() ? kBatch : batch_size(kBatch);
-    values_.resize(chunk * 2 * (nfiles_ > 0 ? nfiles_ : 1));
+    const size_t size = chunk * 2 * (nfiles_ > 0 ? nfiles_ : 1);
+    values_[0].resize(size);
+    if (ahead_) values_[1].resize(size);
+    current_ = values_[0].data();
     if (!files.empty()) staging_.resize(static_cast<size_t>(kBatch) * 2 * chunk);
 }
 
+signal_chunks::~signal_chunks() {
+    stop_reading_ahead();
+}
+
+void signal_chunks::stop_reading_ahead() {
+    cancel_ = true;
+    wait_for_reader();
+    cancel_ = false;
+}
+
+void signal_chunks::wait_for_reader() {
+    if (reader_.joinable()) reader_.join();
+}
+
 bool signal_chunks::fetch(int first, int count) {
-    const int64_t voxels = streamed_frame_voxels();
-    next_first_ = first + count;
-    next_count_ = static_cast<int>(std::min<int64_t>(chunk_, voxels - next_first_));
-    size_t k = 0;
-    while (k < nfiles_) {
-        const size_t k1 = std::min(nfiles_, k + static_cast<size_t>(batch_));
-        if (!read_batch(k, k1, first, count)) return false;
-        k = k1;
+    if (reader_.joinable()) {
+        wait_for_reader();
+        if (pending_.first == first && pending_.count == count) {
+            if (!pending_ok_) {
+                std::fputs(pending_.message.c_str(), stdout);
+                return false;
+            }
+            current_ = pending_.values;
+            back_ = 1 - back_;
+            first_ = first;
+            return true;
+        }
     }
+    chunk_read read{values_[1 - back_].data(), first, count, false, std::string()};
+    if (!read_chunk(read)) {
+        std::fputs(read.message.c_str(), stdout);
+        return false;
+    }
+    current_ = read.values;
     first_ = first;
     return true;
 }
 
-bool signal_chunks::read_batch(size_t k0, size_t k1, int first, int count) {
+void signal_chunks::fetch_ahead(int first, int count) {
+    if (!ahead_ || count <= 0) return;
+    wait_for_reader();
+    pending_.values = values_[back_].data();
+    pending_.first = first;
+    pending_.count = count;
+    pending_.message.clear();
+    pending_ok_ = false;
+    try {
+        reader_ = std::thread([this] { pending_ok_ = read_chunk(pending_); });
+    } catch (const std::system_error &) {
+        // No thread to be had: the fetch reads the chunk on the spot.
+    }
+}
+
+bool signal_chunks::read_chunk(chunk_read &read) {
+    // The chunk that follows the one read last was asked for as that was
+    // read: the kernel need not be asked again.
+    read.advised = read.first == advised_first_;
+    advised_first_ = -1;
+    size_t k = 0;
+    while (k < nfiles_) {
+        if (cancel_) return false;
+        const size_t k1 = std::min(nfiles_, k + static_cast<size_t>(batch_));
+        if (!read_batch(read, k, k1)) return false;
+        k = k1;
+    }
+    advised_first_ = read.first + read.count;
+    return true;
+}
+
+bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1) {
     const uint64_t voxels = streamed_frame_voxels();
     const size_t chunk = static_cast<size_t>(chunk_);
+    const int first = read.first, count = read.count;
+    const int next_first = first + count;
+    const int next_count =
+        static_cast<int>(std::min<int64_t>(chunk_, static_cast<int64_t>(voxels) - next_first));
     const float *effect[kBatch];
     const float *error[kBatch];
     int fds[kBatch];
@@ -94,25 +199,28 @@ bool signal_chunks::read_batch(size_t k0, size_t k1, int first, int count) {
         const size_t b = k - k0;
         fds[b] = -1;
         const file_list_entry *entry = entries_[k];
-        if (streamed_[k] == nullptr) {
+        if (streamed_[k].entry == nullptr) {
             effect[b] = entry->effect + first;
             error[b] = entry->effect_stderr + first;
             continue;
         }
-        const int fd = ::open(entry->name, O_RDONLY | O_CLOEXEC);
-        if (fd < 0 && (errno == EMFILE || errno == ENFILE) && k > k0) {
+        const int fd = cancel_ ? -1 : ::open(entry->name, O_RDONLY | O_CLOEXEC);
+        if (fd < 0 && !cancel_ && (errno == EMFILE || errno == ENFILE) && k > k0) {
             opened = k;
             break;
         }
         struct stat status;
-        if (fd < 0) {
-            std::printf("Error: cannot open file %s.\n", entry->name);
-        } else if (::fstat(fd, &status) != 0 || status.st_dev != streamed_[k]->device ||
-                   status.st_ino != streamed_[k]->inode) {
-            std::printf("Error: the signal file %s changed during the analysis.\n", entry->name);
+        if (cancel_) {
+            // Stopped: nothing more to read, nothing to say.
+        } else if (fd < 0) {
+            read.message = std::string("Error: cannot open file ") + entry->name + ".\n";
+        } else if (::fstat(fd, &status) != 0 || status.st_dev != streamed_[k].device ||
+                   status.st_ino != streamed_[k].inode) {
+            read.message = std::string("Error: the signal file ") + entry->name +
+                           " changed during the analysis.\n";
         } else {
             fds[b] = fd;
-            read_ahead(fd, voxels, first, count);
+            if (!read.advised) read_ahead(fd, voxels, first, count);
             continue;
         }
         if (fd >= 0) ::close(fd);
@@ -129,10 +237,11 @@ bool signal_chunks::read_batch(size_t k0, size_t k1, int first, int count) {
         float *to = staging_.data() + 2 * b * chunk;
         if (ok && (!read_signal_values(fds[b], static_cast<uint64_t>(first), count, to) ||
                    !read_signal_values(fds[b], voxels + first, count, to + chunk))) {
-            std::printf("Error reading the floating point data from file %s\n", entries_[k]->name);
+            read.message = std::string("Error reading the floating point data from file ") +
+                           entries_[k]->name + "\n";
             ok = false;
         }
-        if (ok) read_ahead(fds[b], voxels, next_first_, next_count_);
+        if (ok) read_ahead(fds[b], voxels, next_first, next_count);
         ::close(fds[b]);
         effect[b] = to;
         error[b] = to + chunk;
@@ -143,18 +252,9 @@ bool signal_chunks::read_batch(size_t k0, size_t k1, int first, int count) {
     // the segments read and the voxels written stay in the cache.
     const size_t width = opened - k0;
     const int kTile = 16;
-    for (int v0 = 0; v0 < count; v0 += kTile) {
-        const int v1 = std::min(count, v0 + kTile);
-        float *to = values_.data() + static_cast<size_t>(v0) * 2 * nfiles_ + k0;
-        for (size_t b = 0; b < width; ++b) {
-            const float *e = effect[b], *s = error[b];
-            float *at = to + b;
-            for (int v = v0; v < v1; ++v, at += 2 * nfiles_) {
-                at[0] = e[v];
-                at[nfiles_] = s[v];
-            }
-        }
-    }
+    for (int v0 = 0; v0 < count; v0 += kTile)
+        transpose_tile(effect, error, width, v0, std::min(count, v0 + kTile), nfiles_,
+                       read.values + static_cast<size_t>(v0) * 2 * nfiles_ + k0);
     // The files after a shortened batch.
-    return opened == k1 || read_batch(opened, k1, first, count);
+    return opened == k1 || read_batch(read, opened, k1);
 }

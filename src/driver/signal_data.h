@@ -6,8 +6,11 @@
 #ifndef FMRI_REM_SIGNAL_DATA_H
 #define FMRI_REM_SIGNAL_DATA_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include <sys/stat.h>
@@ -62,13 +65,23 @@ bool read_signal_values(int fd, uint64_t first, uint32_t count, float *values);
 // open files is lower), their segments of the chunk read in file order into
 // a staging block and transposed into the chunk; the kernel is asked to read
 // the next chunk's segments ahead while the voxels of this one are analysed.
+//
+// With ahead, a second buffer takes the chunk asked for by fetch_ahead: a
+// thread of its own reads and transposes it while the caller analyses the
+// chunk fetched last, and the next fetch of that chunk waits for it and
+// prints its error message, if any, as a fetch on the spot would.  The
+// thread touches only this object's buffers and copies, the entries and
+// their files, so a run that exits meanwhile cannot be disturbed by it.
 class signal_chunks {
   public:
-    static const size_t kBufferBytes = size_t(128) << 20;
+    static const size_t kBufferBytes = size_t(96) << 20;
     static const int kMaxChunk = 16384;
     static const int kBatch = 64;
 
-    signal_chunks(file_list_entry *const *entries, int nfiles);
+    signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead = false);
+    ~signal_chunks();
+    signal_chunks(const signal_chunks &) = delete;
+    signal_chunks &operator=(const signal_chunks &) = delete;
 
     // Voxels per chunk.
     int chunk_voxels() const { return chunk_; }
@@ -77,27 +90,52 @@ class signal_chunks {
     // false after an error message.
     bool fetch(int first, int count);
 
+    // Starts reading voxels first .. first+count-1 for the next fetch (with
+    // ahead, else nothing); the values of the chunk fetched last stay.
+    void fetch_ahead(int first, int count);
+
+    // Stops the reading ahead, if any, and waits for its thread to end; the
+    // chunk it was reading is then read by its fetch.
+    void stop_reading_ahead();
+
     // The nfiles effect and error values of a voxel of the chunk fetched last.
     const float *effects(int voxel) const {
-        return values_.data() + static_cast<size_t>(voxel - first_) * 2 * nfiles_;
+        return current_ + static_cast<size_t>(voxel - first_) * 2 * nfiles_;
     }
     const float *errors(int voxel) const { return effects(voxel) + nfiles_; }
     float effect(int k, int voxel) const { return effects(voxel)[k]; }
     float error(int k, int voxel) const { return errors(voxel)[k]; }
 
   private:
-    bool read_batch(size_t k0, size_t k1, int first, int count);
+    // A chunk being read: where to, and what went wrong.
+    struct chunk_read {
+        float *values;
+        int first, count;
+        bool advised;         // the kernel was asked for its segments already
+        std::string message;  // the error message, printed by fetch
+    };
+    bool read_chunk(chunk_read &read);
+    bool read_batch(chunk_read &read, size_t k0, size_t k1);
+    void wait_for_reader();
 
     file_list_entry *const *entries_;
     size_t nfiles_;
     int chunk_;
     int batch_;
     int first_ = 0;
-    int next_first_ = 0;  // the chunk to read ahead
-    int next_count_ = 0;
-    std::vector<const streamed_signal_file *> streamed_;  // per file, or null in memory
-    std::vector<float> values_;                           // chunk x 2 x nfiles
-    std::vector<float> staging_;                          // batch x 2 x chunk
+    const float *current_ = nullptr;  // the chunk fetched last
+    // Per file, the file read on demand as loaded (a copy: the thread may
+    // outlive the list at exit), or an entry of null when held in memory.
+    std::vector<streamed_signal_file> streamed_;
+    std::vector<float> values_[2];  // chunk x 2 x nfiles; the second with ahead
+    int back_ = 1;                  // the buffer fetch_ahead reads into
+    std::vector<float> staging_;    // batch x 2 x chunk
+    int advised_first_ = -1;        // the chunk whose segments were asked for
+    bool ahead_;
+    std::thread reader_;
+    chunk_read pending_{};  // what the thread reads
+    bool pending_ok_ = false;
+    std::atomic<bool> cancel_{false};
 };
 
 #endif

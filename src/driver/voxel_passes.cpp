@@ -79,8 +79,9 @@ class thread_states {
 // threads for groups of up to kGroup voxels [first, last) and sets each
 // voxel's status; then the main thread hands the statuses to
 // report(i, status) in voxel order (false ends the pass) and prints the
-// progress line of every step-th voxel.  0, or 1 when the signal data could
-// not be read or report said so.
+// progress line of every step-th voxel.  Meanwhile the chunk source reads
+// the next chunk.  0, or 1 when the signal data could not be read or report
+// said so.
 template <class Group, class Report>
 int run_pass(const voxel_pass_setup &setup, signal_chunks &values, const char *what, Group group,
              Report report) {
@@ -89,6 +90,8 @@ int run_pass(const voxel_pass_setup &setup, signal_chunks &values, const char *w
     for (int c0 = 0; c0 < setup.nvoxels; c0 += chunk) {
         const int c1 = setup.nvoxels - c0 < chunk ? setup.nvoxels : c0 + chunk;
         if (!values.fetch(c0, c1 - c0)) return 1;
+        if (c1 < setup.nvoxels)
+            values.fetch_ahead(c1, setup.nvoxels - c1 < chunk ? setup.nvoxels - c1 : chunk);
 #pragma omp parallel for num_threads(setup.route.threads) schedule(dynamic, 1)
         for (int g = c0; g < c1; g += kGroup)
             group(g, c1 - g < kGroup ? c1 : g + kGroup, &status[static_cast<size_t>(g - c0)]);
@@ -122,7 +125,7 @@ voxel_route voxel_route_from_environment(void) {
 
 int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle,
                   int *at_cap) {
-    signal_chunks values(setup.entries, setup.nfiles);
+    signal_chunks values(setup.entries, setup.nfiles, setup.route.read_on_demand != 0);
     thread_states states(setup);
     states.set_kernel_name(setup.route.kernel->name);
     const rem_kernel *kernel = setup.route.kernel;
@@ -169,7 +172,7 @@ int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_
 
 int statistics_pass(const voxel_pass_setup &setup, int residue_requested, int nconditions,
                     int dof) {
-    signal_chunks values(setup.entries, setup.nfiles);
+    signal_chunks values(setup.entries, setup.nfiles, setup.route.read_on_demand != 0);
     thread_states states(setup);
     states.set_kernel_name(setup.route.kernel->name);
     const rem_kernel *kernel = setup.route.kernel;
@@ -213,6 +216,7 @@ int statistics_pass(const voxel_pass_setup &setup, int residue_requested, int nc
     auto report = [&](int i, int status) {
         if (status == REM_VOXEL_IBETA_DOMAIN_ERROR) {
             const std::pair<double, double> &ab = domain[static_cast<size_t>(i) % domain.size()];
+            values.stop_reading_ahead();
             ibeta_domain_exit(ab.first, ab.second);
         }
         return true;

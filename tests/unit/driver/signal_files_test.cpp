@@ -1,7 +1,7 @@
-// Reading the degrees of freedom from a signal file's text header, and the
-// failures of the signal data read on demand from the files kept open (the
-// values themselves are compared with those held in memory by the whole-run
-// tests of the fast passes).
+// Reading the degrees of freedom from a signal file's text header, the
+// failures of the signal data read on demand from the files, and the chunk
+// read ahead on a thread of its own (the values of whole runs are compared
+// with those held in memory by the whole-run tests of the fast passes).
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -100,6 +100,75 @@ TEST(SignalData, ShortAndChangedFiles) {
     EXPECT_EQ(quietly([&] { fetched = chunks.fetch(0, 2); }), error);
     EXPECT_FALSE(fetched);
     forget();
+    file_list_root = file_list_entry{};
+}
+
+// Five files of 12 voxels read on demand, the second half of the voxels read
+// ahead while the first is in use: each file's effect at voxel v is 100 k + v,
+// its error -(100 k + v) - 0.5, in voxel order.  A file whose error frame is
+// cut short after voxel 7 fails the second half only, and its message comes
+// with the fetch of that half, not before.
+TEST(SignalChunks, ReadAhead) {
+    const int kFiles = 5, kVoxels = 12;
+    test_support::TempDir dir;
+    std::vector<file_list_entry> rest(kFiles - 1);
+    file_list_entry *entries[kFiles];
+    file_list_root = file_list_entry{};
+    for (int k = 0; k < kFiles; ++k) {
+        file_list_entry *e = k == 0 ? &file_list_root : &rest[static_cast<size_t>(k - 1)];
+        entries[k] = e;
+        if (k > 0) entries[k - 1]->next = e;
+        const std::string stem = dir.file("s" + std::to_string(k));
+        std::strcpy(e->name, (stem + ".bfloat").c_str());
+        test_support::write_file(stem + ".hdr", "x 3\ny 2\nz 2\nt 2\ndegrees-of-freedom 10\n");
+        std::vector<float> frames;
+        for (int frame = 0; frame < 2; ++frame)
+            for (int v = 0; v < kVoxels; ++v)
+                frames.push_back(frame == 0 ? 100.0f * k + v : -(100.0f * k + v) - 0.5f);
+        test_support::write_floats(e->name, frames);
+    }
+    auto quietly = [](auto f) {  // the output of f
+        testing::internal::CaptureStdout();
+        f();
+        return testing::internal::GetCapturedStdout();
+    };
+    auto values_are = [&](const signal_chunks &chunks, int first) {
+        for (int v = first; v < first + kVoxels / 2; ++v)
+            for (int k = 0; k < kFiles; ++k) {
+                SCOPED_TRACE("voxel " + std::to_string(v) + ", file " + std::to_string(k));
+                EXPECT_EQ(chunks.effect(k, v), 100.0f * k + v);
+                EXPECT_EQ(chunks.error(k, v), -(100.0f * k + v) - 0.5f);
+            }
+    };
+    int result = -1;
+    quietly([&] { result = load_signal_files(1); });
+    ASSERT_EQ(result, 0);
+    {
+        signal_chunks chunks(entries, kFiles, true);
+        ASSERT_TRUE(chunks.fetch(0, 6));
+        chunks.fetch_ahead(6, 6);
+        values_are(chunks, 0);
+        ASSERT_TRUE(chunks.fetch(6, 6));
+        values_are(chunks, 6);
+    }
+    const std::string cut = entries[3]->name;
+    ASSERT_EQ(truncate(cut.c_str(), 4 * (kVoxels + 8)), 0);
+    signal_chunks chunks(entries, kFiles, true);
+    bool fetched = false;
+    EXPECT_EQ(quietly([&] {
+                  fetched = chunks.fetch(0, 6);
+                  chunks.fetch_ahead(6, 6);
+              }),
+              "");
+    EXPECT_TRUE(fetched);
+    EXPECT_EQ(quietly([&] { fetched = chunks.fetch(6, 6); }),
+              "Error reading the floating point data from file " + cut + "\n");
+    EXPECT_FALSE(fetched);
+    quietly([] { hold_signal_data_in_memory(); });
+    for (file_list_entry *e : entries) {
+        free_float_vector(e->effect);
+        free_float_vector(e->effect_stderr);
+    }
     file_list_root = file_list_entry{};
 }
 
