@@ -33,6 +33,18 @@ int batch_size(int most) {
     return free < static_cast<rlim_t>(most) ? static_cast<int>(free) : most;
 }
 
+// True when n more descriptors can be open at once, beside the spare ones;
+// the soft limit of open files is raised towards the hard one for that.
+bool room_for_descriptors(size_t n) {
+    struct rlimit limit;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+    const rlim_t needed = static_cast<rlim_t>(n) + 4 * kSpareDescriptors;
+    if (limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= needed) return true;
+    if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < needed) return false;
+    limit.rlim_cur = needed;
+    return ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
 // Asks the kernel to read both frames' segments [first, first+count) of a
 // frame of voxels floats ahead.
 void read_ahead(int fd, uint64_t voxels, int first, int count) {
@@ -104,7 +116,9 @@ signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool a
     size_t at = 0;
     for (size_t k = 0; k < nfiles_ && at < files.size(); ++k)
         if (files[at].entry == entries[k]) streamed_[k] = files[at++];
-    batch_ = files.empty() ? kBatch : batch_size(kBatch);
+    keep_open_ = !files.empty() && room_for_descriptors(files.size());
+    kept_.assign(nfiles_, -1);
+    batch_ = files.empty() || keep_open_ ? kBatch : batch_size(kBatch);
     const size_t size = chunk * 2 * (nfiles_ > 0 ? nfiles_ : 1);
     values_[0].resize(size);
     if (ahead_) values_[1].resize(size);
@@ -114,6 +128,8 @@ signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool a
 
 signal_chunks::~signal_chunks() {
     stop_reading_ahead();
+    for (int fd : kept_)
+        if (fd >= 0) ::close(fd);
 }
 
 void signal_chunks::stop_reading_ahead() {
@@ -204,7 +220,23 @@ bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1) {
             error[b] = entry->effect_stderr + first;
             continue;
         }
-        const int fd = cancel_ ? -1 : ::open(entry->name, O_RDONLY | O_CLOEXEC);
+        if (kept_[k] >= 0) {  // checked when it was opened
+            fds[b] = kept_[k];
+            if (!read.advised) read_ahead(fds[b], voxels, first, count);
+            continue;
+        }
+        int fd = cancel_ ? -1 : ::open(entry->name, O_RDONLY | O_CLOEXEC);
+        if (fd < 0 && !cancel_ && (errno == EMFILE || errno == ENFILE) && keep_open_) {
+            // Fewer descriptors than counted on: the files before this batch
+            // are closed, and from now on every file is closed after its read.
+            keep_open_ = false;
+            for (size_t j = 0; j < k0; ++j)
+                if (kept_[j] >= 0) {
+                    ::close(kept_[j]);
+                    kept_[j] = -1;
+                }
+            fd = ::open(entry->name, O_RDONLY | O_CLOEXEC);
+        }
         if (fd < 0 && !cancel_ && (errno == EMFILE || errno == ENFILE) && k > k0) {
             opened = k;
             break;
@@ -220,12 +252,13 @@ bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1) {
                            " changed during the analysis.\n";
         } else {
             fds[b] = fd;
+            if (keep_open_) kept_[k] = fd;
             if (!read.advised) read_ahead(fd, voxels, first, count);
             continue;
         }
         if (fd >= 0) ::close(fd);
         for (size_t j = k0; j < k; ++j)
-            if (fds[j - k0] >= 0) ::close(fds[j - k0]);
+            if (fds[j - k0] >= 0 && kept_[j] < 0) ::close(fds[j - k0]);
         return false;
     }
 
@@ -242,7 +275,7 @@ bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1) {
             ok = false;
         }
         if (ok) read_ahead(fds[b], voxels, next_first, next_count);
-        ::close(fds[b]);
+        if (kept_[k] < 0) ::close(fds[b]);
         effect[b] = to;
         error[b] = to + chunk;
     }

@@ -65,6 +65,10 @@ bool read_signal_values(int fd, uint64_t first, uint32_t count, float *values);
 // open files is lower), their segments of the chunk read in file order into
 // a staging block and transposed into the chunk; the kernel is asked to read
 // the next chunk's segments ahead while the voxels of this one are analysed.
+// Where the limit of open files allows a descriptor per file (it is raised
+// up to its hard limit for that), each file is opened once, at its first
+// chunk, and kept open until the object goes: the results are the same,
+// without an open and a close of every file for every chunk.
 //
 // With ahead, a second buffer takes the chunk asked for by fetch_ahead: a
 // thread of its own reads and transposes it while the caller analyses the
@@ -130,6 +134,8 @@ class signal_chunks {
     std::vector<float> values_[2];  // chunk x 2 x nfiles; the second with ahead
     int back_ = 1;                  // the buffer fetch_ahead reads into
     std::vector<float> staging_;    // batch x 2 x chunk
+    bool keep_open_ = false;        // each file's descriptor kept from its first chunk on
+    std::vector<int> kept_;         // per file: its kept descriptor, or -1
     int advised_first_ = -1;        // the chunk whose segments were asked for
     bool ahead_;
     std::thread reader_;
