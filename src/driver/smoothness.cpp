@@ -18,8 +18,13 @@
 #include <utility>
 #include <vector>
 
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
 #include "rem.h"
 #include "signal_data.h"
+#include "voxel_passes.h"
 
 namespace {
 
@@ -132,14 +137,27 @@ int estimate_residual_smoothness(double fwhm[3], int *maps_used) {
                                          std::vector<float>(static_cast<size_t>(nvoxels), 0.0f));
     std::vector<unsigned char> inside(static_cast<size_t>(nvoxels), 0);
 
-    signal_chunks values(entries.data(), n);
-    std::vector<double> y(static_cast<size_t>(n)), e(static_cast<size_t>(n)),
-        beta(static_cast<size_t>(k));
+    // The voxels of a chunk are fitted on the threads of the voxel passes
+    // (each voxel's values are its own), while the next chunk is read.
+    const voxel_route route = voxel_route_from_environment();
+    signal_chunks values(entries.data(), n, route.read_on_demand != 0);
+    std::vector<std::vector<double>> scratch(static_cast<size_t>(route.threads),
+                                             std::vector<double>(2 * static_cast<size_t>(n) + k));
     const int chunk = values.chunk_voxels();
     for (int c0 = 0; c0 < nvoxels; c0 += chunk) {
         const int count = nvoxels - c0 < chunk ? nvoxels - c0 : chunk;
         if (!values.fetch(c0, count)) return 1;
+        const int next = c0 + count;
+        if (next < nvoxels)
+            values.fetch_ahead(next, nvoxels - next < chunk ? nvoxels - next : chunk);
+#pragma omp parallel for num_threads(route.threads) schedule(dynamic, 64)
         for (int i = c0; i < c0 + count; ++i) {
+#ifdef _OPENMP
+            double *y = scratch[static_cast<size_t>(omp_get_thread_num())].data();
+#else
+            double *y = scratch[0].data();
+#endif
+            double *e = y + n, *beta = e + n;
             bool usable = true;
             for (int f = 0; f < n && usable; ++f) {
                 y[f] = values.effect(f, i);
