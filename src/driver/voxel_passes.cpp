@@ -45,9 +45,7 @@ class thread_states {
         const size_t n = static_cast<size_t>(setup.nfiles);
         for (thread_state &s : states_) {
             s.ws = rem_workspace_create(setup.model);
-            // Room for the error values of a whole group where the kernel
-            // estimates groups.
-            s.errors.resize(setup.route.kernel->estimate_many != nullptr ? kGroup * n : n);
+            s.errors.resize(kGroup * n);  // a group's error values
             s.fitted.resize(n);
             s.event_sum.resize(n);
         }
@@ -135,25 +133,18 @@ int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_
         thread_state &s = states.mine();
         const float *effects[kGroup], *errors[kGroup];
         float fe[kGroup], re[kGroup];
-        for (int i = first; i < last; ++i) {
-            const int v = kernel->estimate_many != nullptr ? i - first : 0;
+        const int size = last - first;
+        for (int v = 0; v < size; ++v) {
             float *to = s.errors.data() + static_cast<size_t>(v) * nfiles;
-            const float *from = values.errors(i);
+            const float *from = values.errors(first + v);
             for (int k = 0; k < nfiles; ++k) to[k] = std::fabs(from[k]);
-            effects[v] = values.effects(i);
+            effects[v] = values.effects(first + v);
             errors[v] = to;
-            if (kernel->estimate_many != nullptr) continue;
-            fe[0] = re[0] = 0.0f;
-            status[i - first] = kernel->estimate(s.ws, effects[0], to, setup.dofs, fe, re);
-            Sigma2_FE_map[i] = fe[0];
-            Sigma2_RE_map[i] = re[0];
         }
-        if (kernel->estimate_many == nullptr) return;
-        for (int v = 0; v < last - first; ++v) fe[v] = re[v] = 0.0f;
-        kernel->estimate_many(s.ws, last - first, effects, errors, setup.dofs, fe, re, status);
-        for (int i = first; i < last; ++i) {
-            Sigma2_FE_map[i] = fe[i - first];
-            Sigma2_RE_map[i] = re[i - first];
+        rem_estimate_group(kernel, s.ws, size, effects, errors, setup.dofs, fe, re, status);
+        for (int v = 0; v < size; ++v) {
+            Sigma2_FE_map[first + v] = fe[v];
+            Sigma2_RE_map[first + v] = re[v];
         }
     };
     int count = 0, unsettled = 0, capped = 0;

@@ -254,6 +254,13 @@ typedef struct {
 // The most voxels that a kernel's estimate_many takes at once.
 #define REM_CONVERGED_GROUP 16
 
+// The first pass over up to REM_CONVERGED_GROUP voxels on kernel: its
+// estimate_many where it has one, else its estimate voxel by voxel; each
+// voxel's variances and status (result[v]) as estimate gives them.
+void rem_estimate_group(const rem_kernel *kernel, rem_workspace *ws, int count,
+                        const float *const *effects, const float *const *errors, const int *dof,
+                        float *sigma2_fe, float *sigma2_re, int *result);
+
 extern const rem_kernel rem_reference_kernel;
 extern const rem_kernel rem_fast_kernel;
 // With "reml converged": the converged estimate in the first pass

@@ -264,3 +264,14 @@ const float *rem_workspace_beta(const rem_workspace *ws) {
 float *const *rem_workspace_normal_inverse(const rem_workspace *ws) {
     return ws->fit.normal_inverse;
 }
+
+void rem_estimate_group(const rem_kernel *kernel, rem_workspace *ws, int count,
+                        const float *const *effects, const float *const *errors, const int *dof,
+                        float *sigma2_fe, float *sigma2_re, int *result) {
+    for (int v = 0; v < count; ++v) sigma2_fe[v] = sigma2_re[v] = 0.0f;
+    if (kernel->estimate_many != nullptr &&
+        kernel->estimate_many(ws, count, effects, errors, dof, sigma2_fe, sigma2_re, result) == 0)
+        return;
+    for (int v = 0; v < count; ++v)
+        result[v] = kernel->estimate(ws, effects[v], errors[v], dof, &sigma2_fe[v], &sigma2_re[v]);
+}
