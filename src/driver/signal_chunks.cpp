@@ -4,13 +4,19 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <new>
 #include <string>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #ifdef __SSE__
 #include <xmmintrin.h>
 #endif
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -95,7 +101,59 @@ void transpose_tile(const float *const *effect, const float *const *error, size_
     }
 }
 
+// The blocks given back, for the next chunk source of the run.
+std::mutex spare_blocks_mutex;
+std::vector<std::pair<float *, size_t>> spare_blocks;
+
+// Blocks as large as this are laid on huge pages where the system offers
+// them: a few faults map the whole block.
+const size_t kHugePage = size_t(2) << 20;
+
 }  // namespace
+
+chunk_buffer::~chunk_buffer() {
+    if (data_ == nullptr) return;
+    std::lock_guard<std::mutex> lock(spare_blocks_mutex);
+    spare_blocks.emplace_back(data_, floats_);
+}
+
+void chunk_buffer::take(size_t floats) {
+    if (data_ != nullptr) {
+        std::lock_guard<std::mutex> lock(spare_blocks_mutex);
+        spare_blocks.emplace_back(data_, floats_);
+        data_ = nullptr;
+        floats_ = 0;
+    }
+    if (floats == 0) floats = 1;
+    {
+        // The smallest spare block that is large enough.
+        std::lock_guard<std::mutex> lock(spare_blocks_mutex);
+        auto best = spare_blocks.end();
+        for (auto b = spare_blocks.begin(); b != spare_blocks.end(); ++b)
+            if (b->second >= floats && (best == spare_blocks.end() || b->second < best->second))
+                best = b;
+        if (best != spare_blocks.end()) {
+            data_ = best->first;
+            floats_ = best->second;
+            spare_blocks.erase(best);
+            return;
+        }
+    }
+    size_t bytes = floats * sizeof(float);
+    void *block = nullptr;
+    if (bytes >= kHugePage) {
+        bytes = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+        block = std::aligned_alloc(kHugePage, bytes);
+#ifdef MADV_HUGEPAGE
+        if (block != nullptr) ::madvise(block, bytes, MADV_HUGEPAGE);
+#endif
+    } else {
+        block = std::malloc(bytes);
+    }
+    if (block == nullptr) throw std::bad_alloc();
+    data_ = static_cast<float *>(block);
+    floats_ = bytes / sizeof(float);
+}
 
 signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead)
     : entries_(entries), nfiles_(nfiles > 0 ? static_cast<size_t>(nfiles) : 0), ahead_(ahead) {
@@ -120,10 +178,10 @@ signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool a
     kept_.assign(nfiles_, -1);
     batch_ = files.empty() || keep_open_ ? kBatch : batch_size(kBatch);
     const size_t size = chunk * 2 * (nfiles_ > 0 ? nfiles_ : 1);
-    values_[0].resize(size);
-    if (ahead_) values_[1].resize(size);
+    values_[0].take(size);
+    if (ahead_) values_[1].take(size);
     current_ = values_[0].data();
-    if (!files.empty()) staging_.resize(static_cast<size_t>(kBatch) * 2 * chunk);
+    if (!files.empty()) staging_.take(static_cast<size_t>(kBatch) * 2 * chunk);
 }
 
 signal_chunks::~signal_chunks() {

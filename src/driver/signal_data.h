@@ -55,6 +55,26 @@ bool same_signal_file(const streamed_signal_file &file, const struct stat &statu
 // a short read or an error.
 bool read_signal_values(int fd, uint64_t first, uint32_t count, float *values);
 
+// A block of floats for the chunk sources.  Blocks given back are kept for
+// the run's next chunk source, so that the passes of a run map the pages of
+// their buffers once, not once per pass (a page fault costs more than the
+// values it maps on some virtual machines), and a block's values are not set
+// on taking it: every value of a chunk is written before it is read.
+class chunk_buffer {
+  public:
+    chunk_buffer() = default;
+    ~chunk_buffer();
+    chunk_buffer(const chunk_buffer &) = delete;
+    chunk_buffer &operator=(const chunk_buffer &) = delete;
+    // At least floats values (any earlier block is given back first).
+    void take(size_t floats);
+    float *data() const { return data_; }
+
+  private:
+    float *data_ = nullptr;
+    size_t floats_ = 0;
+};
+
 // The effect and error values of every signal file over one chunk of voxels
 // at a time, from memory or from the files, held voxel by voxel: the values
 // of one voxel are next to each other, in file order.
@@ -131,12 +151,12 @@ class signal_chunks {
     // Per file, the file read on demand as loaded (a copy: the thread may
     // outlive the list at exit), or an entry of null when held in memory.
     std::vector<streamed_signal_file> streamed_;
-    std::vector<float> values_[2];  // chunk x 2 x nfiles; the second with ahead
-    int back_ = 1;                  // the buffer fetch_ahead reads into
-    std::vector<float> staging_;    // batch x 2 x chunk
-    bool keep_open_ = false;        // each file's descriptor kept from its first chunk on
-    std::vector<int> kept_;         // per file: its kept descriptor, or -1
-    int advised_first_ = -1;        // the chunk whose segments were asked for
+    chunk_buffer values_[2];  // chunk x 2 x nfiles; the second with ahead
+    int back_ = 1;            // the buffer fetch_ahead reads into
+    chunk_buffer staging_;    // batch x 2 x chunk
+    bool keep_open_ = false;  // each file's descriptor kept from its first chunk on
+    std::vector<int> kept_;   // per file: its kept descriptor, or -1
+    int advised_first_ = -1;  // the chunk whose segments were asked for
     bool ahead_;
     std::thread reader_;
     chunk_read pending_{};  // what the thread reads
