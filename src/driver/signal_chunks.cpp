@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <new>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -150,7 +149,12 @@ void chunk_buffer::take(size_t floats) {
     } else {
         block = std::malloc(bytes);
     }
-    if (block == nullptr) throw std::bad_alloc();
+    if (block == nullptr) {
+        std::printf(
+            "Error: the chunk buffers of the signal data (%.0f MB) do not fit into memory.\n",
+            static_cast<double>(bytes) / 1e6);
+        std::exit(1);
+    }
     data_ = static_cast<float *>(block);
     floats_ = bytes / sizeof(float);
 }
