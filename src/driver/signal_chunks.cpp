@@ -159,7 +159,7 @@ void chunk_buffer::take(size_t floats) {
     floats_ = bytes / sizeof(float);
 }
 
-signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead)
+signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead, int readers)
     : entries_(entries), nfiles_(nfiles > 0 ? static_cast<size_t>(nfiles) : 0), ahead_(ahead) {
     // The chunk shrinks as the files grow in number; it need not be larger
     // than the volume.
@@ -185,7 +185,9 @@ signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool a
     values_[0].take(size);
     if (ahead_) values_[1].take(size);
     current_ = values_[0].data();
-    if (!files.empty()) staging_.take(static_cast<size_t>(kBatch) * 2 * chunk);
+    readers_ = keep_open_ && readers > 1 && nfiles_ >= 2 * static_cast<size_t>(kBatch) ? 2 : 1;
+    for (int r = 0; r < (files.empty() ? 0 : readers_); ++r)
+        staging_[r].take(static_cast<size_t>(kBatch) * 2 * chunk);
 }
 
 signal_chunks::~signal_chunks() {
@@ -248,18 +250,44 @@ bool signal_chunks::read_chunk(chunk_read &read) {
     // read: the kernel need not be asked again.
     read.advised = read.first == advised_first_;
     advised_first_ = -1;
-    size_t k = 0;
-    while (k < nfiles_) {
-        if (cancel_) return false;
-        const size_t k1 = std::min(nfiles_, k + static_cast<size_t>(batch_));
-        if (!read_batch(read, k, k1)) return false;
-        k = k1;
+    if (readers_ == 2 && all_kept_ && keep_open_) {
+        // Two halves of whole batches; the first half's message is the one a
+        // reading in file order would have met first.
+        const size_t batch = static_cast<size_t>(batch_);
+        const size_t half = (nfiles_ / batch + 1) / 2 * batch;
+        chunk_read second = read;
+        bool second_ok = false;
+        std::thread other;
+        try {
+            other = std::thread(
+                [&] { second_ok = read_files(second, half, nfiles_, staging_[1].data()); });
+        } catch (const std::system_error &) {
+            second_ok = read_files(second, half, nfiles_, staging_[1].data());
+        }
+        const bool first_ok = read_files(read, 0, half, staging_[0].data());
+        if (other.joinable()) other.join();
+        if (first_ok && !second_ok) read.message = second.message;
+        if (!first_ok || !second_ok) return false;
+    } else if (!read_files(read, 0, nfiles_, staging_[0].data())) {
+        return false;
     }
+    all_kept_ = keep_open_;
     advised_first_ = read.first + read.count;
     return true;
 }
 
-bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1) {
+bool signal_chunks::read_files(chunk_read &read, size_t k0, size_t k1, float *staging) {
+    size_t k = k0;
+    while (k < k1) {
+        if (cancel_) return false;
+        const size_t next = std::min(k1, k + static_cast<size_t>(batch_));
+        if (!read_batch(read, k, next, staging)) return false;
+        k = next;
+    }
+    return true;
+}
+
+bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1, float *staging) {
     const uint64_t voxels = streamed_frame_voxels();
     const size_t chunk = static_cast<size_t>(chunk_);
     const int first = read.first, count = read.count;
@@ -329,7 +357,7 @@ bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1) {
     for (size_t k = k0; k < opened; ++k) {
         const size_t b = k - k0;
         if (fds[b] < 0) continue;
-        float *to = staging_.data() + 2 * b * chunk;
+        float *to = staging + 2 * b * chunk;
         if (ok && (!read_signal_values(fds[b], static_cast<uint64_t>(first), count, to) ||
                    !read_signal_values(fds[b], voxels + first, count, to + chunk))) {
             read.message = std::string("Error reading the floating point data from file ") +
@@ -355,5 +383,5 @@ bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1) {
         transpose_tile(effect, error, width, v0, std::min(count, v0 + kTile), nfiles_,
                        read.values + static_cast<size_t>(v0) * 2 * nfiles_ + k0);
     // The files after a shortened batch.
-    return opened == k1 || read_batch(read, opened, k1);
+    return opened == k1 || read_batch(read, opened, k1, staging);
 }

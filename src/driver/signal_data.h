@@ -88,7 +88,10 @@ class chunk_buffer {
 // Where the limit of open files allows a descriptor per file (it is raised
 // up to its hard limit for that), each file is opened once, at its first
 // chunk, and kept open until the object goes: the results are the same,
-// without an open and a close of every file for every chunk.
+// without an open and a close of every file for every chunk.  Once every file
+// has its descriptor, a chunk is read by up to two threads (readers), each
+// reading and transposing its own half of the files: the copying out of the
+// page cache is most of the work of a pass whose data are there.
 //
 // With ahead, a second buffer takes the chunk asked for by fetch_ahead: a
 // thread of its own reads and transposes it while the caller analyses the
@@ -102,7 +105,7 @@ class signal_chunks {
     static const int kMaxChunk = 16384;
     static const int kBatch = 64;
 
-    signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead = false);
+    signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead = false, int readers = 1);
     ~signal_chunks();
     signal_chunks(const signal_chunks &) = delete;
     signal_chunks &operator=(const signal_chunks &) = delete;
@@ -139,7 +142,8 @@ class signal_chunks {
         std::string message;  // the error message, printed by fetch
     };
     bool read_chunk(chunk_read &read);
-    bool read_batch(chunk_read &read, size_t k0, size_t k1);
+    bool read_files(chunk_read &read, size_t k0, size_t k1, float *staging);
+    bool read_batch(chunk_read &read, size_t k0, size_t k1, float *staging);
     void wait_for_reader();
 
     file_list_entry *const *entries_;
@@ -151,12 +155,14 @@ class signal_chunks {
     // Per file, the file read on demand as loaded (a copy: the thread may
     // outlive the list at exit), or an entry of null when held in memory.
     std::vector<streamed_signal_file> streamed_;
-    chunk_buffer values_[2];  // chunk x 2 x nfiles; the second with ahead
-    int back_ = 1;            // the buffer fetch_ahead reads into
-    chunk_buffer staging_;    // batch x 2 x chunk
-    bool keep_open_ = false;  // each file's descriptor kept from its first chunk on
-    std::vector<int> kept_;   // per file: its kept descriptor, or -1
-    int advised_first_ = -1;  // the chunk whose segments were asked for
+    chunk_buffer values_[2];   // chunk x 2 x nfiles; the second with ahead
+    int back_ = 1;             // the buffer fetch_ahead reads into
+    chunk_buffer staging_[2];  // batch x 2 x chunk; the second with two readers
+    bool keep_open_ = false;   // each file's descriptor kept from its first chunk on
+    bool all_kept_ = false;    // every file read on demand has its kept descriptor
+    int readers_ = 1;          // threads that read a chunk, each its share of the files
+    std::vector<int> kept_;    // per file: its kept descriptor, or -1
+    int advised_first_ = -1;   // the chunk whose segments were asked for
     bool ahead_;
     std::thread reader_;
     chunk_read pending_{};  // what the thread reads

@@ -140,7 +140,7 @@ int estimate_residual_smoothness(double fwhm[3], int *maps_used) {
     // The voxels of a chunk are fitted on the threads of the voxel passes
     // (each voxel's values are its own), while the next chunk is read.
     const voxel_route route = voxel_route_from_environment();
-    signal_chunks values(entries.data(), n, route.read_on_demand != 0);
+    signal_chunks values(entries.data(), n, route.read_on_demand != 0, route.threads);
     std::vector<std::vector<double>> scratch(static_cast<size_t>(route.threads),
                                              std::vector<double>(2 * static_cast<size_t>(n) + k));
     const int chunk = values.chunk_voxels();

@@ -123,7 +123,8 @@ voxel_route voxel_route_from_environment(void) {
 
 int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle,
                   int *at_cap) {
-    signal_chunks values(setup.entries, setup.nfiles, setup.route.read_on_demand != 0);
+    signal_chunks values(setup.entries, setup.nfiles, setup.route.read_on_demand != 0,
+                         setup.route.threads);
     thread_states states(setup);
     states.set_kernel_name(setup.route.kernel->name);
     const rem_kernel *kernel = setup.route.kernel;
@@ -163,7 +164,8 @@ int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_
 
 int statistics_pass(const voxel_pass_setup &setup, int residue_requested, int nconditions,
                     int dof) {
-    signal_chunks values(setup.entries, setup.nfiles, setup.route.read_on_demand != 0);
+    signal_chunks values(setup.entries, setup.nfiles, setup.route.read_on_demand != 0,
+                         setup.route.threads);
     thread_states states(setup);
     states.set_kernel_name(setup.route.kernel->name);
     const rem_kernel *kernel = setup.route.kernel;
