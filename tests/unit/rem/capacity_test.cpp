@@ -3,9 +3,6 @@
 // design without the n x n matrices of the classic arithmetic.
 #include <gtest/gtest.h>
 
-#include <string>
-
-#include "rem.h"
 #include "rem_test_model.h"
 
 using rem_test::read_text;

@@ -2,15 +2,7 @@
 // log-likelihood found on ever finer grids, and against closed forms.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
-#include <limits>
-#include <string>
-#include <vector>
-
 #include "reml_likelihood.h"
-#include "rem.h"
-#include "rem_test_model.h"
 
 using namespace rem_test;
 

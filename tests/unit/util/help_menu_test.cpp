@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "test_support.h"
 #include "util.h"
