@@ -29,17 +29,8 @@ const table kStudy = study_table({{"s1", "patients", "pre", "20", "F"},
 
 }  // namespace
 
-// Without centring a covariate keeps its values (centred ones are checked
-// with the designs of whole runs).
-TEST(ImportModel, CovariateWithoutCentring) {
-    const bridge::study_model m =
-        bridge::build_model(kStudy, bridge::single_rows(kStudy), {{"age"}, {}, "", false});
-    ASSERT_EQ(m.columns.size(), 3u);
-    EXPECT_EQ(m.columns[2].values, (std::vector<double>{20, 30, 31, 40, 44, 39}));
-}
-
 // Sessions post and pre of four participants: s2 lacks pre and is left out;
-// the covariate of a pair is the mean of its two rows.
+// the covariate of a pair, not centred, is the mean of its two rows.
 TEST(ImportModel, PairedSessions) {
     const table t = study_table({{"s1", "g", "pre", "20", "F"},
                                  {"s1", "g", "post", "22", "F"},

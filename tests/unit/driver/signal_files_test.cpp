@@ -7,8 +7,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "driver.h"
 #include "signal_data.h"
@@ -52,63 +50,14 @@ TEST(ReadDegreesOfFreedom, HeaderTable) {
     }
 }
 
-// Two signal files of 12 voxels read on demand (a file too short to begin
-// with is a bad-input row of the whole runs): one longer than needed is fine
-// until it changes under the run, and a read past the end of a file cut
-// short fails.
-TEST(SignalData, ShortAndChangedFiles) {
-    test_support::TempDir dir;
-    file_list_entry second{};
-    file_list_root = file_list_entry{};
-    file_list_root.next = &second;
-    for (file_list_entry *e : {&file_list_root, &second}) {
-        const std::string stem = dir.file(e == &second ? "b" : "a");
-        std::strcpy(e->name, (stem + ".bfloat").c_str());
-        test_support::write_file(stem + ".hdr", "x 3\ny 2\nz 2\nt 2\ndegrees-of-freedom 10\n");
-        test_support::write_floats(e->name, std::vector<float>(24, 1.0f));
-    }
-    const std::string b = second.name;
-    const std::string error = "Error reading the floating point data from file " + b + "\n";
-    auto quietly = [](auto f) {  // the output of f
-        testing::internal::CaptureStdout();
-        f();
-        return testing::internal::GetCapturedStdout();
-    };
-    auto forget = [&] {  // closes the files and frees the values read so far
-        hold_signal_data_in_memory();
-        for (file_list_entry *e : {&file_list_root, &second}) {
-            free_float_vector(e->effect);
-            free_float_vector(e->effect_stderr);
-            e->effect = e->effect_stderr = nullptr;
-        }
-    };
-    int result = -1;
-    ASSERT_EQ(truncate(b.c_str(), 4 * 25), 0);
-    quietly([&] { result = load_signal_files(1); });
-    ASSERT_EQ(result, 0);
-    EXPECT_EQ(file_list_root.effect, nullptr);  // read on demand
-    EXPECT_EQ(check_signal_files_unchanged(), 0);
-    ASSERT_EQ(truncate(b.c_str(), 4 * 26), 0);
-    EXPECT_EQ(quietly([&] { result = check_signal_files_unchanged(); }),
-              "Error: the signal file " + b + " changed during the analysis.\n");
-    EXPECT_EQ(result, 1);
-
-    ASSERT_EQ(truncate(b.c_str(), 4 * 12), 0);
-    file_list_entry *const entries[] = {&file_list_root, &second};
-    signal_chunks chunks(entries, 2);
-    bool fetched = true;
-    EXPECT_EQ(quietly([&] { fetched = chunks.fetch(0, 2); }), error);
-    EXPECT_FALSE(fetched);
-    forget();
-    file_list_root = file_list_entry{};
-}
-
-// Five files of 12 voxels read on demand, the second half of the voxels read
-// ahead while the first is in use: each file's effect at voxel v is 100 k + v,
-// its error -(100 k + v) - 0.5, in voxel order.  A file whose error frame is
-// cut short after voxel 7 fails the second half only, and its message comes
-// with the fetch of that half, not before.
-TEST(SignalChunks, ReadAhead) {
+// Five files of 12 voxels read on demand: file k's effect at voxel v is
+// 100 k + v, its error -(100 k + v) - 0.5.  A file longer than needed is
+// fine until it changes under the run.  With the second half of the voxels
+// read ahead while the first is in use, a file whose error frame is cut short
+// after voxel 7 fails the second half only, and its message comes with the
+// fetch of that half, not before; without reading ahead a file cut short
+// fails the fetch itself.
+TEST(SignalChunks, OnDemandReadAheadAndShortFiles) {
     const int kFiles = 5, kVoxels = 12;
     test_support::TempDir dir;
     std::vector<file_list_entry> rest(kFiles - 1);
@@ -140,9 +89,12 @@ TEST(SignalChunks, ReadAhead) {
                 EXPECT_EQ(chunks.error(k, v), -(100.0f * k + v) - 0.5f);
             }
     };
+    const std::string longer = entries[1]->name, cut = entries[3]->name;
+    ASSERT_EQ(truncate(longer.c_str(), 4 * (2 * kVoxels + 1)), 0);
     int result = -1;
     quietly([&] { result = load_signal_files(1); });
     ASSERT_EQ(result, 0);
+    EXPECT_EQ(file_list_root.effect, nullptr);  // read on demand
     {
         signal_chunks chunks(entries, kFiles, true);
         ASSERT_TRUE(chunks.fetch(0, 6));
@@ -151,18 +103,30 @@ TEST(SignalChunks, ReadAhead) {
         ASSERT_TRUE(chunks.fetch(6, 6));
         values_are(chunks, 6);
     }
-    const std::string cut = entries[3]->name;
+    EXPECT_EQ(check_signal_files_unchanged(), 0);
+    ASSERT_EQ(truncate(longer.c_str(), 4 * (2 * kVoxels + 2)), 0);
+    EXPECT_EQ(quietly([&] { result = check_signal_files_unchanged(); }),
+              "Error: the signal file " + longer + " changed during the analysis.\n");
+    EXPECT_EQ(result, 1);
+
     ASSERT_EQ(truncate(cut.c_str(), 4 * (kVoxels + 8)), 0);
-    signal_chunks chunks(entries, kFiles, true);
     bool fetched = false;
-    EXPECT_EQ(quietly([&] {
-                  fetched = chunks.fetch(0, 6);
-                  chunks.fetch_ahead(6, 6);
-              }),
-              "");
-    EXPECT_TRUE(fetched);
-    EXPECT_EQ(quietly([&] { fetched = chunks.fetch(6, 6); }),
-              "Error reading the floating point data from file " + cut + "\n");
+    {
+        signal_chunks chunks(entries, kFiles, true);
+        EXPECT_EQ(quietly([&] {
+                      fetched = chunks.fetch(0, 6);
+                      chunks.fetch_ahead(6, 6);
+                  }),
+                  "");
+        EXPECT_TRUE(fetched);
+        EXPECT_EQ(quietly([&] { fetched = chunks.fetch(6, 6); }),
+                  "Error reading the floating point data from file " + cut + "\n");
+        EXPECT_FALSE(fetched);
+    }
+    ASSERT_EQ(truncate(longer.c_str(), 4 * kVoxels), 0);
+    signal_chunks chunks(entries, kFiles);
+    EXPECT_EQ(quietly([&] { fetched = chunks.fetch(0, 2); }),
+              "Error reading the floating point data from file " + longer + "\n");
     EXPECT_FALSE(fetched);
     quietly([] { hold_signal_data_in_memory(); });
     for (file_list_entry *e : entries) {

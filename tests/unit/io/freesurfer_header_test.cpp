@@ -1,10 +1,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <string>
-
-#include "io.h"
 #include "io_test_util.h"
 
 namespace {

@@ -1,12 +1,8 @@
 #include <gtest/gtest.h>
 #include <nifti1_io.h>
 
-#include <cstdint>
 #include <cstring>
-#include <string>
-#include <vector>
 
-#include "io.h"
 #include "io_test_util.h"
 
 namespace {
@@ -18,19 +14,15 @@ namespace {
 nifti_1_header basic_header() {
     nifti_1_header h = {};
     const short dims[5] = {4, 4, 5, 6, 2};
-    const float pixdim[5] = {1, 2, 3, 4, 2.5f};
-    const float srow[3][4] = {{2, 0, 0, -90}, {0, 0, 4, 126}, {0, 3, 0, -72}};
-    memcpy(h.dim, dims, sizeof dims);
-    memcpy(h.pixdim, pixdim, sizeof pixdim);
-    memcpy(h.srow_x, srow[0], 16);
-    memcpy(h.srow_y, srow[1], 16);
-    memcpy(h.srow_z, srow[2], 16);
+    const float pixdim[5] = {1, 2, 3, 4, 2.5f},
+                srow[3][4] = {{2, 0, 0, -90}, {0, 0, 4, 126}, {0, 3, 0, -72}};
+    for (int i = 0; i < 5; ++i) h.dim[i] = dims[i], h.pixdim[i] = pixdim[i];
+    for (int j = 0; j < 4; ++j)
+        h.srow_x[j] = srow[0][j], h.srow_y[j] = srow[1][j], h.srow_z[j] = srow[2][j];
     h.datatype = 16;
     h.vox_offset = 368;
     h.quatern_d = 1;
-    h.qoffset_x = 10;
-    h.qoffset_y = 20;
-    h.qoffset_z = 30;
+    h.qoffset_x = 10, h.qoffset_y = 20, h.qoffset_z = 30;
     return h;
 }
 
@@ -79,10 +71,8 @@ TEST_F(Nifti, ReadHeaders) {
          "Error: the Nifti data storage type 64 is not supported.\n"},
         {"v.nii", false, 0, 4, 16, -5, 0, 0,
          "Error: Value for y dimension not found in header file 'v.nii'\n"},
-        // The extension flag is set, but the file ends at byte 352, or after
-        // the flag byte itself.
+        // The extension flag is set, but the file ends at byte 352.
         {"v.nii", false, 4, 4, 16, 5, 0, 0, ext + "it is missing.\n"},
-        {"v.nii", false, 1, 4, 16, 5, 0, 0, ext + "it is missing.\n"},
         {"v.nii", false, 8, 4, 16, 5, 0, 0, ext + "the ecode is missing.\n"},
         {"v.nii", false, 12, 4, 16, 5, 0, 0, "Error read degrees of freedom.\n"},
     };

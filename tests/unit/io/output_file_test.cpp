@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <cstring>
-#include <string>
 
-#include "io.h"
 #include "io_test_util.h"
 
 namespace {

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-
-#include "io.h"
 #include "io_test_util.h"
 
 namespace {

@@ -2,9 +2,7 @@
 #include <sys/stat.h>
 
 #include <cstring>
-#include <string>
 
-#include "io.h"
 #include "io_test_util.h"
 
 namespace {

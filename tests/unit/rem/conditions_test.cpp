@@ -1,9 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
-#include "rem.h"
 #include "rem_test_model.h"
 
 namespace {

@@ -5,13 +5,6 @@
 // spread magnitudes and special values.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
-#include <limits>
-#include <string>
-#include <vector>
-
-#include "rem.h"
 #include "rem_test_model.h"
 #include "weighting.h"
 #include "workspace.h"

@@ -2,15 +2,7 @@
 // log-likelihood found on ever finer grids, and against closed forms.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
-#include <limits>
-#include <string>
-#include <vector>
-
 #include "reml_likelihood.h"
-#include "rem.h"
-#include "rem_test_model.h"
 
 using namespace rem_test;
 
@@ -24,12 +16,9 @@ struct Voxel {
 
 // Indicator columns of consecutive groups of the given sizes.
 Mat groups(const std::vector<int> &sizes) {
-    int n = 0;
-    for (int g : sizes) n += g;
-    Mat X = Mat(n, Vec(sizes.size(), 0.0));
-    int i = 0;
+    Mat X;
     for (size_t g = 0; g < sizes.size(); ++g)
-        for (int j = 0; j < sizes[g]; ++j) X[i++][g] = 1.0;
+        for (int j = 0; j < sizes[g]; ++j) X.emplace_back(sizes.size(), 0.0), X.back()[g] = 1.0;
     return X;
 }
 
@@ -48,9 +37,8 @@ Voxel simulate(const std::string &name, const Mat &X, const Vec &beta, double ta
 }
 
 struct Result {
-    int status;
+    int status, iterations;
     double tau2;
-    int iterations;
 };
 
 Result estimate(const Voxel &v) {
@@ -58,7 +46,7 @@ Result estimate(const Voxel &v) {
     std::vector<float> x, y(v.y.begin(), v.y.end()), s(v.s.begin(), v.s.end());
     for (const Vec &row : v.X) x.insert(x.end(), row.begin(), row.end());
     std::vector<double> scratch(rem_converged_reml_scratch_size(n, k));
-    Result r{7, 7.0, 7};
+    Result r{7, 7, 7.0};
     r.status = rem_converged_reml(n, k, x.data(), y.data(), s.data(), scratch.data(), &r.tau2,
                                   &r.iterations);
     return r;
@@ -82,17 +70,12 @@ double rss(const Mat &X, const Vec &y) {
 // changes nothing (the likelihood above is not defined for it).
 TEST(ConvergedReml, AgainstTheLikelihoodAndClosedForms) {
     Mat ramp(40, Vec(3, 0.0));
-    for (int i = 0; i < 40; ++i) {
-        ramp[i][i < 20 ? 0 : 1] = 1.0;
-        ramp[i][2] = -1.0 + 2.0 * (i % 20) / 19.0;
-    }
+    for (int i = 0; i < 40; ++i)
+        ramp[i][i < 20 ? 0 : 1] = 1.0, ramp[i][2] = -1.0 + 2.0 * (i % 20) / 19.0;
     Voxel two = simulate("two groups", groups({6, 6}), {1.0, -0.5}, 0.8, 0.5, 1.5, 1);
     Voxel small = two;
     small.name = "two groups in units of 1/1024";
-    for (size_t i = 0; i < small.y.size(); ++i) {
-        small.y[i] /= 1024;
-        small.s[i] /= 1024;
-    }
+    for (size_t i = 0; i < small.y.size(); ++i) small.y[i] /= 1024, small.s[i] /= 1024;
     Voxel repeated = two;
     repeated.name = "repeated column";
     for (Vec &row : repeated.X) row.push_back(row[0]);
@@ -139,13 +122,11 @@ TEST(ConvergedReml, AgainstTheLikelihoodAndClosedForms) {
 // finite: -1 and 0.  The first pass with the converged estimate gives the
 // classic fixed-effects variance, bit for bit, and the estimate as float.
 TEST(ConvergedReml, RefusalsAndTheFirstPass) {
-    const float inf = std::numeric_limits<float>::infinity();
-    const float nan = std::numeric_limits<float>::quiet_NaN();
     const float x[4] = {1, 1, 1, 1};
     const std::vector<std::vector<float>> refused[] = {
-        {{1, 2, 3, 4}, {1, 0, 1, 1}},   {{1, 2, 3, 4}, {1, 1, -1, 1}},
-        {{1, 2, 3, 4}, {nan, 1, 1, 1}}, {{1, 2, 3, 4}, {1, 1, 1, inf}},
-        {{1, nan, 3, 4}, {1, 1, 1, 1}}, {{1, 2, -inf, 4}, {1, 1, 1, 1}},
+        {{1, 2, 3, 4}, {1, 0, 1, 1}},    {{1, 2, 3, 4}, {1, 1, -1, 1}},
+        {{1, 2, 3, 4}, {kNaN, 1, 1, 1}}, {{1, 2, 3, 4}, {1, 1, 1, kInf}},
+        {{1, kNaN, 3, 4}, {1, 1, 1, 1}}, {{1, 2, -kInf, 4}, {1, 1, 1, 1}},
     };
     double scratch[32];
     ASSERT_LE(rem_converged_reml_scratch_size(4, 1), 32u);
@@ -186,18 +167,11 @@ TEST(ConvergedReml, RefusalsAndTheFirstPass) {
 // of vector instructions and without.
 TEST(ConvergedReml, SideBySideAsOneByOne) {
     Mat dependent = groups({7, 8});
-    for (Vec &row : dependent) {
-        row.push_back(row[1]);
-        row.push_back(0.0);
-    }
+    for (Vec &row : dependent) row.insert(row.end(), {row[1], 0.0});
     Mat five(30, Vec(5, 0.0));
-    for (int i = 0; i < 30; ++i) {
-        five[i][i % 3] = 1.0;
-        five[i][3] = std::sin(i * 0.7);
-        five[i][4] = (i % 5) * 0.25 - 0.5;
-    }
+    for (int i = 0; i < 30; ++i)
+        five[i][i % 3] = 1.0, five[i][3] = std::sin(i * 0.7), five[i][4] = (i % 5) * 0.25 - 0.5;
     const Mat designs[] = {groups({9}), groups({6, 7}), dependent, five};
-    const float nan = std::numeric_limits<float>::quiet_NaN();
     for (const char *set : {"scalar", "avx2", "avx512"}) {
         const std::string previous = rem_fast_instruction_set();
         if (rem_fast_select_instruction_set(set) != 0) continue;  // not on this processor
@@ -214,12 +188,9 @@ TEST(ConvergedReml, SideBySideAsOneByOne) {
                 s.emplace_back(d.s.begin(), d.s.end());
             }
             s[4][n - 1] = 0.0f;  // refused
-            y[7][0] = nan;       // refused
+            y[7][0] = kNaN;      // refused
             std::vector<const float *> ey, es;
-            for (int v = 0; v < 11; ++v) {
-                ey.push_back(y[v].data());
-                es.push_back(s[v].data());
-            }
+            for (int v = 0; v < 11; ++v) ey.push_back(y[v].data()), es.push_back(s[v].data());
             std::vector<double> scratch(rem_converged_reml_many_scratch_size(n, k));
             for (int count : {0, 1, 3, 11}) {
                 double tau2[11];

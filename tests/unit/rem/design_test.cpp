@@ -1,10 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <string>
-#include <vector>
-
-#include "rem.h"
 #include "rem_test_model.h"
 
 using rem_test::Event;

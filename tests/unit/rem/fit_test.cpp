@@ -4,11 +4,6 @@
 // (e2e/statistics_test.cpp), the kernels bit for bit in kernel_test.cpp.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
-#include <vector>
-
-#include "rem.h"
 #include "rem_test_model.h"
 
 using namespace rem_test;

@@ -7,13 +7,6 @@
 // its own route, or the comparison proves little.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
-#include <limits>
-#include <string>
-#include <vector>
-
-#include "rem.h"
 #include "rem_test_model.h"
 
 using namespace rem_test;
@@ -162,12 +155,21 @@ const std::vector<Design> designs = {
     {"large groups", 70, {{0, {{0, 34}}}, {0, {{35, 69}}}}, "1-2"},
 };
 
-void run_design(const rem_kernel *kernel, const Design &d, int voxels, uint64_t seed) {
+// The design's model and conditions, and a workspace on them (which keeps
+// the view: one at a time); without `square` the workspace has no n x n
+// matrices (as beyond the capacity).
+rem_workspace *open_design(const Design &d, bool square = true) {
     build_model(d.n, d.events, d.weights);
     int count = 0;
-    ASSERT_EQ(REM_define_conditions(d.conditions, &count), 0);
-    const rem_model_view model = rem_current_model();
-    rem_workspace *ws = rem_workspace_create(&model);
+    EXPECT_EQ(REM_define_conditions(d.conditions, &count), 0);
+    static rem_model_view model;
+    model = rem_current_model();
+    if (!square) model.identity = nullptr;
+    return rem_workspace_create(&model);
+}
+
+void run_design(const rem_kernel *kernel, const Design &d, int voxels, uint64_t seed) {
+    rem_workspace *ws = open_design(d);
     const bool fast = kernel == &rem_fast_kernel;
     Random rng(seed);
     const Data kinds[] = {Data::Normal, Data::Special, Data::ExactFit};
@@ -204,12 +206,7 @@ TEST(VoxelKernels, FitWithoutSquareMatricesMatchesTheModel) {
     uint64_t seed = 101;
     for (const rem_kernel *kernel : {&rem_converged_kernel, &rem_converged_reference_kernel}) {
         for (const Design &d : designs) {
-            build_model(d.n, d.events, d.weights);
-            int count = 0;
-            ASSERT_EQ(REM_define_conditions(d.conditions, &count), 0);
-            rem_model_view model = rem_current_model();
-            model.identity = nullptr;  // as beyond the capacity
-            rem_workspace *ws = rem_workspace_create(&model);
+            rem_workspace *ws = open_design(d, false);
             Random rng(seed++);
             for (int v = 0; v < 40; ++v) {
                 Voxel x = draw_voxel(rng, d.n, v % 2 ? Data::Special : Data::Normal);

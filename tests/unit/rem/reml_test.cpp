@@ -4,12 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <limits>
-#include <string>
-#include <vector>
-
-#include "rem.h"
 #include "rem_test_model.h"
 #include "weighting.h"
 

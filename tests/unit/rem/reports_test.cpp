@@ -1,11 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdio>
-
-#include "rem.h"
 #include "rem_test_model.h"
-#include "test_support.h"
 
 TEST(Reports, BasisFileHoldsTheDesign) {
     // Four files: event p (square) over files 0 and 1, event P (ramp) over 0 to 3.

@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 #include <nifti1_io.h>
 
-#include <fstream>
 #include <functional>
-#include <sstream>
 
 #include "report.h"
 #include "test_support.h"
