@@ -13,6 +13,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "../e2e/holds.h"
 #include "test_support.h"
 
 namespace bridge_test {
@@ -100,7 +101,7 @@ inline void expect_refused(const test_support::CommandResult &r, const std::stri
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err.rfind("Error: ", 0), 0u) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
+    EXPECT_TRUE(holds(r.err, message));
     EXPECT_EQ(
         test_support::run_command("find study results/nifti empty/nifti 2>/dev/null", dir).out, "");
 }
