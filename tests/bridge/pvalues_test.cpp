@@ -162,45 +162,29 @@ TEST(PValues, CorrectedPIsTheEulerCharacteristicWhereItDecreasesAndOneElsewhere)
 
 TEST(AnalysisHeader, KeywordsFilesNamesAndLabels) {
     const bridge::analysis_header a = bridge::read_analysis_header(
-        "# event p = patients\n"
-        "smoothing 6 8  # widths\n"
-        "multiple-comparisons 300\n"
-        "conditions p c p-c 0.5*p+0.5*c p,c\n"
-        "reml converged\n"
-        "# condition p-c = patients-controls\n"
-        "# condition 0.5*p+0.5*c = 0.5*patients+0.5*controls\n"
-        "event p\n"
-        "signal/a.bfloat\n"
-        "smoothing 1 1\n"
-        "event c\n"
-        "signal/b.bfloat 2\n"
+        "# event p = patients\nsmoothing 6 8  # widths\nmultiple-comparisons 300\n"
+        "conditions p c p-c p,c\nreml converged\n# condition p-c = patients-controls\n"
+        "event p\nsignal/a.bfloat\nsmoothing 1 1\nevent c\nsignal/b.bfloat 2\n"
         "# event c = controls\n");
-    EXPECT_TRUE(a.smoothing_given);
+    EXPECT_TRUE(a.smoothing_given && a.converged);
     EXPECT_EQ(a.prior_smoothing, 6);
     EXPECT_EQ(a.ratio_smoothing, 8);
     EXPECT_EQ(a.multiple_comparisons, 300);
-    EXPECT_TRUE(a.converged);
-    EXPECT_EQ(a.conditions, (std::vector<std::string>{"p", "c", "p-c", "0.5*p+0.5*c", "p,c"}));
+    EXPECT_EQ(a.conditions, (std::vector<std::string>{"p", "c", "p-c", "p,c"}));
     EXPECT_EQ(a.files,
               (std::vector<std::string>{"signal/a.bfloat", "smoothing", "signal/b.bfloat"}));
     EXPECT_EQ(a.event_name('c'), "controls");
-    EXPECT_EQ(a.event_name('x'), "x");
     EXPECT_EQ(a.name_of("p-c"), "patients-controls");
     EXPECT_EQ(a.name_of("p,c"), "p,c");
-    EXPECT_EQ(bridge::condition_rows("p,c,a"), 3);
-
     // A design matrix: the header ends at "measurements", the files follow it.
     const bridge::analysis_header d = bridge::read_analysis_header(
         "conditions a\ndesign p c a\nmeasurements\nsignal/1.bfloat 1 0 -3.25\n"
         "signal/2.bfloat 0 1 4.75\n");
     EXPECT_FALSE(d.converged);
     EXPECT_EQ(d.files, (std::vector<std::string>{"signal/1.bfloat", "signal/2.bfloat"}));
-
-    const std::pair<const char *, const char *> labels[] = {
-        {"p-c,p:c", "pMinuscAndpByc"},
-        {"0.5*patients+0.5*controls", "0p5TimespatientsPlus0p5Timescontrols"},
-        {"a b/_c", "abc"}};
-    for (const auto &l : labels) EXPECT_EQ(bridge::condition_label(l.first), l.second);
+    EXPECT_EQ(bridge::condition_label("p-c,p:c"), "pMinuscAndpByc");
+    EXPECT_EQ(bridge::condition_label("0.5*a+0.5*b"), "0p5TimesaPlus0p5Timesb");
+    EXPECT_EQ(bridge::condition_label("a b/_c"), "abc");
 }
 
 }  // namespace
