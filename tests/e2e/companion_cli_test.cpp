@@ -1,7 +1,8 @@
 // The command lines of the simulator and the summary: a bad value gives one
 // "Error: ..." line and status 1 and leaves nothing behind, nor does a failed
 // write; --version names the program and the project's version; a study
-// written into a folder that exists replaces its files of the same names only.
+// written into a folder that exists replaces its files of the same names only,
+// and the same seed gives the same study.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -53,18 +54,22 @@ TEST(Companions, BadValuesAndVersion) {
     }
 }
 
-TEST(Companions, StudyIntoExistingFolder) {
+TEST(Companions, StudyIntoExistingFolderAndSeeds) {
     TempDir dir;
     ASSERT_EQ(run_command("mkdir s", dir.path()).status, 0);
     write_file(dir.file("s/keep.txt"), "mine");
     write_file(dir.file("s/analysis.rem"), "old");
-    ASSERT_EQ(run_command(kSimulate + " -o s --size 4 3 2 --subjects 1", dir.path()).status, 0);
+    for (const char *o : {"-o s --seed 5", "-o b --seed 5", "-o c --seed 6"})
+        ASSERT_EQ(run_command(kSimulate + " --size 4 3 2 --subjects 1 " + o, dir.path()).status, 0);
     EXPECT_EQ(read_file(dir.file("s/keep.txt")), "mine");
     EXPECT_EQ(read_file(dir.file("s/analysis.rem")).substr(0, 11), "# Synthetic");
-    EXPECT_EQ(read_file(dir.file("s/subject-c01.bfloat")).size(), 4u * 3 * 2 * 2 * 4);
-    // Nothing beside the study: its temporary folder is gone.
+    const std::string a = read_file(dir.file("s/subject-c01.bfloat"));
+    EXPECT_EQ(a.size(), 4u * 3 * 2 * 2 * 4);
+    EXPECT_EQ(a, read_file(dir.file("b/subject-c01.bfloat")));
+    EXPECT_NE(a, read_file(dir.file("c/subject-c01.bfloat")));
+    // Nothing beside the studies: their temporary folders are gone.
     auto entries = std::filesystem::directory_iterator(dir.path());
-    EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
+    EXPECT_EQ(std::distance(begin(entries), end(entries)), 3);
 }
 
 }  // namespace
