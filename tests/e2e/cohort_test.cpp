@@ -92,8 +92,7 @@ TEST(Cohort, ThousandsOfFilesAgreeWithAFloat64FitOnAnyThreadsAndDescriptorLimit)
         EXPECT_EQ(result.err, "");
         out[r] = result.out;
     }
-    EXPECT_NE(out[0].find("Input files: 3000 samples of dimension (x,y,z) = (6,6,4)."),
-              std::string::npos);
+    EXPECT_TRUE(holds(out[0], "Input files: 3000 samples of dimension (x,y,z) = (6,6,4)."));
     for (int r = 1; r < 3; ++r) {
         EXPECT_EQ(out[r], out[0]) << settings[r];
         for (std::string name : {"sigma2.bfloat", "T-p-c.bfloat", "S-p-c.bfloat", "P-p.bfloat"})
