@@ -108,7 +108,8 @@ void write_nifti_on(const std::string &path, const placed_case &c) {
 }  // namespace
 
 // Each case beside a NIfTI file of standard errors on the same grid; nibabel,
-// when it is installed, reads the same affine and values.
+// when it is installed, reads the same affine and values.  Then the ambiguous
+// images that are refused.
 TEST(Bridge, AnalyzeImagesPlacedAsSpmPlacesThem) {
     const bool nibabel =
         run_command("/usr/bin/python3 -c 'import nibabel' 2>/dev/null").status == 0;
@@ -151,10 +152,8 @@ TEST(Bridge, AnalyzeImagesPlacedAsSpmPlacesThem) {
                 << i;
         }
     }
-}
 
-TEST(Bridge, AmbiguousAnalyzeImagesAreRefused) {
-    TempDir tmp;
+    // Ambiguous images are refused.
     analyze_file far, flipped;
     far.origin[0] = 100;
     flipped.orient = 3;

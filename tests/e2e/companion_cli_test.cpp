@@ -54,7 +54,7 @@ TEST(Companions, BadValuesAndVersion) {
     }
 }
 
-TEST(Companions, StudyIntoExistingFolderAndSeeds) {
+TEST(Companions, StudyIntoExistingFolder) {
     TempDir dir;
     ASSERT_EQ(run_command("mkdir s", dir.path()).status, 0);
     write_file(dir.file("s/keep.txt"), "mine");

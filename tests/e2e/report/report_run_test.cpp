@@ -178,10 +178,9 @@ TEST(ReportRun, BlobsClustersPicturesPageAndBadInput) {
         "mkdir -p empty grid && printf 'x 5\\ny 5\\nz 5\\nt 1\\n' > grid/bg.hdr && "
         "head -c 500 /dev/zero > grid/bg.bfloat",
         d);
-    struct bad_case {
+    const struct {
         std::string args, message, folder;
-    };
-    const std::vector<bad_case> cases = {
+    } cases[] = {
         {"empty", "Error: no results in empty", "empty"},
         {"--threshold abc results", "Error: the threshold 'abc' is not a number", "results"},
         {"--min-cluster 2.5 results", "Error: the smallest cluster '2.5'", "results"},
@@ -189,7 +188,7 @@ TEST(ReportRun, BlobsClustersPicturesPageAndBadInput) {
          "Error: the background image grid/bg.bfloat is not on the grid", "results"},
     };
     run_command("rm -f results/report.html", d);
-    for (const bad_case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.args);
         r = run_command(shell_quote(kReport) + " " + c.args, d);
         EXPECT_EQ(r.status, 1);
