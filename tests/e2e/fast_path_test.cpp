@@ -140,8 +140,11 @@ TEST(FastPath, SimulatedStudiesGiveThePlainPassesFilesAndOutput) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.options);
         TempDir dir;
-        ASSERT_EQ(
-            e2e::simulate(dir.path(), std::string("-o study --prefix ../study/ ") + c.options), 0);
+        ASSERT_EQ(run_command(shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-simulate") +
+                                  " -o study --prefix ../study/ " + c.options,
+                              dir.path())
+                      .status,
+                  0);
         if (&c == &cases[1]) {
             int f = 0;
             for (const auto &entry : std::filesystem::directory_iterator(dir.file("study"))) {

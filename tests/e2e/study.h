@@ -20,14 +20,6 @@ inline std::string tail(const std::string &text, size_t n) {
     return text.substr(text.size() - std::min(text.size(), n));
 }
 
-// Runs the built simulator in dir; its exit status.
-inline int simulate(const std::string &dir, const std::string &options) {
-    return test_support::run_command(
-               test_support::shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-simulate") + " " + options,
-               dir)
-        .status;
-}
-
 struct geometry {
     int nx = 10, ny = 5, nz = 4;
     float resolution[3] = {2, 2, 2};
