@@ -62,7 +62,6 @@ TEST(Bridge, BadInputAndBadModelsEndWithOneErrorLine) {
         {h + "a\te.nii\tv.nii\n", "-c a", "line 2: 3 columns where the header has 5"},
         {h + ev + "b\tother.nii\tv.nii\t\t9\n", "-c a", "other.nii is not on the grid of"},
         {h + "a\tmerged.nii.gz\tv.nii\t\t9\n", "-c a", "is 4-D (4 volumes): give the volume"},
-        {h + ev + "b\te.nii\tv.nii\t\t9\n", "-c a-q", "the condition a-q uses q"},
         {"", "export empty", "no results in empty"},
         {"", "export results", "does not have the dimensions"},
         {"", "export results --geometry x.json", "the geometry file x.json does not"},

@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <random>
+#include <tuple>
 
 #include "bridge_internal.h"
 #include "bridge_test.h"
@@ -148,16 +149,14 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
         SCOPED_TRACE(name);
         bridge_test::nifti_ptr m = bridge_test::read_nifti(out + name);
         ASSERT_NE(m, nullptr);
-        EXPECT_EQ(m->qform_code, 1);
-        EXPECT_EQ(m->sform_code, 4);
+        EXPECT_TRUE(m->qform_code == 1 && m->sform_code == 4);
         for (int row = 0; row < 4; ++row)
             for (int col = 0; col < 4; ++col) {
                 EXPECT_EQ(m->sto_xyz.m[row][col], kAffine[row][col]);
                 EXPECT_NEAR(m->qto_xyz.m[row][col], kAffine[row][col], 1e-4);
             }
-        EXPECT_EQ(m->intent_code, intent);
-        EXPECT_EQ(m->intent_p1, static_cast<float>(p1));
-        EXPECT_EQ(m->intent_p2, static_cast<float>(p2));
+        EXPECT_EQ(std::make_tuple(m->intent_code, m->intent_p1, m->intent_p2),
+                  std::make_tuple(intent, static_cast<float>(p1), static_cast<float>(p2)));
         ASSERT_EQ(m->nvox, expected.size());
         for (size_t i = 0; i < expected.size(); ++i) {
             const bool analysed = sigma2[2 * N + i % N] != 0.0f;
@@ -195,16 +194,13 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
         holds(read_file(out + "contrast-pAndc_stat-F_statmap.json"), "\"Contrast\": \"p,c\""));
     // Every file loads cleanly in the NIfTI library's own checker.
     CommandResult c = run_command("nifti_tool -check_hdr -check_nim -infiles *.nii.gz", out);
-    EXPECT_EQ(c.status, 0);
-    EXPECT_TRUE(c.out.find("IS GOOD") != std::string::npos &&
-                c.out.find("BAD") == std::string::npos)
-        << c.out;
+    EXPECT_TRUE(c.status == 0 && holds(c.out, "IS GOOD") && !holds(c.out, "BAD")) << c.out;
 
     if (run_command("/usr/bin/python3 -c 'import nibabel, scipy'").status != 0) return;
     const std::string check =
         "/usr/bin/python3 " + std::string(FMRI_REM_SOURCE_DIR) + "/tests/bridge/check_intents.py ";
     c = run_command(check + "nifti 0", study);
-    EXPECT_TRUE(c.status == 0 && c.out.find("checked 12 maps") != std::string::npos) << c.out;
+    EXPECT_TRUE(c.status == 0 && holds(c.out, "checked 12 maps")) << c.out;
     std::string rem = read_file(study + "/analysis.rem");
     rem.replace(rem.find("multiple-comparisons 0\n"), 23, "multiple-comparisons 40\n");
     write_file(study + "/analysis.rem", "# condition p-c = patients-controls\n" + rem);
@@ -212,5 +208,5 @@ TEST(Bridge, RoundTripThroughImportAnalysisAndExport) {
     EXPECT_TRUE(
         holds(r.out, "  p-c (patients-controls): contrast-patientsMinuscontrols_stat-t, z,"));
     c = run_command(check + "fwe 40", study);
-    EXPECT_TRUE(c.status == 0 && c.out.find("checked 12 maps") != std::string::npos) << c.out;
+    EXPECT_TRUE(c.status == 0 && holds(c.out, "checked 12 maps")) << c.out;
 }
