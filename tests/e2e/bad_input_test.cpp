@@ -16,12 +16,11 @@ using test_support::TempDir;
 
 // Each case spoils the small study with a shell command.
 TEST(BadInput, MessagesAndStatus) {
-    struct Case {
+    const struct {
         const char *command;
         std::string tail;  // end of standard output
         int status = 1;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"rm a2.bfloat",
          "Input files: 6 samples of dimension (x,y,z) = (10,5,4).\nError: cannot open file "
          "a2.bfloat.\n"},
@@ -56,17 +55,16 @@ TEST(BadInput, MessagesAndStatus) {
          "(0,0,0)\nInput files: 6 samples",
          0},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
         TempDir dir;
         e2e::small_study().write(dir.path());
         ASSERT_EQ(run_command(c.command, dir.path()).status, 0);
         auto r = run_fmri_rem({"study.rem"}, dir.path());
         EXPECT_EQ(r.status, c.status);
-        if (c.status == 0)
-            EXPECT_TRUE(holds(r.out, c.tail));
-        else
-            EXPECT_EQ(e2e::tail(r.out, c.tail.size()), c.tail);
+        EXPECT_TRUE(c.status == 0 ? bool(holds(r.out, c.tail))
+                                  : e2e::tail(r.out, c.tail.size()) == c.tail)
+            << r.out;
         EXPECT_EQ(r.err, "");
         EXPECT_EQ(test_support::file_exists(dir.file(".vistra")), c.status == 0);
     }

@@ -18,12 +18,11 @@ const std::string kSimulate = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-simulate
 const std::string kSummary = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-summary");
 
 TEST(Companions, BadValuesAndVersion) {
-    struct Case {
+    const struct {
         std::string command;
         int status;
         std::string start;  // of the error line, or the whole output for status 0
-    };
-    const Case cases[] = {
+    } cases[] = {
         {kSimulate + " -o s --voxel 0.0009", 1, "Error: --voxel: '0.0009' is not"},
         {kSimulate + " -o s --groups 27", 1, "Error: --groups: '27' is not"},
         {kSimulate + " -o s --size 8 6", 1, "Error: --size: needs 3 values"},
@@ -40,7 +39,7 @@ TEST(Companions, BadValuesAndVersion) {
         {kSimulate + " --version", 0, "fmri-rem-simulate " FMRI_REM_PROJECT_VERSION "\n"},
         {kSummary + " --version", 0, "fmri-rem-summary " FMRI_REM_PROJECT_VERSION "\n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
         TempDir dir;
         CommandResult r = run_command(c.command, dir.path());
