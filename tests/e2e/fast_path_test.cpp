@@ -97,8 +97,10 @@ TEST(FastPath, FatalEndReferenceKernelAndOverwrittenSignalFiles) {
          "mv a3.bfloat sigma2.bfloat && mv a3.hdr sigma2.hdr && "
          "sed -i s/a3.bfloat/sigma2.bfloat/ study.rem",
          0},
-        {"study.rem", "mv b2.bfloat basis.dat && ln -s basis.dat b2.bfloat", 0},
-        {"study.rem", "mv a1.bfloat x && ln -s x sigma2.bfloat && ln -s x a1.bfloat", 0},
+        {"study.rem",
+         "mv b2.bfloat basis.dat && ln -s basis.dat b2.bfloat && mv a1.bfloat x && "
+         "ln -s x sigma2.bfloat && ln -s x a1.bfloat",
+         0},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.prepare);
