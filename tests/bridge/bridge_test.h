@@ -13,6 +13,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "../e2e/holds.h"
 #include "test_support.h"
 
 namespace bridge_test {
@@ -43,17 +44,13 @@ inline void write_nifti(const std::string &prefix, const nifti_layout &s,
     mat44 a;
     for (int r = 0; r < 4; ++r)
         for (int c = 0; c < 4; ++c) a.m[r][c] = s.affine[r][c];
-    float dx, dy, dz;
     nifti_mat44_to_quatern(a, &nim->quatern_b, &nim->quatern_c, &nim->quatern_d, &nim->qoffset_x,
-                           &nim->qoffset_y, &nim->qoffset_z, &dx, &dy, &dz, &nim->qfac);
-    nim->dx = nim->pixdim[1] = dx;
-    nim->dy = nim->pixdim[2] = dy;
-    nim->dz = nim->pixdim[3] = dz;
+                           &nim->qoffset_y, &nim->qoffset_z, &nim->dx, &nim->dy, &nim->dz,
+                           &nim->qfac);
+    nim->pixdim[1] = nim->dx, nim->pixdim[2] = nim->dy, nim->pixdim[3] = nim->dz;
     nim->sto_xyz = a;
-    nim->qform_code = s.qform_code;
-    nim->sform_code = s.sform_code;
-    nim->scl_slope = s.slope;
-    nim->scl_inter = s.inter;
+    nim->qform_code = s.qform_code, nim->sform_code = s.sform_code;
+    nim->scl_slope = s.slope, nim->scl_inter = s.inter;
     auto put = [&](auto *data) {
         for (size_t k = 0; k < stored.size(); ++k)
             data[k] = static_cast<std::remove_pointer_t<decltype(data)>>(stored[k]);
@@ -100,7 +97,7 @@ inline void expect_refused(const test_support::CommandResult &r, const std::stri
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err.rfind("Error: ", 0), 0u) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
+    EXPECT_TRUE(holds(r.err, message));
     EXPECT_EQ(
         test_support::run_command("find study results/nifti empty/nifti 2>/dev/null", dir).out, "");
 }

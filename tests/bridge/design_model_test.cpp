@@ -8,7 +8,7 @@
 
 #include <boost/math/distributions/students_t.hpp>
 #include <cmath>
-#include <functional>
+#include <map>
 #include <random>
 #include <sstream>
 
@@ -31,11 +31,6 @@ struct participant {
     bool male;
     double score;
 };
-
-// P(|T| > t) with nu degrees of freedom.
-double two_sided(double t, double nu) {
-    return 2 * boost::math::cdf(boost::math::complement(boost::math::students_t(nu), std::fabs(t)));
-}
 
 }  // namespace
 
@@ -76,11 +71,10 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
             const std::string stem = id + (session ? "_post" : "_pre");
             bridge_test::write_nifti(tmp.file(stem + "_effect.nii"), grid, e);
             bridge_test::write_nifti(tmp.file(stem + "_variance.nii"), grid, v);
-            char line[256];
-            std::snprintf(line, sizeof line,
-                          "%s\t%s\t%s\t%g\t%s\t%s_effect.nii\t%s_variance.nii\t%d\n", id.c_str(),
-                          p.patient ? "patients" : "controls", session ? "post" : "pre", p.age,
-                          p.male ? "M" : "F", stem.c_str(), stem.c_str(), DOF);
+            const std::string line = id + (p.patient ? "\tpatients\t" : "\tcontrols\t") +
+                                     (session ? "post\t" : "pre\t") + std::to_string(p.age) +
+                                     (p.male ? "\tM\t" : "\tF\t") + stem + "_effect.nii\t" + stem +
+                                     "_variance.nii\t" + std::to_string(DOF) + "\n";
             full += line;
             if (!session) pre += line;
         }
@@ -100,46 +94,36 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
     write_file(tmp.file("one-sample.tsv"), one_sample);
     write_file(tmp.file("dm.tsv"), dm);
 
+    // A participant's row of the design of each case.
+    auto row = [&](size_t c, const participant &p) {
+        const double g = p.patient, age = p.age - mean_age;
+        return std::vector<Vec>{{g, 1 - g, age, p.male - share_male},
+                                {g, 1 - g, g * age, (1 - g) * age},
+                                {g, 1 - g},
+                                {1},
+                                {1, p.score}}[c];
+    };
     const struct {
         const char *table;  // full: both sessions; pre: pre only
         std::vector<std::string> options;
-        // A participant's design row, and the conditions: by name, as the
-        // result files name them, and their contrast vectors.
-        std::function<Vec(const participant &)> row;
+        // The conditions: by name, as the result files name them, and their contrast vectors.
         std::vector<std::tuple<std::string, std::string, Vec>> conditions;
     } cases[] = {
         {"pre",
          {"--covariates", "age,sex"},
-         [&](const participant &p) {
-             return Vec{double(p.patient), double(!p.patient), p.age - mean_age,
-                        p.male - share_male};
-         },
          {{"patients-controls", "p-c", {1, -1, 0, 0}},
           {"age", "a", {0, 0, 1, 0}},
           {"0.5*patients+0.5*controls", "0.5*p+0.5*c", {0.5, 0.5, 0, 0}},
           {"sex[M]", "s", {0, 0, 0, 1}}}},
         {"pre",
          {"--by-group", "age"},
-         [&](const participant &p) {
-             return Vec{double(p.patient), double(!p.patient), p.patient ? p.age - mean_age : 0,
-                        p.patient ? 0 : p.age - mean_age};
-         },
          {{"age:patients-age:controls", "a-b", {0, 0, 1, -1}}, {"controls", "c", {0, 1, 0, 0}}}},
         {"full",
          {"--paired", "post-pre"},
-         [&](const participant &p) {
-             return Vec{double(p.patient), double(!p.patient)};
-         },
          {{"patients-controls", "p-c", {1, -1}}, {"patients", "p", {1, 0}}}},
-        {"one-sample",
-         {"--reml", "converged"},
-         [&](const participant &) { return Vec{1}; },
-         {{"all", "a", {1}}}},
+        {"one-sample", {"--reml", "converged"}, {{"all", "a", {1}}}},
         {"pre",
          {"--design-matrix", "dm.tsv"},
-         [&](const participant &p) {
-             return Vec{1, p.score};
-         },
          {{"score", "s", {0, 1}}, {"intercept-2*score", "i-2*s", {1, -2}}}},
     };
     for (const auto &c : cases) {
@@ -150,7 +134,7 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
         CommandResult r =
             bridge_test::import(tmp.path(), std::string(c.table) + ".tsv", conditions, c.options);
         ASSERT_EQ(r.status, 0) << r.err;
-        EXPECT_NE(r.out.find("REML: converged"), std::string::npos) << r.out;
+        EXPECT_TRUE(holds(r.out, "REML: converged"));
         const bool paired = c.options[0] == "--paired";
         EXPECT_EQ(r.out.find("taken as independent") != std::string::npos, paired) << r.out;
         EXPECT_EQ(r.out.find("Left out, without both sessions: sub-99\n") != std::string::npos,
@@ -158,18 +142,21 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
             << r.out;
         const std::string rem = read_file(tmp.file("study/analysis.rem"));
         for (const auto &[name, events, l] : c.conditions)  // every name differs from its events
-            EXPECT_NE(rem.find("\n# condition " + events + " = " + name + "\n"), std::string::npos)
-                << rem;
+            EXPECT_TRUE(holds(rem, "\n# condition " + events + " = " + name + "\n"));
         r = run_command(shell_quote(FMRI_REM_BIN) + " analysis.rem", tmp.file("study"));
         ASSERT_EQ(r.status, 0) << r.out;
 
         Mat X;
-        for (const participant &p : ps) X.push_back(c.row(p));
+        for (const participant &p : ps) X.push_back(row(&c - cases, p));
         const size_t k = X[0].size();
         // Without ratio smoothing the test's dof join the design's and the files'.
         const double nu = std::rint(1 / (1.0 / (SUBJECTS - k) + 1.0 / (SUBJECTS * DOF)));
         const std::vector<float> sigma2 = read_floats(tmp.file("study/sigma2.bfloat"));
         ASSERT_EQ(sigma2.size(), 2u * NV);
+        std::map<std::string, std::vector<float>> maps;
+        for (const auto &[name, events, l] : c.conditions)
+            for (std::string m : {"T-", "P-", "S-"})
+                maps[m + events] = read_floats(tmp.file("study/" + m + events + ".bfloat"));
         for (int v = 0; v < NV; ++v) {
             Vec y(SUBJECTS), se(SUBJECTS);
             for (int s = 0; s < SUBJECTS; ++s) {
@@ -186,12 +173,12 @@ TEST(Bridge, DesignsAgainstAnIndependentFit) {
                 const double value = rem_test::dot(l, beta);
                 const double sd =
                     std::sqrt(rem_test::dot(l, rem_test::mat_vec(fit.normal_inverse, l)));
-                const double t = value / sd, code = std::copysign(-std::log10(two_sided(t, nu)), t);
-                auto map = [&](const char *m) {
-                    return read_floats(tmp.file("study/" + std::string(m) + events + ".bfloat"));
-                };
-                const std::vector<float> T = map("T-"), P = map("P-"), S = map("S-");
-                ASSERT_EQ(S.size(), 2u * NV);
+                const double t = value / sd,
+                             p = 2 * boost::math::cdf(boost::math::complement(
+                                         boost::math::students_t(nu), std::fabs(t)));
+                const double code = std::copysign(-std::log10(p), t);
+                const std::vector<float> &T = maps.at("T-" + events), &P = maps.at("P-" + events),
+                                         &S = maps.at("S-" + events);
                 EXPECT_NEAR(T[v], t, 2e-3 * std::fabs(t) + 1e-4);
                 EXPECT_NEAR(P[v], code, 2e-3 * std::fabs(code) + 1e-4);
                 EXPECT_NEAR(S[v], value, 1e-3 * std::fabs(value) + 1e-5);

@@ -16,39 +16,26 @@ using test_support::TempDir;
 
 // Each case spoils the small study with a shell command.
 TEST(BadInput, MessagesAndStatus) {
-    struct Case {
+    const struct {
         const char *command;
         std::string tail;  // end of standard output
         int status = 1;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"rm a2.bfloat",
          "Input files: 6 samples of dimension (x,y,z) = (10,5,4).\nError: cannot open file "
          "a2.bfloat.\n"},
         {"rm a2.hdr", "Error: cannot open vistra file a2.hdr.\n"},
-        {"truncate -s -4 b3.bfloat", "Error reading the floating point data from file b3.bfloat\n"},
         {"sed -i 's/^z 4/z 3/' b1.hdr",
          "The dimensions of file b1.bfloat (10,5,3) are not the same as for file a1.bfloat "
          "(10,5,4)\n"},
         {"sed -i 's/^t 2/t 3/' b2.hdr", "File b2.bfloat has 3 time points, not 2.\n"},
         {"sed -i s/a2.bfloat/a2.bshort/ study.rem && mv a2.bfloat a2.bshort",
          "File a2.bshort is not a `bfloat' file as assumed.\n"},
-        {"mkdir sigma2.hdr",
-         "\r 100 percent done computing RE variance\nError: cannot open the output file "
-         "sigma2.hdr\n"},
         {"mkdir P-b.bfloat",
          "Error: cannot open the output file P-b.bfloat\nError writing output files.\n"},
         {"sed -i 's/^conditions.*/conditions  /' study.rem",
          "Error: no test conditions are defined.\n"},
-        // One file leaves no degrees of freedom for the test, which the
-        // incomplete beta function refuses.
-        {"printf 'smoothing 0 4\\nconditions a\\nevent a\\na1.bfloat\\n' > study.rem",
-         "ibeta: Domain error!, a = 0, b = 0.5\n"},
         // Designs that cannot be estimated are refused before the passes.
-        {"printf 'smoothing 0 4\\nconditions a\\nevent a\\n0 2\\n\\nevent q\\n0 2\\n\\n"
-         "measurements\\na1.bfloat\\na2.bfloat\\na3.bfloat\\n' > study.rem",
-         "smoothed = 19\nError: the design columns of events a and q are linearly dependent: the "
-         "design cannot be estimated.\n"},
         {"printf 'smoothing 0 4\\nconditions a\\nevent a\\na1.bfloat\\na2.bfloat\\nevent b\\n' > "
          "study.rem",
          "Error: event b covers no file: the design cannot be estimated.\n"},
@@ -68,17 +55,16 @@ TEST(BadInput, MessagesAndStatus) {
          "(0,0,0)\nInput files: 6 samples",
          0},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
         TempDir dir;
         e2e::small_study().write(dir.path());
         ASSERT_EQ(run_command(c.command, dir.path()).status, 0);
         auto r = run_fmri_rem({"study.rem"}, dir.path());
         EXPECT_EQ(r.status, c.status);
-        if (c.status == 0)
-            EXPECT_NE(r.out.find(c.tail), std::string::npos) << r.out;
-        else
-            EXPECT_EQ(e2e::tail(r.out, c.tail.size()), c.tail);
+        EXPECT_TRUE(c.status == 0 ? bool(holds(r.out, c.tail))
+                                  : e2e::tail(r.out, c.tail.size()) == c.tail)
+            << r.out;
         EXPECT_EQ(r.err, "");
         EXPECT_EQ(test_support::file_exists(dir.file(".vistra")), c.status == 0);
     }
@@ -104,10 +90,9 @@ TEST(BadInput, EstimateThatDoesNotSettle) {
         SCOPED_TRACE(env);
         auto r = run_fmri_rem({"study.rem"}, dir.path(), "", env);
         EXPECT_EQ(r.status, 0);
-        EXPECT_NE(r.out.find("\r 100 percent done computing RE variance\nWarning: 200 voxels were "
-                             "left out: their variance estimate did not settle.\n"),
-                  std::string::npos)
-            << r.out;
+        EXPECT_TRUE(holds(r.out,
+                          "\r 100 percent done computing RE variance\nWarning: 200 voxels were "
+                          "left out: their variance estimate did not settle.\n"));
         for (float v : test_support::read_floats(dir.file("sigma2.bfloat"))) EXPECT_EQ(v, 0.0f);
     }
 }

@@ -1,5 +1,5 @@
 // The command line of fmri-rem: statuses and texts of the options, the help
-// text and the help menu; and the simulator that writes example studies.
+// text and the help menu.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -42,14 +42,11 @@ TEST(CommandLine, OptionsTable) {
         {{}, 1, syntax},
         {{"-h"}, 0, syntax},
         {{"-h", "-xyz"}, 1, "Option --xyz not valid.\nProgram exiting.\n"},
-        {{"-"}, 1, "Option -- not valid.\nProgram exiting.\n"},
         // A letter accepted by the option scan but not handled by the program.
         {{"-:"}, 1, "Valid option -- not yet programmed.\nProgram exiting.\n"},
         {{"missing.rem"}, 1, missing},
-        {{"-i", "missing.rem", "-h"}, 1, missing},
         {{"-i"}, 1, "Error: option -i requires the name of an analysis file.\n"},
         {{n1100}, 1, "Error: the analysis file name is longer than 1023 characters.\n"},
-        {{"-H"}, 0, menu},
         {{"-i", "study.rem", "-H"}, 0, menu},
         {{"study.rem", "-h"}, 0, syntax},
     };
@@ -69,18 +66,6 @@ TEST(CommandLine, OptionsTable) {
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out,
               "For help, quit and define the environment variable TOV_HOME, and then re-start.\n");
-}
-
-// The simulator is deterministic for a seed (the whole-run tests of the fast
-// passes analyse the studies it writes).
-TEST(Simulator, SameSeedSameStudy) {
-    TempDir dir;
-    for (const char *options : {"-o a --seed 5", "-o b --seed 5", "-o c --seed 6"})
-        ASSERT_EQ(e2e::simulate(dir.path(), std::string("--size 8 6 4 ") + options), 0);
-    const std::string a = read_file(dir.file("a/subject-c02.bfloat"));
-    EXPECT_EQ(a.size(), 8u * 6 * 4 * 2 * 4);
-    EXPECT_EQ(a, read_file(dir.file("b/subject-c02.bfloat")));
-    EXPECT_NE(a, read_file(dir.file("c/subject-c02.bfloat")));
 }
 
 }  // namespace

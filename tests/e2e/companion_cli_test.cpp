@@ -1,7 +1,8 @@
 // The command lines of the simulator and the summary: a bad value gives one
 // "Error: ..." line and status 1 and leaves nothing behind, nor does a failed
 // write; --version names the program and the project's version; a study
-// written into a folder that exists replaces its files of the same names only.
+// written into a folder that exists replaces its files of the same names only,
+// and the same seed gives the same study.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,12 +18,11 @@ const std::string kSimulate = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-simulate
 const std::string kSummary = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-summary");
 
 TEST(Companions, BadValuesAndVersion) {
-    struct Case {
+    const struct {
         std::string command;
         int status;
         std::string start;  // of the error line, or the whole output for status 0
-    };
-    const Case cases[] = {
+    } cases[] = {
         {kSimulate + " -o s --voxel 0.0009", 1, "Error: --voxel: '0.0009' is not"},
         {kSimulate + " -o s --groups 27", 1, "Error: --groups: '27' is not"},
         {kSimulate + " -o s --size 8 6", 1, "Error: --size: needs 3 values"},
@@ -39,7 +39,7 @@ TEST(Companions, BadValuesAndVersion) {
         {kSimulate + " --version", 0, "fmri-rem-simulate " FMRI_REM_PROJECT_VERSION "\n"},
         {kSummary + " --version", 0, "fmri-rem-summary " FMRI_REM_PROJECT_VERSION "\n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
         TempDir dir;
         CommandResult r = run_command(c.command, dir.path());
@@ -58,13 +58,17 @@ TEST(Companions, StudyIntoExistingFolder) {
     ASSERT_EQ(run_command("mkdir s", dir.path()).status, 0);
     write_file(dir.file("s/keep.txt"), "mine");
     write_file(dir.file("s/analysis.rem"), "old");
-    ASSERT_EQ(run_command(kSimulate + " -o s --size 4 3 2 --subjects 1", dir.path()).status, 0);
+    for (const char *o : {"-o s --seed 5", "-o b --seed 5", "-o c --seed 6"})
+        ASSERT_EQ(run_command(kSimulate + " --size 4 3 2 --subjects 1 " + o, dir.path()).status, 0);
     EXPECT_EQ(read_file(dir.file("s/keep.txt")), "mine");
     EXPECT_EQ(read_file(dir.file("s/analysis.rem")).substr(0, 11), "# Synthetic");
-    EXPECT_EQ(read_file(dir.file("s/subject-c01.bfloat")).size(), 4u * 3 * 2 * 2 * 4);
-    // Nothing beside the study: its temporary folder is gone.
+    const std::string a = read_file(dir.file("s/subject-c01.bfloat"));
+    EXPECT_EQ(a.size(), 4u * 3 * 2 * 2 * 4);
+    EXPECT_EQ(a, read_file(dir.file("b/subject-c01.bfloat")));
+    EXPECT_NE(a, read_file(dir.file("c/subject-c01.bfloat")));
+    // Nothing beside the studies: their temporary folders are gone.
     auto entries = std::filesystem::directory_iterator(dir.path());
-    EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
+    EXPECT_EQ(std::distance(begin(entries), end(entries)), 3);
 }
 
 }  // namespace

@@ -40,17 +40,16 @@ std::string progress(const char *what) {
 // value, one value per square event, so the residues of an event differ
 // exactly as the effects do.
 TEST(Run, PrintedSequenceResultFilesAndSkippedVoxels) {
-    struct Case {
+    const struct {
         std::vector<std::string> args;
         const char *smoothing, *resolution, *fwhm;
         int dof, sigma2_frames;
         const char *vistra_before, *vistra_after;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{"-r", "study.rem"}, "smoothing 1 3", "2.38", "3", 27, 3, nullptr, "vt -r study.rem\n"},
         {{"-i", "study.rem"}, "smoothing 3 0", "3.70", "0", 4, 2, "kept\n", "kept\n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.smoothing);
         const bool residue = c.args[0] == "-r";  // and only some voxels skipped
         TempDir dir;

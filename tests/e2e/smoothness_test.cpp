@@ -71,10 +71,9 @@ TEST(SmoothnessEstimated, PrintsTheWidthAndItsDegreesOfFreedom) {
     s.write(dir.path());
     auto result = test_support::run_fmri_rem({"study.rem"}, dir.path());
     ASSERT_EQ(result.status, 0) << result.out;
-    EXPECT_NE(result.out.find(expected), std::string::npos) << result.out;
-    EXPECT_NE(test_support::read_file(dir.file("P-a.hdr"))
-                  .find("degrees-of-freedom " + std::to_string(dof) + "\n"),
-              std::string::npos);
+    EXPECT_TRUE(holds(result.out, expected));
+    EXPECT_TRUE(holds(test_support::read_file(dir.file("P-a.hdr")),
+                      "degrees-of-freedom " + std::to_string(dof) + "\n"));
     const std::vector<float> sigma2 = test_support::read_floats(dir.file("sigma2.bfloat"));
     const size_t n = 8 * 6 * 4;
     ASSERT_EQ(sigma2.size(), 3 * n);

@@ -10,28 +10,14 @@
 #include <vector>
 
 #include "../unit/rem/rem_test_model.h"
+#include "holds.h"
 #include "test_support.h"
 
 namespace e2e {
 
-// P(|T| > t) for Student's t with an even number of degrees of freedom.
-inline double t_two_sided(double t, int nu) {
-    double c2 = nu / (nu + t * t), term = 1.0, sum = 1.0;
-    for (int j = 2; j <= nu - 2; j += 2) sum += (term *= (j - 1.0) / j * c2);
-    return 1.0 - std::fabs(t) / std::sqrt(nu + t * t) * sum;
-}
-
 // The last n characters of text (all of it when shorter).
 inline std::string tail(const std::string &text, size_t n) {
     return text.substr(text.size() - std::min(text.size(), n));
-}
-
-// Runs the built simulator in dir; its exit status.
-inline int simulate(const std::string &dir, const std::string &options) {
-    return test_support::run_command(
-               test_support::shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-simulate") + " " + options,
-               dir)
-        .status;
 }
 
 struct geometry {
