@@ -1,4 +1,4 @@
-// The command lines of the simulator and the summary: a bad value gives one
+// The command lines of the companion programs: a bad value gives one
 // "Error: ..." line and status 1 and leaves nothing behind, nor does a failed
 // write; --version names the program and the project's version; a study
 // written into a folder that exists replaces its files of the same names only,
@@ -16,6 +16,9 @@ using namespace test_support;
 
 const std::string kSimulate = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-simulate");
 const std::string kSummary = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-summary");
+const std::string kImport = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-import");
+const std::string kExport = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-export");
+const std::string kReport = shell_quote(FMRI_REM_BUILD_DIR "/fmri-rem-report");
 
 TEST(Companions, BadValuesAndVersion) {
     const struct {
@@ -38,6 +41,13 @@ TEST(Companions, BadValuesAndVersion) {
         {kSummary + " . s", 1, "Error: The following argument was not expected: s"},
         {kSimulate + " --version", 0, "fmri-rem-simulate " FMRI_REM_PROJECT_VERSION "\n"},
         {kSummary + " --version", 0, "fmri-rem-summary " FMRI_REM_PROJECT_VERSION "\n"},
+        {kImport + " --version", 0, "fmri-rem-import " FMRI_REM_PROJECT_VERSION "\n"},
+        {kExport + " --version", 0, "fmri-rem-export " FMRI_REM_PROJECT_VERSION "\n"},
+        {kReport + " --version", 0, "fmri-rem-report " FMRI_REM_PROJECT_VERSION "\n"},
+        {kImport + " t.tsv --conditions p --bogus", 1,
+         "Error: The following argument was not expected: --bogus"},
+        {kExport + " --bogus", 1, "Error: The following argument was not expected: --bogus"},
+        {kReport + " --bogus", 1, "Error: The following argument was not expected: --bogus"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
