@@ -44,7 +44,7 @@ TEST(Companions, BadValuesAndVersion) {
         {kImport + " --version", 0, "fmri-rem-import " FMRI_REM_PROJECT_VERSION "\n"},
         {kExport + " --version", 0, "fmri-rem-export " FMRI_REM_PROJECT_VERSION "\n"},
         {kReport + " --version", 0, "fmri-rem-report " FMRI_REM_PROJECT_VERSION "\n"},
-        {kImport + " t.tsv --conditions p --bogus", 1,
+        {kImport + " t.tsv -c p -s 6 8 --bogus", 1,
          "Error: The following argument was not expected: --bogus"},
         {kExport + " --bogus", 1, "Error: The following argument was not expected: --bogus"},
         {kReport + " --bogus", 1, "Error: The following argument was not expected: --bogus"},
