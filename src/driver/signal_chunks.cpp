@@ -3,6 +3,7 @@
 // or taken from memory, and held voxel by voxel.
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -64,29 +65,37 @@ void read_ahead(int fd, uint64_t voxels, int first, int count) {
 
 // Copies voxels v0 .. v1-1 of the segments effect[b] and error[b] of width
 // files into the rows of a chunk of nfiles files, row v0 (at its first
-// file's column) at to.  Four files by four voxels at a time where the
-// processor has the registers for it: the same values, fewer moves.
+// file's column) at to; with absolute, the error values without their signs.
+// Four files by four voxels at a time where the processor has the registers
+// for it: the same values, fewer moves.
 void transpose_tile(const float *const *effect, const float *const *error, size_t width, int v0,
-                    int v1, size_t nfiles, float *to) {
+                    int v1, size_t nfiles, bool absolute, float *to) {
     const size_t row = 2 * nfiles;
     size_t b = 0;
 #ifdef __SSE__
+    const __m128 sign = _mm_set1_ps(-0.0f);
     for (; b + 4 <= width; b += 4) {
         for (size_t frame = 0; frame < 2; ++frame) {
             const float *const *from = frame == 0 ? effect + b : error + b;
+            const __m128 clear = frame == 1 && absolute ? sign : _mm_setzero_ps();
             float *at = to + b + frame * nfiles;
             int v = v0;
             for (; v + 4 <= v1; v += 4, at += 4 * row) {
                 __m128 r0 = _mm_loadu_ps(from[0] + v), r1 = _mm_loadu_ps(from[1] + v);
                 __m128 r2 = _mm_loadu_ps(from[2] + v), r3 = _mm_loadu_ps(from[3] + v);
                 _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+                r0 = _mm_andnot_ps(clear, r0);
+                r1 = _mm_andnot_ps(clear, r1);
+                r2 = _mm_andnot_ps(clear, r2);
+                r3 = _mm_andnot_ps(clear, r3);
                 _mm_storeu_ps(at, r0);
                 _mm_storeu_ps(at + row, r1);
                 _mm_storeu_ps(at + 2 * row, r2);
                 _mm_storeu_ps(at + 3 * row, r3);
             }
             for (; v < v1; ++v, at += row)
-                for (size_t j = 0; j < 4; ++j) at[j] = from[j][v];
+                for (size_t j = 0; j < 4; ++j)
+                    at[j] = frame == 1 && absolute ? std::fabs(from[j][v]) : from[j][v];
         }
     }
 #endif
@@ -95,7 +104,7 @@ void transpose_tile(const float *const *effect, const float *const *error, size_
         float *at = to + b;
         for (int v = v0; v < v1; ++v, at += row) {
             at[0] = e[v];
-            at[nfiles] = s[v];
+            at[nfiles] = absolute ? std::fabs(s[v]) : s[v];
         }
     }
 }
@@ -159,8 +168,12 @@ void chunk_buffer::take(size_t floats) {
     floats_ = bytes / sizeof(float);
 }
 
-signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead, int readers)
-    : entries_(entries), nfiles_(nfiles > 0 ? static_cast<size_t>(nfiles) : 0), ahead_(ahead) {
+signal_chunks::signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead, int readers,
+                             bool absolute_errors)
+    : entries_(entries),
+      nfiles_(nfiles > 0 ? static_cast<size_t>(nfiles) : 0),
+      absolute_(absolute_errors),
+      ahead_(ahead) {
     // The chunk shrinks as the files grow in number; it need not be larger
     // than the volume.
     const int64_t voxels =
@@ -380,7 +393,7 @@ bool signal_chunks::read_batch(chunk_read &read, size_t k0, size_t k1, float *st
     const size_t width = opened - k0;
     const int kTile = 16;
     for (int v0 = 0; v0 < count; v0 += kTile)
-        transpose_tile(effect, error, width, v0, std::min(count, v0 + kTile), nfiles_,
+        transpose_tile(effect, error, width, v0, std::min(count, v0 + kTile), nfiles_, absolute_,
                        read.values + static_cast<size_t>(v0) * 2 * nfiles_ + k0);
     // The files after a shortened batch.
     return opened == k1 || read_batch(read, opened, k1, staging);

@@ -85,6 +85,7 @@ class chunk_buffer {
 // open files is lower), their segments of the chunk read in file order into
 // a staging block and transposed into the chunk; the kernel is asked to read
 // the next chunk's segments ahead while the voxels of this one are analysed.
+// With absolute_errors the error values are held without their signs.
 // Where the limit of open files allows a descriptor per file (it is raised
 // up to its hard limit for that), each file is opened once, at its first
 // chunk, and kept open until the object goes: the results are the same,
@@ -105,7 +106,8 @@ class signal_chunks {
     static const int kMaxChunk = 16384;
     static const int kBatch = 64;
 
-    signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead = false, int readers = 1);
+    signal_chunks(file_list_entry *const *entries, int nfiles, bool ahead = false, int readers = 1,
+                  bool absolute_errors = false);
     ~signal_chunks();
     signal_chunks(const signal_chunks &) = delete;
     signal_chunks &operator=(const signal_chunks &) = delete;
@@ -148,6 +150,7 @@ class signal_chunks {
 
     file_list_entry *const *entries_;
     size_t nfiles_;
+    bool absolute_;  // the error values held without their signs
     int chunk_;
     int batch_;
     int first_ = 0;

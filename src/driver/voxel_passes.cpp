@@ -31,7 +31,7 @@ int thread_index() {
 // What one thread works with.
 struct thread_state {
     rem_workspace *ws;
-    std::vector<float> errors, fitted, event_sum;
+    std::vector<float> fitted, event_sum;
 };
 
 // Voxels handed to a thread at once; a kernel that estimates several voxels
@@ -45,7 +45,6 @@ class thread_states {
         const size_t n = static_cast<size_t>(setup.nfiles);
         for (thread_state &s : states_) {
             s.ws = rem_workspace_create(setup.model);
-            s.errors.resize(kGroup * n);  // a group's error values
             s.fitted.resize(n);
             s.event_sum.resize(n);
         }
@@ -123,24 +122,20 @@ voxel_route voxel_route_from_environment(void) {
 
 int variance_pass(const voxel_pass_setup &setup, int *unestimable, int *did_not_settle,
                   int *at_cap) {
+    // The model squares the errors; their absolute values are passed.
     signal_chunks values(setup.entries, setup.nfiles, setup.route.read_on_demand != 0,
-                         setup.route.threads);
+                         setup.route.threads, true);
     thread_states states(setup);
     states.set_kernel_name(setup.route.kernel->name);
     const rem_kernel *kernel = setup.route.kernel;
-    const int nfiles = setup.nfiles;
-    // The model squares the errors; their absolute values are passed.
     auto group = [&](int first, int last, int *status) {
         thread_state &s = states.mine();
         const float *effects[kGroup], *errors[kGroup];
         float fe[kGroup], re[kGroup];
         const int size = last - first;
         for (int v = 0; v < size; ++v) {
-            float *to = s.errors.data() + static_cast<size_t>(v) * nfiles;
-            const float *from = values.errors(first + v);
-            for (int k = 0; k < nfiles; ++k) to[k] = std::fabs(from[k]);
             effects[v] = values.effects(first + v);
-            errors[v] = to;
+            errors[v] = values.errors(first + v);
         }
         rem_estimate_group(kernel, s.ws, size, effects, errors, setup.dofs, fe, re, status);
         for (int v = 0; v < size; ++v) {
