@@ -109,9 +109,23 @@ void transpose_tile(const float *const *effect, const float *const *error, size_
     }
 }
 
-// The blocks given back, for the next chunk source of the run.
-std::mutex spare_blocks_mutex;
-std::vector<std::pair<float *, size_t>> spare_blocks;
+// The blocks given back, for the next chunk source of the run.  The pool is
+// never destroyed: a reader thread may still hold a block while the program
+// exits, and the blocks stay reachable to the end.
+struct spare_block_pool {
+    std::mutex mutex;
+    std::vector<std::pair<float *, size_t>> blocks;
+};
+spare_block_pool &spare_pool() {
+    static spare_block_pool *pool = new spare_block_pool;
+    return *pool;
+}
+
+void give_back(float *data, size_t floats) {
+    spare_block_pool &pool = spare_pool();
+    std::lock_guard<std::mutex> lock(pool.mutex);
+    pool.blocks.emplace_back(data, floats);
+}
 
 // Blocks as large as this are laid on huge pages where the system offers
 // them: a few faults map the whole block.
@@ -120,22 +134,21 @@ const size_t kHugePage = size_t(2) << 20;
 }  // namespace
 
 chunk_buffer::~chunk_buffer() {
-    if (data_ == nullptr) return;
-    std::lock_guard<std::mutex> lock(spare_blocks_mutex);
-    spare_blocks.emplace_back(data_, floats_);
+    if (data_ != nullptr) give_back(data_, floats_);
 }
 
 void chunk_buffer::take(size_t floats) {
     if (data_ != nullptr) {
-        std::lock_guard<std::mutex> lock(spare_blocks_mutex);
-        spare_blocks.emplace_back(data_, floats_);
+        give_back(data_, floats_);
         data_ = nullptr;
         floats_ = 0;
     }
     if (floats == 0) floats = 1;
     {
         // The smallest spare block that is large enough.
-        std::lock_guard<std::mutex> lock(spare_blocks_mutex);
+        spare_block_pool &pool = spare_pool();
+        std::vector<std::pair<float *, size_t>> &spare_blocks = pool.blocks;
+        std::lock_guard<std::mutex> lock(pool.mutex);
         auto best = spare_blocks.end();
         for (auto b = spare_blocks.begin(); b != spare_blocks.end(); ++b)
             if (b->second >= floats && (best == spare_blocks.end() || b->second < best->second))
