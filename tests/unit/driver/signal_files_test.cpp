@@ -50,15 +50,16 @@ TEST(ReadDegreesOfFreedom, HeaderTable) {
     }
 }
 
-// Five files of 12 voxels read on demand: file k's effect at voxel v is
-// 100 k + v, its error -(100 k + v) - 0.5.  A file longer than needed is
-// fine until it changes under the run.  With the second half of the voxels
-// read ahead while the first is in use, a file whose error frame is cut short
+// 130 files of 12 voxels read on demand: file k's effect at voxel v is
+// 100 k + v, its error -(100 k + v) - 0.5 (held without its sign when asked).
+// A file longer than needed is fine until it changes under the run.  With
+// the second half of the voxels read ahead while the first is in use (by two
+// readers, files 0-63 and 64-129), a file whose error frame is cut short
 // after voxel 7 fails the second half only, and its message comes with the
-// fetch of that half, not before; without reading ahead a file cut short
-// fails the fetch itself.
+// fetch of that half, not before; of two such files the first in file order
+// is named.  Without reading ahead a file cut short fails the fetch itself.
 TEST(SignalChunks, OnDemandReadAheadAndShortFiles) {
-    const int kFiles = 5, kVoxels = 12;
+    const int kFiles = 130, kVoxels = 12;
     test_support::TempDir dir;
     std::vector<file_list_entry> rest(kFiles - 1);
     file_list_entry *entries[kFiles];
@@ -81,27 +82,27 @@ TEST(SignalChunks, OnDemandReadAheadAndShortFiles) {
         f();
         return testing::internal::GetCapturedStdout();
     };
-    auto values_are = [&](const signal_chunks &chunks, int first) {
+    auto values_are = [&](const signal_chunks &chunks, int first, float sign) {
         for (int v = first; v < first + kVoxels / 2; ++v)
             for (int k = 0; k < kFiles; ++k) {
                 SCOPED_TRACE("voxel " + std::to_string(v) + ", file " + std::to_string(k));
                 EXPECT_EQ(chunks.effect(k, v), 100.0f * k + v);
-                EXPECT_EQ(chunks.error(k, v), -(100.0f * k + v) - 0.5f);
+                EXPECT_EQ(chunks.error(k, v), sign * ((100.0f * k + v) + 0.5f));
             }
     };
-    const std::string longer = entries[1]->name, cut = entries[3]->name;
+    const std::string longer = entries[1]->name, cut = entries[3]->name, later = entries[100]->name;
     ASSERT_EQ(truncate(longer.c_str(), 4 * (2 * kVoxels + 1)), 0);
     int result = -1;
     quietly([&] { result = load_signal_files(1); });
     ASSERT_EQ(result, 0);
     EXPECT_EQ(file_list_root.effect, nullptr);  // read on demand
-    {
-        signal_chunks chunks(entries, kFiles, true);
+    for (const bool absolute : {false, true}) {
+        signal_chunks chunks(entries, kFiles, true, 2, absolute);
         ASSERT_TRUE(chunks.fetch(0, 6));
         chunks.fetch_ahead(6, 6);
-        values_are(chunks, 0);
+        values_are(chunks, 0, absolute ? 1.0f : -1.0f);
         ASSERT_TRUE(chunks.fetch(6, 6));
-        values_are(chunks, 6);
+        values_are(chunks, 6, absolute ? 1.0f : -1.0f);
     }
     EXPECT_EQ(check_signal_files_unchanged(), 0);
     ASSERT_EQ(truncate(longer.c_str(), 4 * (2 * kVoxels + 2)), 0);
@@ -109,10 +110,10 @@ TEST(SignalChunks, OnDemandReadAheadAndShortFiles) {
               "Error: the signal file " + longer + " changed during the analysis.\n");
     EXPECT_EQ(result, 1);
 
-    ASSERT_EQ(truncate(cut.c_str(), 4 * (kVoxels + 8)), 0);
     bool fetched = false;
-    {
-        signal_chunks chunks(entries, kFiles, true);
+    for (const std::string &name : {later, cut}) {
+        ASSERT_EQ(truncate(name.c_str(), 4 * (kVoxels + 8)), 0);
+        signal_chunks chunks(entries, kFiles, true, 2);
         EXPECT_EQ(quietly([&] {
                       fetched = chunks.fetch(0, 6);
                       chunks.fetch_ahead(6, 6);
@@ -120,7 +121,7 @@ TEST(SignalChunks, OnDemandReadAheadAndShortFiles) {
                   "");
         EXPECT_TRUE(fetched);
         EXPECT_EQ(quietly([&] { fetched = chunks.fetch(6, 6); }),
-                  "Error reading the floating point data from file " + cut + "\n");
+                  "Error reading the floating point data from file " + name + "\n");
         EXPECT_FALSE(fetched);
     }
     ASSERT_EQ(truncate(longer.c_str(), 4 * kVoxels), 0);
