@@ -21,7 +21,6 @@
 // one after the other.
 #include <cmath>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 
 #include "converged.h"
@@ -123,35 +122,6 @@ void rem_converged_reml_many(int n, int k, const float *design, int count,
                                        &iterations[v]);
 }
 
-namespace {
-
-// The fixed-effects variances of a group of voxels, each as
-// rem_fixed_effects_variance forms it, and whether all its error values are
-// positive (else the variance is not to be used): the files' weights are divided out once for the
-// group (into weight, n floats), and the voxels' sums, each in file order,
-// run side by side.
-void group_fixed_effects_variance(int n, int count, const float *const *errors, const int *dof,
-                                  float *weight, float *sigma2_fe, bool *positive) {
-    int64_t total_dof = 0;
-    for (int i = 0; i < n; ++i) total_dof += dof[i];
-    for (int i = 0; i < n; ++i)
-        weight[i] = static_cast<float>(dof[i]) / static_cast<float>(total_dof);
-    float fe[REM_CONVERGED_GROUP];
-    for (int v = 0; v < count; ++v) {
-        fe[v] = 0.0f;
-        positive[v] = true;
-    }
-    for (int i = 0; i < n; ++i)
-        for (int v = 0; v < count; ++v) {
-            const float e = errors[v][i];
-            positive[v] = positive[v] && e > 0.0f;
-            fe[v] += weight[i] * e * e;
-        }
-    for (int v = 0; v < count; ++v) sigma2_fe[v] = fe[v];
-}
-
-}  // namespace
-
 // The kernel's first pass over a group of voxels: the fixed-effects variance
 // of each, then the converged estimates of those that have one, side by side.
 int rem_converged_estimate_many(rem_workspace *ws, int count, const float *const *effects,
@@ -162,11 +132,8 @@ int rem_converged_estimate_many(rem_workspace *ws, int count, const float *const
     const float *error[REM_CONVERGED_GROUP] = {};
     int which[REM_CONVERGED_GROUP] = {};
     int usable = 0;
-    bool positive[REM_CONVERGED_GROUP];
-    group_fixed_effects_variance(ws->n, count, errors, dof, ws->w, sigma2_fe, positive);
     for (int v = 0; v < count; ++v) {
-        if (!positive[v]) {
-            sigma2_fe[v] = sigma2_re[v] = 0.0f;
+        if (rem_fixed_effects_variance(ws->n, errors[v], dof, &sigma2_fe[v], &sigma2_re[v]) != 0) {
             result[v] = REM_VOXEL_UNUSABLE;
             continue;
         }
