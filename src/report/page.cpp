@@ -1,7 +1,6 @@
 // The report page: one HTML file with every picture inside it.
 #include <algorithm>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -10,19 +9,10 @@
 
 namespace report {
 
-std::string format(const char *f, ...) {
-    char text[512];
-    va_list args;
-    va_start(args, f);
-    std::vsnprintf(text, sizeof text, f, args);
-    va_end(args);
-    return text;
-}
-
 namespace {
 
 std::string number(double x) {
-    return format("%g", x);
+    return format_text("%g", x);
 }
 
 // A path as the reader best finds it: absolute and without "..".
@@ -126,17 +116,18 @@ std::string run_section(const options &o, const results &r) {
     row(all_events ? "Files per event" : "Design columns",
         per_event + " (" + std::to_string(f.design.size()) + " files in all)");
     const view_axes v = view_of(r.geometry);
-    row("Voxels", format("%ld in the volume (%d &times; %d &times; %d voxels of %s &times; %s "
-                         "&times; %s mm); %ld analysed, %ld left out (outside the brain, or some "
-                         "file had a standard error of 0 there)",
-                         f.voxels, r.dims[0], r.dims[1], r.dims[2], number(v.mm[0]).c_str(),
-                         number(v.mm[1]).c_str(), number(v.mm[2]).c_str(), f.analysed,
-                         f.voxels - f.analysed));
+    row("Voxels",
+        format_text("%ld in the volume (%d &times; %d &times; %d voxels of %s &times; %s "
+                    "&times; %s mm); %ld analysed, %ld left out (outside the brain, or some "
+                    "file had a standard error of 0 there)",
+                    f.voxels, r.dims[0], r.dims[1], r.dims[2], number(v.mm[0]).c_str(),
+                    number(v.mm[1]).c_str(), number(v.mm[2]).c_str(), f.analysed,
+                    f.voxels - f.analysed));
     row("Smoothing",
         f.smoothing_known
-            ? format("%s mm FWHM in the single-subject analyses; %s mm FWHM for the "
-                     "ratio of total to within-subject variance",
-                     number(f.prior_smoothing).c_str(), number(f.ratio_smoothing).c_str())
+            ? format_text("%s mm FWHM in the single-subject analyses; %s mm FWHM for the "
+                          "ratio of total to within-subject variance",
+                          number(f.prior_smoothing).c_str(), number(f.ratio_smoothing).c_str())
             : "unknown (no analysis file)");
     row("Degrees of freedom",
         (f.fixed_dof >= 0 ? "fixed " + std::to_string(f.fixed_dof) + " (the files' own, summed)"
@@ -153,10 +144,11 @@ std::string run_section(const options &o, const results &r) {
             "for several rows, a corrected p from the three-dimensional term alone) and are "
             "not used.");
     row("Threshold",
-        format("&minus;log<sub>10</sub> p &ge; %s, that is p &le; %s; clusters of at least %ld "
-               "voxel%s",
-               number(o.threshold).c_str(), number(std::pow(10.0, -o.threshold)).c_str(),
-               o.min_cluster, o.min_cluster == 1 ? "" : "s"));
+        format_text(
+            "&minus;log<sub>10</sub> p &ge; %s, that is p &le; %s; clusters of at least %ld "
+            "voxel%s",
+            number(o.threshold).c_str(), number(std::pow(10.0, -o.threshold)).c_str(),
+            o.min_cluster, o.min_cluster == 1 ? "" : "s"));
     row("Coordinates",
         "mm through the affine of " +
             (r.geometry.from_header ? std::string("the result header (voxel size, origin and "
@@ -187,13 +179,13 @@ std::string design_section(const results &r) {
         "0 included, so a group column of 0 and 1 is black and white.</p>\n";
     h += "<div class=\"design\"><div></div><div class=\"cols\">";
     for (char e : f.events)
-        h += format("<span style=\"width:%dpx\" title=\"", cell_w) +
+        h += format_text("<span style=\"width:%dpx\" title=\"", cell_w) +
              html_escape(f.header.event_name(e)) + "\">event " + e + "</span>";
     h += "</div>\n<div class=\"rows\">";
     for (int i = 0; i < rows; ++i) {
         std::string name = i < static_cast<int>(f.files.size()) ? f.files[i] : "file";
         std::string base = name.substr(name.rfind('/') + 1);
-        h += format("<div style=\"height:%dpx;line-height:%dpx\">", cell_h, cell_h) +
+        h += format_text("<div style=\"height:%dpx;line-height:%dpx\">", cell_h, cell_h) +
              (i % every == 0 ? html_escape(std::to_string(i) + " " + base) : "") + "</div>";
     }
     h += "</div>\n" + img_tag(design_picture(f, cell_w, cell_h), "design matrix") + "</div>\n";
@@ -207,9 +199,9 @@ std::string design_section(const results &r) {
         for (size_t k = 0; k < c.contrast.size(); ++k) {
             h += "<tr>";
             if (k == 0)
-                h += format("<td rowspan=\"%zu\"><a href=\"#c-", c.contrast.size()) +
+                h += format_text("<td rowspan=\"%zu\"><a href=\"#c-", c.contrast.size()) +
                      html_escape(c.label) + "\"><code>" + html_escape(c.title) +
-                     "</code></a></td>" + format("<td rowspan=\"%zu\">", c.contrast.size()) +
+                     "</code></a></td>" + format_text("<td rowspan=\"%zu\">", c.contrast.size()) +
                      test_text(c) + "</td>";
             h += "<td>" + row_text(c.contrast[k], f) +
                  (k == 0 && c.contrast.size() > 1 ? " (jointly with the rows below)" : "") +

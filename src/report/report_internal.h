@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "report.h"
+#include "util.h"
 
 namespace report {
 
@@ -141,9 +142,6 @@ std::string condition_section(const options &o, const results &r, const conditio
 // "t test, 40 dof, two-sided p" and the like, in HTML.
 std::string test_text(const condition_maps &c);
 std::string diagnostics_section(const options &o, const results &r);
-
-// printf-style text of at most 511 characters (page.cpp).
-std::string format(const char *f, ...);
 
 }  // namespace report
 

@@ -33,7 +33,7 @@ std::string cluster_table(const condition_maps &c) {
         for (size_t q = 0; q < cl.peaks.size(); ++q) {
             const peak &p = cl.peaks[q];
             if (q == 0)
-                h += format(
+                h += format_text(
                     "<tr><td class=\"n\">%zu</td><td>%s</td><td class=\"n\">%ld</td>"
                     "<td class=\"n\">%.0f</td>",
                     k + 1,
@@ -42,7 +42,7 @@ std::string cluster_table(const condition_maps &c) {
                     cl.voxels, cl.volume_mm3);
             else
                 h += "<tr class=\"sub\"><td colspan=\"4\">&nbsp;&nbsp;further peak</td>";
-            h += format(
+            h += format_text(
                 "<td class=\"n\">%.1f, %.1f, %.1f</td><td class=\"n\">%d, %d, %d</td>"
                 "<td class=\"n\">%.2f</td><td class=\"n\">%.2f</td></tr>\n",
                 p.mm[0], p.mm[1], p.mm[2], p.ijk[0], p.ijk[1], p.ijk[2],
@@ -54,8 +54,8 @@ std::string cluster_table(const condition_maps &c) {
     h += "<p class=\"note\">Clusters of one or two voxels are mostly noise at this threshold; "
          "<code>--min-cluster</code> leaves them out.</p>\n";
     if (c.clusters.size() > kMostClusters)
-        h += format("<p class=\"note\">%zu smaller clusters are in the TSV file only.</p>\n",
-                    c.clusters.size() - kMostClusters);
+        h += format_text("<p class=\"note\">%zu smaller clusters are in the TSV file only.</p>\n",
+                         c.clusters.size() - kMostClusters);
     return h;
 }
 
@@ -93,7 +93,7 @@ std::string condition_section(const options &o, const results &r, const conditio
                 row += x > 0 ? " + " : " &minus; ";
             else if (x < 0)
                 row += "&minus;";
-            if (std::fabs(x) != 1) row += format("%g ", std::fabs(x));
+            if (std::fabs(x) != 1) row += format_text("%g ", std::fabs(x));
             row += html_escape(r.facts.header.event_name(r.facts.events[e]));
         }
         rows += (k ? "; " : "") + (row.empty() ? std::string("0") : row);
@@ -105,7 +105,7 @@ std::string condition_section(const options &o, const results &r, const conditio
                      : ": " + test_text(c) +
                            "; red to yellow where it is above 0, blue where "
                            "below") +
-         format(
+         format_text(
              ". %ld voxels pass &minus;log<sub>10</sub> p &ge; %g in clusters of at least %ld: "
              "%ld positive in %ld cluster%s, %ld negative in %ld cluster%s. Files: <code>T-",
              positive + negative, o.threshold, o.min_cluster, positive, npos, npos == 1 ? "" : "s",
@@ -116,7 +116,7 @@ std::string condition_section(const options &o, const results &r, const conditio
          html_escape(c.label) + "_clusters.tsv</code>.</p>\n";
 
     // Colour bar.
-    std::string low = format("%.1f", o.threshold), high = format("%.1f", s.largest);
+    std::string low = format_text("%.1f", o.threshold), high = format_text("%.1f", s.largest);
     h += "<div class=\"bar\">" +
          (c.rows > 1 ? std::string()
                      : bar_figure(colour_bar(-1, 200, 14), "&minus;" + high, "&minus;" + low,
@@ -136,8 +136,8 @@ std::string condition_section(const options &o, const results &r, const conditio
     for (int slice : slices_to_show(r, v, kMostSlices))
         h += "<figure>" +
              img_tag(statistic_slice(r, v, slice, g, s, ppm),
-                     format("slice %d of condition ", slice) + c.name) +
-             format("<figcaption>z = %.0f mm</figcaption></figure>", slice_mm(r, v, slice));
+                     format_text("slice %d of condition ", slice) + c.name) +
+             format_text("<figcaption>z = %.0f mm</figcaption></figure>", slice_mm(r, v, slice));
     h += "</div>\n";
 
     // Projections.
@@ -155,15 +155,15 @@ std::string condition_section(const options &o, const results &r, const conditio
 }
 
 std::string test_text(const condition_maps &c) {
-    std::string t =
-        c.rows == 1 ? format("t test, %d dof, two-sided p", c.dof)
-                    : format("F test, %d and %d dof, p from the upper tail of F", c.rows, c.dof);
+    std::string t = c.rows == 1 ? format_text("t test, %d dof, two-sided p", c.dof)
+                                : format_text("F test, %d and %d dof, p from the upper tail of F",
+                                              c.rows, c.dof);
     if (!c.corrected) return t + ", uncorrected";
     if (!std::isfinite(c.corrected_from))
         return t +
                ", corrected (the Euler-characteristic formula never decreases at these "
                "degrees of freedom: every corrected p is 1)";
-    return t + format(", corrected (1 where |T| &lt; %.3g)", c.corrected_from);
+    return t + format_text(", corrected (1 where |T| &lt; %.3g)", c.corrected_from);
 }
 
 std::string diagnostics_section(const options &o, const results &r) {
@@ -185,7 +185,7 @@ std::string diagnostics_section(const options &o, const results &r) {
          "the variance ratio that the tests use. The raw map is noisy (it rests on few files); "
          "the smoothed one should follow it without its grain. Both on one scale:</p>\n";
     h += "<div class=\"bar\">" +
-         bar_figure(sequential_bar(240, 14), "0", format("%.3g", high),
+         bar_figure(sequential_bar(240, 14), "0", format_text("%.3g", high),
                     "variance (the top is the 98th percentile of the raw map; above it, yellow)") +
          "</div>\n";
     const std::vector<float> *maps[2] = {&r.between, &r.smoothed};
@@ -193,10 +193,11 @@ std::string diagnostics_section(const options &o, const results &r) {
     for (int m = 0; m < (r.has_smoothed ? 2 : 1); ++m) {
         h += std::string("<p><strong>") + titles[m] + "</strong></p>\n<div class=\"tiles\">";
         for (int slice : slices)
-            h += "<figure>" +
-                 img_tag(value_slice(r, v, slice, *maps[m], high, ppm),
-                         std::string("between-subject variance ") + titles[m]) +
-                 format("<figcaption>z = %.0f mm</figcaption></figure>", slice_mm(r, v, slice));
+            h +=
+                "<figure>" +
+                img_tag(value_slice(r, v, slice, *maps[m], high, ppm),
+                        std::string("between-subject variance ") + titles[m]) +
+                format_text("<figcaption>z = %.0f mm</figcaption></figure>", slice_mm(r, v, slice));
         h += "</div>\n";
     }
     if (!r.has_smoothed)

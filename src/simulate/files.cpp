@@ -5,24 +5,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "simulate_internal.h"
+#include "util.h"
 
 namespace simulate {
 
 namespace {
-
-std::string format(const char *f, ...) {
-    char text[512];
-    va_list args;
-    va_start(args, f);
-    std::vsnprintf(text, sizeof text, f, args);
-    va_end(args);
-    return text;
-}
 
 // The names in folder dir, but "." and "..".
 std::vector<std::string> names_in(const std::string &dir) {
@@ -83,10 +74,11 @@ bool write_volume(const std::string &dir, const std::string &stem, const volume 
 }
 
 std::string analysis_text(const options &o, std::string *conditions) {
-    std::string text = format("# Synthetic study from fmri-rem-simulate, seed %llu\n",
-                              static_cast<unsigned long long>(o.seed));
-    text += format("smoothing %g %g  # prior smoothing, smoothing of the variance ratio (mm)\n",
-                   o.prior_fwhm, o.ratio_fwhm);
+    std::string text = format_text("# Synthetic study from fmri-rem-simulate, seed %llu\n",
+                                   static_cast<unsigned long long>(o.seed));
+    text +=
+        format_text("smoothing %g %g  # prior smoothing, smoothing of the variance ratio (mm)\n",
+                    o.prior_fwhm, o.ratio_fwhm);
     conditions->clear();
     for (int g = 0; g < o.groups; ++g) *conditions += std::string(1, group_char(o, g)) + " ";
     for (int g = 0; g + 1 < o.groups; ++g) {
@@ -99,7 +91,8 @@ std::string analysis_text(const options &o, std::string *conditions) {
     const long total = static_cast<long>(o.groups) * o.subjects;
     for (long j = 0; j < total; ++j) {
         const int g = static_cast<int>(j / o.subjects);
-        if (j % o.subjects == 0) text += format("event %c  # group %d\n", group_char(o, g), g + 1);
+        if (j % o.subjects == 0)
+            text += format_text("event %c  # group %d\n", group_char(o, g), g + 1);
         text += o.prefix + subject_stem(o, j) + ".bfloat\n";
     }
     return text;

@@ -1,12 +1,12 @@
 // The summary table: the T and P volumes of each condition, read with the
 // grid of the T volume's native header.
 #include "summary.h"
+#include "util.h"
 
 #include <dirent.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -45,16 +45,6 @@ bool read_frame(const std::string &path, size_t n, std::vector<float> *values) {
     return ok;
 }
 
-std::string line(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string line(const char *format, ...) {
-    va_list args;
-    va_start(args, format);
-    char text[512];
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
-}
-
 }  // namespace
 
 const char *version() {
@@ -84,8 +74,8 @@ bool summarise(const std::string &dir, std::string *text, std::string *error) {
 
     // -log10(0.001) = 3.
     const float threshold = 3.0f;
-    *text = line("%-12s %10s  %-16s %s\n", "condition", "max |T|", "at voxel (x,y,z)",
-                 "voxels with p < 0.001 (positive / negative T)");
+    *text = format_text("%-12s %10s  %-16s %s\n", "condition", "max |T|", "at voxel (x,y,z)",
+                        "voxels with p < 0.001 (positive / negative T)");
     for (const std::string &c : conditions) {
         int nx, ny, nz;
         if (!read_dimensions(dir + "/T-" + c + ".hdr", &nx, &ny, &nz)) {
@@ -112,7 +102,8 @@ bool summarise(const std::string &dir, std::string *text, std::string *error) {
         // The condition's name may be long: it goes in whole, beside the formatted numbers.
         std::string name = c;
         if (name.size() < 12) name.resize(12, ' ');
-        *text += name + line(" %10.2f  %-16s %ld / %ld\n", t[best], where, positive, negative);
+        *text +=
+            name + format_text(" %10.2f  %-16s %ld / %ld\n", t[best], where, positive, negative);
     }
     return true;
 }

@@ -2,6 +2,7 @@
 // scanning the command line for single-letter options.
 #include "util.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -60,3 +61,12 @@ int my_getopt(int argc, char **argv, const char *options, int *index) {
 }
 
 }  // extern "C"
+
+std::string format_text(const char *format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return text;
+}

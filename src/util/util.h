@@ -81,6 +81,11 @@ int help_menu(int linked, const char *file_name);
 
 #ifdef __cplusplus
 }
+
+#include <string>
+
+// printf into a string of at most 511 characters (text.cpp).
+std::string format_text(const char *format, ...) __attribute__((format(printf, 1, 2)));
 #endif
 
 #endif
