@@ -20,7 +20,7 @@
 
 // Loads the signal files as read_signal_files does; with read_on_demand, a
 // regular data file that is long enough is read as the passes go instead,
-// a chunk of voxels at a time, opened anew for each chunk.  Any other file (a
+// a chunk of voxels at a time (see signal_chunks).  Any other file (a
 // pipe, say), and a file that a result written before the second pass
 // ("basis.dat", "sigma2") would overwrite, is read into memory at once.
 int load_signal_files(int read_on_demand);
